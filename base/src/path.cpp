@@ -1,0 +1,18 @@
+#include <zo/path.h>
+
+#include <utility>
+
+namespace zo {
+
+Path::Path(std::string path)
+    : _path(std::move(path))
+{
+}
+
+std::string Path::filename() const
+{
+    const auto slash = _path.rfind('/');
+    return slash == std::string::npos ? _path : _path.substr(slash + 1);
+}
+
+} // namespace zo

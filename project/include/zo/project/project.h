@@ -1,0 +1,31 @@
+#pragma once
+
+#include <zo/project/zoproject_export.h>
+
+#include <map>
+#include <string>
+
+namespace zo::project {
+
+// A project directory and its metadata, a copyable value. Construction touches no disk;
+// every metadata call reads or replaces the ".metadata" file at the project root.
+class ZOPROJECT_EXPORT Project {
+public:
+    explicit Project(std::string path);
+
+    const std::string& projectPath() const;
+
+    // "" when the key is absent.
+    std::string getMetadata(const std::string& key) const;
+    // Persisted at once by an atomic replacement of the metadata file.
+    void setMetadata(const std::string& key, const std::string& value);
+    std::map<std::string, std::string> getMetadata() const;
+
+private:
+    std::string _path;
+};
+
+// Creates the directory (with parents) and an empty metadata file.
+ZOPROJECT_EXPORT Project makeProject(const std::string& path);
+
+} // namespace zo::project

@@ -1,0 +1,1 @@
+#include <zo/project/archive.h>

@@ -1,0 +1,107 @@
+#pragma once
+
+#include <zo/project/zoprojectqt_export.h>
+
+#include <QFileDevice>
+#include <QString>
+
+#include <stdexcept>
+#include <string>
+
+// Errors of the swap-file engine and its facade. Each message is a fixed prefix followed by
+// the path concerned; catch the whole family as exception::ProjectVFS and the commit failures
+// as exception::SwapFileCommit.
+namespace zo::project::exception {
+
+class ZOPROJECTQT_EXPORT ProjectVFS : public std::runtime_error {
+public:
+    explicit ProjectVFS(const std::string& message);
+    ~ProjectVFS() override;
+};
+
+class ZOPROJECTQT_EXPORT ProjectPathDoesNotExists : public ProjectVFS {
+public:
+    explicit ProjectPathDoesNotExists(const std::string& path);
+    ~ProjectPathDoesNotExists() override;
+};
+
+// Not thrown by the library; offered to clients that refuse to go on with unsaved changes.
+class ZOPROJECTQT_EXPORT ProjectNotCommitted : public ProjectVFS {
+public:
+    explicit ProjectNotCommitted(const std::string& path);
+    ~ProjectNotCommitted() override;
+};
+
+class ZOPROJECTQT_EXPORT SwapFileAlreadyExists : public ProjectVFS {
+public:
+    explicit SwapFileAlreadyExists(const std::string& path);
+    ~SwapFileAlreadyExists() override;
+};
+
+class ZOPROJECTQT_EXPORT CreateSwapFile : public ProjectVFS {
+public:
+    explicit CreateSwapFile(const std::string& path);
+    ~CreateSwapFile() override;
+};
+
+class ZOPROJECTQT_EXPORT CopySwapFile : public ProjectVFS {
+public:
+    CopySwapFile(const std::string& path, QString tempPath);
+    ~CopySwapFile() override;
+
+    // The swap file that could not be written.
+    QString tempPath() const;
+
+private:
+    QString _tempPath;
+};
+
+class ZOPROJECTQT_EXPORT OpenSwapFile : public ProjectVFS {
+public:
+    OpenSwapFile(const std::string& path, QFileDevice::FileError fileError);
+    ~OpenSwapFile() override;
+
+    QFileDevice::FileError fileError();
+
+private:
+    QFileDevice::FileError _fileError;
+};
+
+// Groups the failures of committing a swap file; never thrown itself.
+class ZOPROJECTQT_EXPORT SwapFileCommit : public ProjectVFS {
+public:
+    explicit SwapFileCommit(const std::string& message);
+    ~SwapFileCommit() override;
+};
+
+class ZOPROJECTQT_EXPORT SourceFileRename : public SwapFileCommit {
+public:
+    explicit SourceFileRename(const std::string& path);
+    ~SourceFileRename() override;
+};
+
+class ZOPROJECTQT_EXPORT SourceFileBackupRemove : public SwapFileCommit {
+public:
+    explicit SourceFileBackupRemove(const std::string& path);
+    ~SourceFileBackupRemove() override;
+};
+
+class ZOPROJECTQT_EXPORT SwapFileRename : public SwapFileCommit {
+public:
+    explicit SwapFileRename(const std::string& path);
+    ~SwapFileRename() override;
+};
+
+class ZOPROJECTQT_EXPORT SwapFileRemove : public SwapFileCommit {
+public:
+    explicit SwapFileRemove(const std::string& path);
+    ~SwapFileRemove() override;
+};
+
+class ZOPROJECTQT_EXPORT SourceFileDoesNotExists : public SwapFileCommit {
+public:
+    explicit SourceFileDoesNotExists(const std::string& path);
+    ~SourceFileDoesNotExists() override;
+};
+
+} // namespace zo::project::exception

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <zo/project/zoprojectqt_export.h>
+
+#include <QDir>
+#include <QString>
+#include <QStringList>
+
+#include <stdexcept>
+#include <string>
+
+// Plain file-system utilities: the errors every file operation throws, listings, sizes,
+// free space, and recursive copy, move and removal.
+namespace zo::project {
+
+class ZOPROJECTQT_EXPORT IOError : public std::runtime_error {
+public:
+    explicit IOError(const std::string& message);
+    explicit IOError(const char* message);
+    ~IOError() override;
+};
+
+class ZOPROJECTQT_EXPORT IOReadError : public IOError {
+public:
+    explicit IOReadError(const std::string& message);
+    explicit IOReadError(const char* message);
+    ~IOReadError() override;
+};
+
+class ZOPROJECTQT_EXPORT IOWriteError : public IOError {
+public:
+    explicit IOWriteError(const std::string& message);
+    explicit IOWriteError(const char* message);
+    ~IOWriteError() override;
+};
+
+// Not an IOError: callers tell a missing path apart from a failing one.
+class ZOPROJECTQT_EXPORT PathNotFound : public std::runtime_error {
+public:
+    explicit PathNotFound(const std::string& message);
+    explicit PathNotFound(const char* message);
+    ~PathNotFound() override;
+};
+
+// Not an IOError: the destination exists and may not be overwritten, or equals the source.
+class ZOPROJECTQT_EXPORT AlreadyExists : public std::runtime_error {
+public:
+    explicit AlreadyExists(const std::string& message);
+    explicit AlreadyExists(const char* message);
+    ~AlreadyExists() override;
+};
+
+// Entries below path, relative to it, "/"-separated, a directory before its contents.
+ZOPROJECTQT_EXPORT QStringList listDirectory(
+    const QString& path, bool showHidden, bool recursive, bool includeDirs);
+
+// The worker of listDirectory: names are prefixed with prefix.
+ZOPROJECTQT_EXPORT QStringList xListFiles(
+    const QDir& dir, const QString& prefix, bool showHidden, bool recursive, bool includeDirs);
+
+// Adds the sizes and the number of the regular files below path to *pSize and *pCount,
+// stopping as soon as either reaches its limit (0: no limit); *pAborted tells whether it did.
+ZOPROJECTQT_EXPORT void folderSize(const QString& path, unsigned long long* pSize,
+    unsigned int* pCount, bool* pAborted, unsigned int maxCount, unsigned long long maxSize);
+
+// Whether size bytes plus a 10 MiB reserve fit on the volume that would hold path.
+ZOPROJECTQT_EXPORT bool hasEnoughSpaceDiskToCopyTo(
+    const QString& path, long long size, long long* pMissing);
+
+ZOPROJECTQT_EXPORT void remove(const QString& path);
+ZOPROJECTQT_EXPORT void copy(const QString& src, const QString& dst, const bool& overwrite);
+ZOPROJECTQT_EXPORT void move(const QString& src, const QString& dst, const bool& overwrite);
+
+} // namespace zo::project

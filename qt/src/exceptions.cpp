@@ -1,0 +1,98 @@
+#include <zo/project/exceptions.h>
+
+#include <utility>
+
+namespace zo::project::exception {
+
+// The odd spacing in some prefixes is part of the messages other programs match on.
+ProjectVFS::ProjectVFS(const std::string& message)
+    : std::runtime_error(message)
+{
+}
+ProjectVFS::~ProjectVFS() = default;
+
+ProjectPathDoesNotExists::ProjectPathDoesNotExists(const std::string& path)
+    : ProjectVFS("Project path '" + path + "' does not exist")
+{
+}
+ProjectPathDoesNotExists::~ProjectPathDoesNotExists() = default;
+
+ProjectNotCommitted::ProjectNotCommitted(const std::string& path)
+    : ProjectVFS("Project  '" + path + "' is not committed")
+{
+}
+ProjectNotCommitted::~ProjectNotCommitted() = default;
+
+SwapFileAlreadyExists::SwapFileAlreadyExists(const std::string& path)
+    : ProjectVFS("A swap file already exists for: " + path)
+{
+}
+SwapFileAlreadyExists::~SwapFileAlreadyExists() = default;
+
+CreateSwapFile::CreateSwapFile(const std::string& path)
+    : ProjectVFS("Can not create swap file for: " + path)
+{
+}
+CreateSwapFile::~CreateSwapFile() = default;
+
+CopySwapFile::CopySwapFile(const std::string& path, QString tempPath)
+    : ProjectVFS("Can not copy swap file for: " + path)
+    , _tempPath(std::move(tempPath))
+{
+}
+CopySwapFile::~CopySwapFile() = default;
+
+QString CopySwapFile::tempPath() const
+{
+    return _tempPath;
+}
+
+OpenSwapFile::OpenSwapFile(const std::string& path, QFileDevice::FileError fileError)
+    : ProjectVFS("Can not open swap file for: " + path)
+    , _fileError(fileError)
+{
+}
+OpenSwapFile::~OpenSwapFile() = default;
+
+QFileDevice::FileError OpenSwapFile::fileError()
+{
+    return _fileError;
+}
+
+SwapFileCommit::SwapFileCommit(const std::string& message)
+    : ProjectVFS(message)
+{
+}
+SwapFileCommit::~SwapFileCommit() = default;
+
+SourceFileRename::SourceFileRename(const std::string& path)
+    : SwapFileCommit("Can not rename source file: " + path)
+{
+}
+SourceFileRename::~SourceFileRename() = default;
+
+SourceFileBackupRemove::SourceFileBackupRemove(const std::string& path)
+    : SwapFileCommit("Can not remove source file backup: " + path)
+{
+}
+SourceFileBackupRemove::~SourceFileBackupRemove() = default;
+
+SwapFileRename::SwapFileRename(const std::string& path)
+    : SwapFileCommit("Can not rename swap file: " + path)
+{
+}
+SwapFileRename::~SwapFileRename() = default;
+
+SwapFileRemove::SwapFileRemove(const std::string& path)
+    : SwapFileCommit("Can not remove swap file: " + path)
+{
+}
+SwapFileRemove::~SwapFileRemove() = default;
+
+SourceFileDoesNotExists::SourceFileDoesNotExists(const std::string& path)
+    : SwapFileCommit("Source file does not exist for:" + path)
+{
+}
+SourceFileDoesNotExists::~SourceFileDoesNotExists() = default;
+
+} // namespace zo::project::exception

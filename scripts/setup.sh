@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build, the tests and the benchmarks need; only what is missing.
+set -euo pipefail
+
+packages=(
+  g++ cmake ninja-build pkg-config
+  qtbase5-dev libboost-filesystem-dev libarchive-dev nlohmann-json3-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  # tools the archive interoperability tests compare against
+  libarchive-tools unzip zip p7zip-full python3
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  status=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
+  [[ $status == "install ok installed" ]] || missing+=("$package")
+done
+[[ ${#missing[@]} -eq 0 ]] && exit 0
+
+run_as_root=()
+if [[ $(id -u) -ne 0 ]]; then
+  command -v sudo >/dev/null || { echo "setup: need root or sudo to install: ${missing[*]}" >&2; exit 1; }
+  run_as_root=(sudo)
+fi
+echo "setup: installing ${missing[*]}"
+"${run_as_root[@]}" apt-get update -q
+"${run_as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}"
