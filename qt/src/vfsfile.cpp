@@ -1,0 +1,111 @@
+#include <zo/project/vfsfile.h>
+
+#include "projectvfs_impl.h"
+
+#include <zo/project/exceptions.h>
+#include <zo/project/fileutils.h>
+
+#include <utility>
+
+namespace zo::project {
+
+VFSFile::VFSFile(std::shared_ptr<detail::ProjectVFS_Impl> impl, const QString& path)
+    : _impl(std::move(impl))
+    , _fileName(path)
+    , _swapName(_impl->makeSwapPath(path))
+    , _opened(_impl->isNotCommitted(path) ? &VFSFile::_swapName : &VFSFile::_fileName)
+{
+}
+
+VFSFile::~VFSFile() = default;
+
+bool VFSFile::open(QIODevice::OpenMode mode)
+{
+    if (isOpen())
+        return false;
+    if ((mode & QIODevice::WriteOnly) || _impl->isNotCommitted(_fileName)) {
+        try {
+            createSwapFile();
+        } catch (const exception::ProjectVFS& e) {
+            setErrorString(QString::fromUtf8(e.what()));
+            return false;
+        }
+        _opened = &VFSFile::_swapName;
+    } else {
+        _opened = &VFSFile::_fileName;
+    }
+    setFileName(_impl->filePath(openedPath()));
+    return QFile::open(mode);
+}
+
+FILE* VFSFile::fopen(const QString& mode)
+{
+    const QIODevice::OpenMode flags = detail::openModeOfStreamMode(mode);
+    // Only the side effects are wanted: the swap file and the choice of path.
+    if (!open(flags))
+        return nullptr;
+    close();
+    return detail::openStream(*_impl, openedPath(), mode, flags);
+}
+
+QString VFSFile::fileName() const
+{
+    return _fileName;
+}
+
+QString VFSFile::swapName() const
+{
+    return _swapName;
+}
+
+QString VFSFile::openedPath() const
+{
+    return this->*_opened;
+}
+
+QString VFSFile::createSwapFile()
+{
+    return _impl->createSwapFile(fileName(), swapName());
+}
+
+void VFSFile::move(const QString& newPath, bool overwrite)
+{
+    const QString oldName = fileName();
+    const QString newSwap = _impl->makeSwapPath(newPath);
+
+    const bool swapMoved = _impl->exists(swapName());
+    if (swapMoved)
+        zo::project::move(_impl->filePath(swapName()), _impl->filePath(newSwap), overwrite);
+    const bool sourceMoved = _impl->exists(fileName());
+    if (sourceMoved)
+        zo::project::move(_impl->filePath(fileName()), _impl->filePath(newPath), overwrite);
+
+    _fileName = newPath;
+    _swapName = newSwap;
+    if (swapMoved)
+        _impl->moveEntry(*this, oldName);
+    else if (!sourceMoved)
+        throw PathNotFound(oldName.toStdString());
+}
+
+void VFSFile::copy(const QString& newPath)
+{
+    _impl->copy(*this, newPath, true);
+}
+
+void VFSFile::commit()
+{
+    _impl->commit(*this);
+}
+
+void VFSFile::discard()
+{
+    _impl->discard(*this);
+}
+
+void VFSFile::remove()
+{
+    _impl->remove(*this);
+}
+
+} // namespace zo::project

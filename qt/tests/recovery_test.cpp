@@ -1,0 +1,258 @@
+#include "testutil.h"
+
+#include <zo/project/exceptions.h>
+#include <zo/project/projectvfs.h>
+#include <zo/project/vfsfile.h>
+
+#include <QCoreApplication>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <fstream>
+#include <sys/mount.h>
+
+namespace zo::project {
+
+// Found by argument-dependent lookup, so it lives in the record's namespace.
+static bool operator==(const ProjectVFS::RecoverableInfo& a, const ProjectVFS::RecoverableInfo& b)
+{
+    return a.swapPath == b.swapPath && a.sourcePath == b.sourcePath && a.pid == b.pid;
+}
+
+namespace {
+
+using test::LogCapture;
+using test::readFile;
+using test::writeFile;
+using Info = ProjectVFS::RecoverableInfo;
+
+// A process that has already ended; its id is free unless the system reuses it at once.
+pid_t deadPid()
+{
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(0);
+    waitpid(child, nullptr, 0);
+    return child;
+}
+
+std::string commandLineOf(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// A live process that counts as another instance of this program: its command line starts
+// with this program's name followed by a blank.
+class LiveInstance {
+public:
+    LiveInstance()
+    {
+        const std::string name =
+            QFileInfo(QCoreApplication::arguments().first()).baseName().toStdString();
+        const std::string argv0 = name + " (another instance)";
+        pid = fork();
+        if (pid == 0) {
+            execl("/bin/sleep", argv0.c_str(), "30", static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        for (int i = 0; i < 500 && commandLineOf(pid).rfind(argv0, 0) != 0; ++i)
+            usleep(2000);
+    }
+    ~LiveInstance()
+    {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    LiveInstance(const LiveInstance&) = delete;
+    LiveInstance& operator=(const LiveInstance&) = delete;
+
+    pid_t pid;
+};
+
+class Recovery : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(dir.isValid()); }
+    QString abs(const QString& relative) const { return dir.filePath(relative); }
+    static QString swapName(const QString& file, long long pid)
+    {
+        return QStringLiteral(".%1.%2.csp").arg(file).arg(pid);
+    }
+    std::vector<Info> sorted(std::vector<Info> infos)
+    {
+        std::sort(infos.begin(), infos.end(),
+            [](const Info& a, const Info& b) { return a.swapPath < b.swapPath; });
+        return infos;
+    }
+
+    QTemporaryDir dir;
+    ProjectVFS vfs{dir.path()};
+};
+
+TEST_F(Recovery, ListsSwapFilesWithSourceAndProcess)
+{
+    writeFile(abs("doc/.notes.txt.4242.csp"), "n");
+    writeFile(abs(".a.b.123.csp"), "ab");
+    writeFile(abs(".big.txt.70000.csp"), "big");
+    writeFile(abs(".hidden/.h.txt.5.csp"), "h");
+    writeFile(abs("doc/notes.txt.4242.csp"), "no leading dot");
+    writeFile(abs("doc/.x.txt.12.csp.bak"), "other extension");
+
+    const std::vector<Info> expected{
+        {QStringLiteral(".a.b.123.csp"), QStringLiteral("a.b"), 123},
+        {QStringLiteral(".big.txt.70000.csp"), QStringLiteral("big.txt"), 0},
+        {QStringLiteral("doc/.notes.txt.4242.csp"), QStringLiteral("doc/notes.txt"), 4242},
+    };
+    EXPECT_EQ(sorted(vfs.recoverableFiles()), expected);
+}
+
+TEST_F(Recovery, ReadOnlyDirectoriesAreNotScanned)
+{
+    writeFile(abs("ro/.r.txt.77.csp"), "r");
+    const QByteArray target = QFile::encodeName(abs("ro"));
+    if (mount(target.constData(), target.constData(), nullptr, MS_BIND, nullptr) != 0)
+        GTEST_SKIP() << "bind mounts are not available";
+    const bool readOnly = mount(nullptr, target.constData(), nullptr,
+                              MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+    const auto found = vfs.recoverableFiles();
+    umount(target.constData());
+    if (!readOnly)
+        GTEST_SKIP() << "read-only remount refused";
+    EXPECT_TRUE(found.empty());
+}
+
+TEST_F(Recovery, SwapOfAnEndedProcessIsMovedAndCommitted)
+{
+    std::vector<bool> reports;
+    vfs.setCommittedChangedHandler([&](bool pending) { reports.push_back(pending); });
+    writeFile(abs("d/a.txt"), "old");
+    const QString foreign = QStringLiteral("d/") + swapName(QStringLiteral("a.txt"), deadPid());
+    writeFile(abs(foreign), "unsaved work");
+
+    const auto found = vfs.recoverableFiles();
+    ASSERT_EQ(found.size(), 1u);
+    vfs.recoverFile(found[0]);
+    EXPECT_FALSE(QFile::exists(abs(foreign)));
+    EXPECT_EQ(reports, std::vector<bool>{true});
+    EXPECT_EQ(vfs.open(QStringLiteral("d/a.txt"), QIODevice::ReadOnly)->readAll(), "unsaved work");
+    vfs.commit();
+    EXPECT_EQ(readFile(abs("d/a.txt")), "unsaved work");
+}
+
+TEST_F(Recovery, SwapOfARunningProcessIsCopiedAndKept)
+{
+    LiveInstance other;
+    if (other.pid > 0xFFFF)
+        GTEST_SKIP() << "process ids above 16 bits are recorded as 0";
+    const QString theirs = swapName(QStringLiteral("a.txt"), other.pid);
+    writeFile(abs(theirs), "their work");
+    const Info info{theirs, QStringLiteral("a.txt"), static_cast<unsigned short>(other.pid)};
+
+    LogCapture log;
+    vfs.recoverFile(info);
+    EXPECT_EQ(readFile(abs(theirs)), "their work");
+    EXPECT_EQ(readFile(abs(vfs.makeSwapPath(QStringLiteral("a.txt")))), "their work");
+    EXPECT_TRUE(vfs.isNotCommitted(QStringLiteral("a.txt")));
+
+    vfs.abandonFile(info);
+    EXPECT_TRUE(QFile::exists(abs(theirs)));
+    const LogCapture::Line line("ProjectVFS", 4,
+        "Not removing '" + theirs.toStdString() + "' because process '" + std::to_string(other.pid)
+            + "' is still running");
+    EXPECT_EQ(log.lines, (std::vector<LogCapture::Line>{line, line}));
+}
+
+TEST_F(Recovery, RefusedTransfersKeepBothFiles)
+{
+    // This process's own swap file: the transfer onto itself fails.
+    auto mine = vfs.open(QStringLiteral("a.txt"), QIODevice::WriteOnly);
+    mine->write("mine");
+    mine->close();
+    const QString mySwap = vfs.makeSwapPath(QStringLiteral("a.txt"));
+    const Info own{mySwap, QStringLiteral("a.txt"),
+        static_cast<unsigned short>(QCoreApplication::applicationPid())};
+    try {
+        vfs.recoverFile(own);
+        FAIL() << "no exception";
+    } catch (const exception::SwapFileRename& e) {
+        EXPECT_EQ(std::string(e.what()), "Can not rename swap file: " + mySwap.toStdString());
+    }
+
+    // Another process's file for a source this process already edits.
+    const QString theirs = swapName(QStringLiteral("a.txt"), 0);
+    writeFile(abs(theirs), "theirs");
+    EXPECT_THROW(vfs.recoverFile({theirs, QStringLiteral("a.txt"), 0}), exception::SwapFileRename);
+    EXPECT_EQ(readFile(abs(theirs)), "theirs");
+    EXPECT_EQ(readFile(abs(mySwap)), "mine");
+}
+
+TEST_F(Recovery, AbandonRemovesOnlyFilesOfEndedProcesses)
+{
+    const QString stale = swapName(QStringLiteral("a.txt"), deadPid());
+    writeFile(abs(stale), "stale");
+    const Info info{stale, QStringLiteral("a.txt"), 0};
+    vfs.abandonFile(info);
+    EXPECT_FALSE(QFile::exists(abs(stale)));
+    try {
+        vfs.abandonFile(info);
+        FAIL() << "no exception";
+    } catch (const exception::SwapFileRemove& e) {
+        EXPECT_EQ(std::string(e.what()), "Can not remove swap file: " + stale.toStdString());
+    }
+    EXPECT_FALSE(vfs.isNotCommitted());
+}
+
+// A process edits through swap files and is killed before it saves; this process recovers
+// every byte it had written.
+TEST_F(Recovery, WorkOfAKilledProcessIsRecovered)
+{
+    writeFile(abs("existing.txt"), "before the crash");
+    QByteArray large;
+    for (int i = 0; i < 50000; ++i)
+        large += QByteArray::number(i) + '\n';
+
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t editor = fork();
+    if (editor == 0) {
+        ProjectVFS project(dir.path());
+        auto existing = project.open(QStringLiteral("existing.txt"), QIODevice::WriteOnly | QIODevice::Append);
+        existing->write(" and after");
+        existing->flush();
+        project.mkpath(QStringLiteral("new"));
+        auto created = project.open(QStringLiteral("new/large.txt"), QIODevice::WriteOnly);
+        created->write(large);
+        created->flush();
+        FILE* stream = project.fopen(QStringLiteral("stream.txt"), QStringLiteral("w"));
+        std::fputs("through a stream", stream);
+        std::fflush(stream);
+        const char done = 1;
+        if (write(ready[1], &done, 1) != 1)
+            _exit(1);
+        pause();
+        _exit(0);
+    }
+    close(ready[1]);
+    char done = 0;
+    ASSERT_EQ(read(ready[0], &done, 1), 1);
+    close(ready[0]);
+    kill(editor, SIGKILL);
+    waitpid(editor, nullptr, 0);
+
+    const auto found = vfs.recoverableFiles();
+    EXPECT_EQ(found.size(), 3u);
+    for (const Info& info : found) {
+        EXPECT_EQ(info.pid, editor <= 0xFFFF ? editor : 0);
+        vfs.recoverFile(info);
+    }
+    vfs.commit();
+    EXPECT_EQ(readFile(abs("existing.txt")), "before the crash and after");
+    EXPECT_EQ(readFile(abs("new/large.txt")), large);
+    EXPECT_EQ(readFile(abs("stream.txt")), "through a stream");
+    EXPECT_TRUE(vfs.recoverableFiles().empty());
+}
+
+} // namespace
+} // namespace zo::project
