@@ -1,16 +1,137 @@
-#include <zo/log.h>
+// zoproject: a small command-line front end to the project libraries.
+#include <zo/project/exceptions.h>
+#include <zo/project/projectvfs.h>
+#include <zo/project/vfsfile.h>
 
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <csignal>
 #include <cstdio>
-#include <cstring>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using zo::project::ProjectVFS;
+
+void say(const QString& text)
+{
+    std::printf("%s\n", text.toUtf8().constData());
+    std::fflush(stdout);
+}
+
+QByteArray contentOf(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArrayLiteral("(no such file)");
+}
+
+void write(ProjectVFS& project, const QString& path, const QByteArray& data)
+{
+    const auto file = project.open(path, QIODevice::WriteOnly | QIODevice::Truncate);
+    if (file->write(data) != data.size() || !file->flush())
+        throw std::runtime_error("cannot write " + path.toStdString());
+}
+
+// Edits a file in a child process that is killed before it saves.
+void crashWhileEditing(const QString& root, const QString& path, const QByteArray& data)
+{
+    int ready[2];
+    if (pipe(ready) != 0)
+        throw std::runtime_error("pipe failed");
+    const pid_t editor = fork();
+    if (editor == 0) {
+        ProjectVFS project(root);
+        write(project, path, data);
+        const char done = 1;
+        _exit(::write(ready[1], &done, 1) == 1 ? (pause(), 0) : 1);
+    }
+    close(ready[1]);
+    char done = 0;
+    const bool edited = read(ready[0], &done, 1) == 1;
+    close(ready[0]);
+    kill(editor, SIGKILL);
+    waitpid(editor, nullptr, 0);
+    if (!edited)
+        throw std::runtime_error("the editing process failed");
+    say(QStringLiteral("  process %1 wrote %2 and was killed before saving").arg(editor).arg(path));
+}
+
+int demo(const QString& root)
+{
+    say(QStringLiteral("Project directory: %1").arg(root));
+    ProjectVFS project(root);
+    project.setCommittedChangedHandler([](bool pending) {
+        say(pending ? QStringLiteral("  [unsaved changes]") : QStringLiteral("  [all saved]"));
+    });
+
+    say(QStringLiteral("1. Create docs/main.xml and save it"));
+    project.mkpath(QStringLiteral("docs"));
+    write(project, QStringLiteral("docs/main.xml"), "<doc>first</doc>\n");
+    project.commit();
+    say(QStringLiteral("  on disk: %1").arg(QString::fromUtf8(contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
+
+    say(QStringLiteral("2. Edit it: the change goes to a swap file"));
+    write(project, QStringLiteral("docs/main.xml"), "<doc>second</doc>\n");
+    say(QStringLiteral("  swap file: %1").arg(project.makeSwapPath(QStringLiteral("docs/main.xml"))));
+    say(QStringLiteral("  on disk:   %1").arg(QString::fromUtf8(contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
+    project.commit();
+    say(QStringLiteral("  saved:     %1").arg(QString::fromUtf8(contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
+
+    say(QStringLiteral("3. Another process edits notes.txt and crashes"));
+    crashWhileEditing(root, QStringLiteral("notes.txt"), "written just before the crash\n");
+
+    say(QStringLiteral("4. Recover what it left"));
+    const auto left = project.recoverableFiles();
+    for (const auto& info : left) {
+        say(QStringLiteral("  found %1 (process %2) for %3").arg(info.swapPath).arg(info.pid).arg(info.sourcePath));
+        project.recoverFile(info);
+    }
+    project.commit();
+    const QByteArray recovered = contentOf(project.filePath(QStringLiteral("notes.txt")));
+    say(QStringLiteral("  notes.txt: %1").arg(QString::fromUtf8(recovered.trimmed())));
+
+    const QStringList files = project.getFileList(QString(), true, true, false);
+    say(QStringLiteral("5. Project files: %1").arg(files.join(QStringLiteral(", "))));
+    const bool intact = left.size() == 1 && recovered == "written just before the crash\n";
+    say(intact ? QStringLiteral("Demo finished: no work was lost.") : QStringLiteral("Demo FAILED: work was lost."));
+    return intact ? 0 : 1;
+}
+
+void usage()
+{
+    std::fprintf(stderr,
+        "usage: zoproject demo [DIRECTORY]   edit, crash and recover in a scratch project\n"
+        "       zoproject --version\n");
+}
+
+} // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc > 1 && std::strcmp(argv[1], "--version") == 0) {
-        std::printf("zoproject %s\n", ZO_VERSION);
-        return 0;
+    QCoreApplication app(argc, argv);
+    const QStringList args = QCoreApplication::arguments().mid(1);
+    try {
+        if (args.value(0) == QLatin1String("--version")) {
+            std::printf("zoproject %s\n", ZO_VERSION);
+            return 0;
+        }
+        if (args.value(0) == QLatin1String("demo")) {
+            if (args.size() > 1) {
+                QDir().mkpath(args[1]);
+                return demo(QDir(args[1]).absolutePath());
+            }
+            QTemporaryDir scratch;
+            return demo(scratch.path());
+        }
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "zoproject: %s\n", e.what());
+        return 1;
     }
-    const bool registered = zo::log::hasCategory("ProjectVFS") && zo::log::hasCategory("ProjectVfs")
-        && zo::log::hasCategory("ProjectDir");
-    std::printf("zoproject %s: log categories %s\n", ZO_VERSION, registered ? "registered" : "MISSING");
-    return registered ? 0 : 1;
+    usage();
+    return 2;
 }
