@@ -51,6 +51,7 @@ public:
 };
 
 // Entries below path, relative to it, "/"-separated, a directory before its contents.
+// Links to directories are followed, except back into a directory being listed.
 ZOPROJECTQT_EXPORT QStringList listDirectory(
     const QString& path, bool showHidden, bool recursive, bool includeDirs);
 
@@ -67,8 +68,16 @@ ZOPROJECTQT_EXPORT void folderSize(const QString& path, unsigned long long* pSiz
 ZOPROJECTQT_EXPORT bool hasEnoughSpaceDiskToCopyTo(
     const QString& path, long long size, long long* pMissing);
 
+// Deletes a file or a directory tree. A symbolic link is deleted as a link, never what it
+// points to.
 ZOPROJECTQT_EXPORT void remove(const QString& path);
+
+// Copies a file or a directory tree, following links in the source except back into a directory
+// being copied. Overwriting a directory leaves it mirroring the source: entries only it had are
+// deleted; a link in the destination is replaced, never written through.
 ZOPROJECTQT_EXPORT void copy(const QString& src, const QString& dst, const bool& overwrite);
+
+// Renames, or copies and then removes the source.
 ZOPROJECTQT_EXPORT void move(const QString& src, const QString& dst, const bool& overwrite);
 
 } // namespace zo::project

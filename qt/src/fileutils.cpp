@@ -1,0 +1,528 @@
+#include <zo/project/fileutils.h>
+
+#include <zo/unicode.h>
+
+#include <QByteArray>
+#include <QFile>
+#include <QFileInfo>
+
+#include <boost/filesystem.hpp>
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <optional>
+#include <vector>
+
+namespace zo::project {
+
+IOError::IOError(const std::string& message)
+    : std::runtime_error(message)
+{
+}
+IOError::IOError(const char* message)
+    : std::runtime_error(message)
+{
+}
+IOError::~IOError() = default;
+
+IOReadError::IOReadError(const std::string& message)
+    : IOError(message)
+{
+}
+IOReadError::IOReadError(const char* message)
+    : IOError(message)
+{
+}
+IOReadError::~IOReadError() = default;
+
+IOWriteError::IOWriteError(const std::string& message)
+    : IOError(message)
+{
+}
+IOWriteError::IOWriteError(const char* message)
+    : IOError(message)
+{
+}
+IOWriteError::~IOWriteError() = default;
+
+PathNotFound::PathNotFound(const std::string& message)
+    : std::runtime_error(message)
+{
+}
+PathNotFound::PathNotFound(const char* message)
+    : std::runtime_error(message)
+{
+}
+PathNotFound::~PathNotFound() = default;
+
+AlreadyExists::AlreadyExists(const std::string& message)
+    : std::runtime_error(message)
+{
+}
+AlreadyExists::AlreadyExists(const char* message)
+    : std::runtime_error(message)
+{
+}
+AlreadyExists::~AlreadyExists() = default;
+
+namespace {
+
+// Kept free on every volume a copy writes to.
+constexpr long long kSpaceReserve = 10LL * 1024 * 1024;
+// Larger files are measured against the free space before their copy is tried.
+constexpr qint64 kSpaceCheckedCopySize = 5LL * 1024 * 1024;
+// Flaky steps are tried this many times in a row, without pause.
+constexpr int kAttempts = 3;
+constexpr QDir::Filters kEveryEntry = QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot;
+
+// Other programs match both spellings; each belongs to its own check.
+constexpr char kNoSpaceBeforeCopy[]
+    = "Copy file error: No space disk left. Extra %1 MiB are needed to copy from %2 to %3";
+constexpr char kNoSpaceAfterFailedCopy[]
+    = "Copy file error: No space disk left. Extra %1 Mib are needed to copy from %2 to %3";
+
+// Fills every placeholder in one pass, so that a "%2" inside a path is kept as it is.
+template <typename... Args> std::string message(const QString& format, const Args&... args)
+{
+    return format.arg(args...).toUtf8().toStdString();
+}
+
+template <typename Step> bool succeedsWithinAttempts(Step step)
+{
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (step()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Where a file is stored; two paths that name the same directory share it.
+struct FileIdentity {
+    dev_t device;
+    ino_t inode;
+
+    bool operator==(const FileIdentity& other) const
+    {
+        return device == other.device && inode == other.inode;
+    }
+};
+
+// The identity of what path names, links followed; none when it cannot be read.
+std::optional<FileIdentity> identityOf(const QString& path)
+{
+    struct stat status { };
+    if (::stat(QFile::encodeName(path).constData(), &status) != 0) {
+        return std::nullopt;
+    }
+    return FileIdentity { status.st_dev, status.st_ino };
+}
+
+// The directories a recursive walk is inside of, outermost first.
+using DescentPath = std::vector<FileIdentity>;
+
+// Enters a directory for the lifetime of the object unless it is already on the descent path,
+// so that a symbolic link to an ancestor does not make a walk loop. A directory that cannot be
+// identified is not entered either: it could be such an ancestor.
+class DescentStep {
+public:
+    DescentStep(DescentPath& path, const QString& directory)
+        : _path(path)
+    {
+        const std::optional<FileIdentity> identity = identityOf(directory);
+        if (identity && std::find(path.begin(), path.end(), *identity) == path.end()) {
+            path.push_back(*identity);
+            _entered = true;
+        }
+    }
+    ~DescentStep()
+    {
+        if (_entered) {
+            _path.pop_back();
+        }
+    }
+    DescentStep(const DescentStep&) = delete;
+    DescentStep& operator=(const DescentStep&) = delete;
+
+    bool entered() const { return _entered; }
+
+private:
+    DescentPath& _path;
+    bool _entered = false;
+};
+
+struct ListingOptions {
+    bool showHidden;
+    bool recursive;
+    bool includeDirs;
+};
+
+void appendListing(const QDir& dir, const QString& prefix, const ListingOptions& options,
+    DescentPath& descent, QStringList& listing)
+{
+    QDir::Filters filters = QDir::AllEntries | QDir::NoDotAndDotDot;
+    if (options.showHidden) {
+        filters |= QDir::Hidden;
+    }
+    for (const QString& name : dir.entryList(filters, QDir::NoSort)) {
+        const QString childPath = dir.filePath(name);
+        if (!QDir(childPath).exists()) {
+            listing.append(prefix + name);
+            continue;
+        }
+        if (options.includeDirs) {
+            listing.append(prefix + name);
+        }
+        if (options.recursive) {
+            const DescentStep step(descent, childPath);
+            if (step.entered()) {
+                appendListing(
+                    QDir(childPath), prefix + name + QLatin1Char('/'), options, descent, listing);
+            }
+        }
+    }
+}
+
+struct FolderLimits {
+    unsigned int maxCount;
+    unsigned long long maxSize;
+
+    bool reached(unsigned long long size, unsigned int count) const
+    {
+        return (maxCount != 0 && count >= maxCount) || (maxSize != 0 && size >= maxSize);
+    }
+};
+
+// Returns whether a limit was reached, which ends the whole walk at once.
+bool addFolderSize(
+    const QString& path, unsigned long long& size, unsigned int& count, const FolderLimits& limits)
+{
+    const QFileInfoList entries = QDir(path).entryInfoList(
+        QDir::Files | QDir::AllDirs | QDir::NoDotAndDotDot, QDir::DirsFirst);
+    for (const QFileInfo& entry : entries) {
+        if (entry.isSymLink()) {
+            continue;
+        }
+        if (entry.isDir()) {
+            // A nested walk that stops leaves the totals at a limit; the test below sees it.
+            addFolderSize(entry.filePath(), size, count, limits);
+        } else {
+            size += static_cast<unsigned long long>(entry.size());
+            ++count;
+        }
+        if (limits.reached(size, count)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Bytes available to an unprivileged process on the volume holding directory; 0 when the
+// query fails, which callers read as no space.
+unsigned long long availableSpace(const QString& directory)
+{
+    try {
+        const boost::filesystem::path path(directory.toStdWString(), zo::unicodeFacet());
+        return boost::filesystem::space(path).available;
+    } catch (const boost::system::system_error&) {
+        return 0;
+    }
+}
+
+// The entry a path names, never what a link there points to ("link/" resolves through it).
+QFileInfo namedEntry(const QString& path)
+{
+    QString entry = path;
+    while (entry.size() > 1 && entry.endsWith(QLatin1Char('/'))) {
+        entry.chop(1);
+    }
+    return QFileInfo(entry);
+}
+
+void removeFile(const QString& path)
+{
+    QFile file(path);
+    if (!file.remove()) {
+        throw IOWriteError(message(QStringLiteral("Delete file error: %1, %2"),
+            QString::number(file.error()), file.errorString()));
+    }
+}
+
+void removeDirectoryTree(const QString& path)
+{
+    QDir dir(path);
+    // System adds dangling links, which must go too for the directory to go.
+    for (const QString& name : dir.entryList(kEveryEntry | QDir::System, QDir::NoSort)) {
+        remove(dir.filePath(name));
+    }
+    const QString name = dir.dirName();
+    if (!succeedsWithinAttempts([&dir] { return dir.cdUp(); })) {
+        throw std::runtime_error(message(
+            QStringLiteral("Delete file error: an unknown exception occurred during cdUp of %1"),
+            path));
+    }
+    if (!succeedsWithinAttempts([&dir, &name] { return dir.rmdir(name); })) {
+        throw std::runtime_error(message(
+            QStringLiteral(
+                "Delete file error: an unknown exception occurred during the removal of %1"),
+            path));
+    }
+}
+
+// Whether the destination already holds the source's bytes, judged as other programs do by
+// Qt's 16-bit checksum of each whole content. What cannot be read in full is not the same.
+bool holdsSameData(const QFileInfo& srcInfo, const QString& dst)
+{
+    QFile source(srcInfo.filePath());
+    if (!source.open(QIODevice::ReadOnly)) {
+        // The bare path, without the usual prefix, is what other programs expect here.
+        throw IOReadError(srcInfo.canonicalFilePath().toUtf8().toStdString());
+    }
+    QFile destination(dst);
+    if (!destination.open(QIODevice::ReadOnly)) {
+        return false;
+    }
+    const QByteArray sourceData = source.readAll();
+    const QByteArray destinationData = destination.readAll();
+    if (sourceData.size() != srcInfo.size() || destinationData.size() != sourceData.size()) {
+        return false;
+    }
+    return qChecksum(sourceData.constData(), static_cast<uint>(sourceData.size()))
+        == qChecksum(destinationData.constData(), static_cast<uint>(destinationData.size()));
+}
+
+std::runtime_error noSpaceError(
+    const char* format, long long missing, const QString& src, const QString& dst)
+{
+    return std::runtime_error(
+        message(QString::fromLatin1(format), QString::number(missing >> 20), src, dst));
+}
+
+void copyFile(const QString& src, const QString& dst, const QFileInfo& srcInfo,
+    const QFileInfo& dstInfo, bool overwrite)
+{
+    if (dstInfo.exists()) {
+        if (!overwrite) {
+            throw AlreadyExists(message(QStringLiteral("Copy file error: %1 already exists"), dst));
+        }
+        if (!dstInfo.isWritable()) {
+            throw IOWriteError(message(
+                QStringLiteral("Copy file error: destination path is not writable: %1"), dst));
+        }
+        if (dstInfo.isFile() && dstInfo.size() == srcInfo.size() && holdsSameData(srcInfo, dst)) {
+            return;
+        }
+        remove(dst);
+    }
+    const qint64 size = srcInfo.size();
+    long long missing = 0;
+    if (size > kSpaceCheckedCopySize && !hasEnoughSpaceDiskToCopyTo(dst, size, &missing)) {
+        throw noSpaceError(kNoSpaceBeforeCopy, missing, src, dst);
+    }
+    QFile source(src);
+    const bool copied = succeedsWithinAttempts([&] {
+        if (source.copy(dst)) {
+            return true;
+        }
+        if (!hasEnoughSpaceDiskToCopyTo(dst, size, &missing)) {
+            throw noSpaceError(kNoSpaceAfterFailedCopy, missing, src, dst);
+        }
+        return false;
+    });
+    if (!copied) {
+        throw std::runtime_error(
+            message(QStringLiteral(
+                        "Copy file error: an exception occurred during the copy from %1 to %2: %3"),
+                src, dst, source.errorString()));
+    }
+}
+
+void makeDirectory(const QString& path)
+{
+    if (!QDir().mkdir(path)) {
+        throw IOWriteError(
+            message(QStringLiteral("Copy file error: %1 could not be created"), path));
+    }
+}
+
+void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPath& descent);
+
+// Leaves the destination mirroring the source: entries found only in the destination go.
+void copyDirectory(const QString& src, const QString& dst, const QFileInfo& dstInfo, bool overwrite,
+    DescentPath& descent)
+{
+    const DescentStep step(descent, src);
+    if (!step.entered()) {
+        return;
+    }
+    QStringList stale;
+    if (!dstInfo.exists()) {
+        makeDirectory(dst);
+    } else if (!overwrite) {
+        throw AlreadyExists(message(QStringLiteral("Copy file error: %1 already exists"), dst));
+    } else if (dstInfo.isDir() && !dstInfo.isSymLink()) {
+        stale = QDir(dst).entryList(kEveryEntry, QDir::NoSort);
+    } else {
+        // A link is replaced, never written or deleted through.
+        remove(dst);
+        makeDirectory(dst);
+    }
+    const QDir srcDir(src);
+    const QDir dstDir(dst);
+    for (const QString& name : srcDir.entryList(kEveryEntry, QDir::NoSort)) {
+        copyEntry(srcDir.filePath(name), dstDir.filePath(name), overwrite, descent);
+        stale.removeAll(name);
+    }
+    for (const QString& name : qAsConst(stale)) {
+        remove(dstDir.filePath(name));
+    }
+}
+
+void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPath& descent)
+{
+    const QFileInfo srcInfo(src);
+    const QFileInfo dstInfo(dst);
+    if (!srcInfo.exists()) {
+        throw PathNotFound(message(QStringLiteral("Copy file error: %1 not found"), src));
+    }
+    if (!srcInfo.isReadable()) {
+        // Names the destination although the source was tested: other programs match it so.
+        throw PathNotFound(
+            message(QStringLiteral("Copy file error: source path is not readable: %1"), dst));
+    }
+    if (!dstInfo.dir().exists()) {
+        throw PathNotFound(
+            message(QStringLiteral("Copy file error: %1 destination path not found"), dst));
+    }
+    const QFileInfo parentInfo(dstInfo.dir().absolutePath());
+    if (!parentInfo.isWritable()) {
+        // Names the directory above the tested one; other programs match it so.
+        throw IOWriteError(
+            message(QStringLiteral("Copy file error: destination directory is not writable: %1"),
+                parentInfo.absolutePath()));
+    }
+    if (srcInfo.isFile()) {
+        copyFile(src, dst, srcInfo, dstInfo, overwrite);
+    } else if (srcInfo.isDir()) {
+        copyDirectory(src, dst, dstInfo, overwrite, descent);
+    }
+}
+
+std::string moveFailure(const QString& src, const QString& dst, const std::exception& error)
+{
+    return message(
+        QStringLiteral("Move file error: an exception occurred during the move from %1 to %2 (%3)"),
+        src, dst, QString::fromUtf8(error.what()));
+}
+
+} // namespace
+
+QStringList listDirectory(const QString& path, bool showHidden, bool recursive, bool includeDirs)
+{
+    return xListFiles(QDir(path), QString(), showHidden, recursive, includeDirs);
+}
+
+QStringList xListFiles(
+    const QDir& dir, const QString& prefix, bool showHidden, bool recursive, bool includeDirs)
+{
+    DescentPath descent;
+    const DescentStep root(descent, dir.absolutePath());
+    QStringList listing;
+    appendListing(dir, prefix, { showHidden, recursive, includeDirs }, descent, listing);
+    return listing;
+}
+
+void folderSize(const QString& path, unsigned long long* pSize, unsigned int* pCount,
+    bool* pAborted, unsigned int maxCount, unsigned long long maxSize)
+{
+    if (pSize == nullptr) {
+        throw std::runtime_error("folderSize() error: pSize parameter must not be NULL");
+    }
+    unsigned int localCount = 0;
+    bool localAborted = false;
+    unsigned int& count = pCount != nullptr ? *pCount : localCount;
+    bool& aborted = pAborted != nullptr ? *pAborted : localAborted;
+    aborted = addFolderSize(path, *pSize, count, { maxCount, maxSize });
+}
+
+bool hasEnoughSpaceDiskToCopyTo(const QString& path, long long size, long long* pMissing)
+{
+    QFileInfo existing(path);
+    while (!existing.exists() && !existing.isRoot()) {
+        existing = QFileInfo(existing.dir().absolutePath());
+    }
+    const auto available = static_cast<long long>(availableSpace(existing.absolutePath()));
+    const long long missing = size + kSpaceReserve - available;
+    if (pMissing != nullptr) {
+        *pMissing = missing;
+    }
+    return missing < 0;
+}
+
+void remove(const QString& path)
+{
+    const QFileInfo info(path);
+    const QFileInfo entry = namedEntry(path);
+    if (!info.exists() && !entry.isSymLink()) {
+        throw PathNotFound(message(QStringLiteral("Delete file error: %1 not found"), path));
+    }
+    // A dangling link has no target whose permissions could be tested.
+    if (info.exists() && !info.isWritable()) {
+        throw IOWriteError(message(
+            QStringLiteral("Delete file error: the path to remove is not writable: %1"), path));
+    }
+    // A link goes as a link: what it points to is not the caller's to delete.
+    if (entry.isSymLink() || info.isFile()) {
+        removeFile(entry.filePath());
+        return;
+    }
+    removeDirectoryTree(path);
+}
+
+void copy(const QString& src, const QString& dst, const bool& overwrite)
+{
+    DescentPath descent;
+    copyEntry(src, dst, overwrite, descent);
+}
+
+void move(const QString& src, const QString& dst, const bool& overwrite)
+{
+    const QFileInfo srcInfo(src);
+    if (!srcInfo.exists()) {
+        throw PathNotFound(message(QStringLiteral("Move file error: %1 not found"), src));
+    }
+    if (!srcInfo.isWritable()) {
+        // Names the containing directory although the source itself was tested; kept so.
+        throw IOWriteError(
+            message(QStringLiteral("Move file error: %1 isn't writable"), srcInfo.path()));
+    }
+    const QFileInfo dstInfo(dst);
+    if (dstInfo.exists() && !overwrite) {
+        throw AlreadyExists(
+            message(QStringLiteral("Move file error: %1 already exists"), dstInfo.filePath()));
+    }
+    if (dstInfo == srcInfo) {
+        throw AlreadyExists("Move file error: destination and source files/folders are the same. "
+                            "On some OS a same name with a different case can be considered as "
+                            "the same name.");
+    }
+    try {
+        if (!QDir().rename(src, dst)) {
+            copy(src, dst, overwrite);
+            remove(src);
+        }
+    } catch (const IOReadError& error) {
+        throw IOReadError(moveFailure(src, dst, error));
+    } catch (const IOWriteError& error) {
+        throw IOWriteError(moveFailure(src, dst, error));
+    } catch (const PathNotFound& error) {
+        throw PathNotFound(moveFailure(src, dst, error));
+    } catch (const AlreadyExists& error) {
+        throw AlreadyExists(moveFailure(src, dst, error));
+    } catch (const std::exception& error) {
+        throw std::runtime_error(moveFailure(src, dst, error));
+    }
+}
+
+} // namespace zo::project

@@ -1,0 +1,389 @@
+#include <zo/project/fileutils.h>
+
+#include <QDateTime>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <sys/mount.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <type_traits>
+#include <typeindex>
+
+namespace zo::project {
+namespace {
+
+// Handlers for IOError must not catch a missing or an existing path.
+static_assert(std::is_base_of_v<IOError, IOReadError> && std::is_base_of_v<IOError, IOWriteError>);
+static_assert(
+    !std::is_base_of_v<IOError, PathNotFound> && !std::is_base_of_v<IOError, AlreadyExists>);
+
+constexpr int kMiB = 1024 * 1024;
+
+// A fresh directory to lay out a tree in; paths are relative to it.
+class Scratch {
+public:
+    QString path(const QString& relative = QString()) const { return _root.filePath(relative); }
+    QString dir(const QString& relative) const
+    {
+        return QDir().mkpath(path(relative)) ? path(relative) : QString();
+    }
+    QString file(const QString& relative, const QByteArray& content = "x") const
+    {
+        dir(QFileInfo(path(relative)).path());
+        QFile file(path(relative));
+        return file.open(QIODevice::WriteOnly) && file.write(content) == content.size()
+            ? file.fileName()
+            : QString();
+    }
+    void link(const QString& relative, const QString& target) const
+    {
+        QFile::link(target, path(relative));
+    }
+
+private:
+    QTemporaryDir _dir;
+    QDir _root { _dir.path() };
+};
+
+// A tmpfs (with its options) or, without options, a read-only bind of a path onto itself;
+// undone when the object goes. mounted() is false where the system refuses.
+class ScopedMount {
+public:
+    explicit ScopedMount(const QString& path, const char* tmpfsOptions = nullptr)
+        : _target(QFile::encodeName(path))
+    {
+        const char* target = _target.constData();
+        _mounted = tmpfsOptions != nullptr ? ::mount("tmpfs", target, "tmpfs", 0, tmpfsOptions) == 0
+                                           : ::mount(target, target, nullptr, MS_BIND, nullptr) == 0
+                && ::mount(nullptr, target, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr)
+                    == 0;
+    }
+    // Also undoes a bind whose read-only remount failed.
+    ~ScopedMount() { ::umount2(_target.constData(), MNT_DETACH); }
+    ScopedMount(const ScopedMount&) = delete;
+    ScopedMount& operator=(const ScopedMount&) = delete;
+    bool mounted() const { return _mounted; }
+
+private:
+    QByteArray _target;
+    bool _mounted = false;
+};
+
+long long availableBytes(const QString& path)
+{
+    struct statvfs volume { };
+    const bool measured = ::statvfs(QFile::encodeName(path).constData(), &volume) == 0;
+    return measured ? static_cast<long long>(volume.f_bavail * volume.f_frsize) : -1;
+}
+
+// Runs body in a child that has dropped root for nobody; its exit code, or -1.
+int exitCodeAsNobody(const std::function<int()>& body)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(::setgid(65534) == 0 && ::setuid(65534) == 0 ? body() : 255);
+    }
+    int status = 0;
+    const bool exited = child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status);
+    return exited ? WEXITSTATUS(status) : -1;
+}
+
+// The class and the message of what body throws, so that one comparison checks both.
+template <typename Body> std::string thrown(Body body)
+{
+    static const std::map<std::type_index, std::string> names {
+        { typeid(IOReadError), "IOReadError: " }, { typeid(IOWriteError), "IOWriteError: " },
+        { typeid(PathNotFound), "PathNotFound: " }, { typeid(AlreadyExists), "AlreadyExists: " },
+        { typeid(std::runtime_error), "runtime_error: " }
+    };
+    try {
+        body();
+    } catch (const std::exception& error) {
+        const auto name = names.find(typeid(error));
+        return (name != names.end() ? name->second : "other: ") + error.what();
+    }
+    return "nothing";
+}
+
+std::string u8(const QString& text)
+{
+    return text.toStdString();
+}
+
+QStringList sorted(QStringList list)
+{
+    list.sort();
+    return list;
+}
+
+QByteArray contentOf(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+TEST(ListDirectory, FiltersPrefixesAndFollowsLinksButNotBackIntoItsOwnPath)
+{
+    Scratch tree;
+    tree.file("a");
+    tree.file(".h");
+    tree.file("d/x");
+    tree.file("d/e/y");
+    tree.file("s/z");
+    tree.link("d/up", tree.path());
+    tree.link("d/self", ".");
+    tree.link("d/side", "../s");
+
+    EXPECT_EQ(listDirectory(tree.path(), false, false, false), QStringList { "a" });
+    EXPECT_EQ(sorted(listDirectory(tree.path(), false, true, false)),
+        (QStringList { "a", "d/e/y", "d/side/z", "d/x", "s/z" }));
+    const QStringList all = listDirectory(tree.path(), true, true, true);
+    EXPECT_EQ(sorted(all),
+        (QStringList { ".h", "a", "d", "d/e", "d/e/y", "d/self", "d/side", "d/side/z", "d/up",
+            "d/x", "s", "s/z" }));
+    EXPECT_LT(all.indexOf("d"), all.indexOf("d/x"));
+    EXPECT_LT(all.indexOf("d/e"), all.indexOf("d/e/y"));
+    EXPECT_EQ(xListFiles(QDir(tree.path("d/e")), "p/", false, true, true), QStringList { "p/y" });
+    EXPECT_TRUE(listDirectory(tree.path("missing"), true, true, true).isEmpty());
+}
+
+TEST(FolderSize, AddsVisibleFilesSkipsLinksAndStopsAtALimitReachedExactly)
+{
+    Scratch tree;
+    Scratch outside;
+    tree.file("f1", QByteArray(10, 'a'));
+    tree.file("f2", QByteArray(20, 'a'));
+    tree.file("f3", QByteArray(30, 'a'));
+    tree.file("sub/g", QByteArray(40, 'a'));
+    tree.file(".hidden", QByteArray(5, 'a'));
+    tree.link("linked", outside.file("big", QByteArray(1000, 'a')));
+    unsigned long long size = 1;
+    unsigned int count = 1;
+    bool aborted = true;
+
+    folderSize(tree.path(), &size, &count, &aborted, 0, 102);
+    EXPECT_EQ(size, 101U);
+    EXPECT_EQ(count, 5U);
+    EXPECT_FALSE(aborted);
+    size = 0;
+    folderSize(tree.path(), &size, nullptr, &aborted, 0, 100);
+    EXPECT_EQ(size, 100U);
+    EXPECT_TRUE(aborted);
+    count = 0;
+    folderSize(tree.path(), &size, &count, nullptr, 2, 0);
+    EXPECT_EQ(count, 2U);
+    EXPECT_EQ(thrown([&] { folderSize(tree.path(), nullptr, &count, &aborted, 0, 0); }),
+        "runtime_error: folderSize() error: pSize parameter must not be NULL");
+}
+
+TEST(HasEnoughSpace, MeasuresTheDirectoryHoldingTheNearestExistingAncestor)
+{
+    Scratch scratch;
+    const ScopedMount outer(scratch.dir("outer"), "size=12m");
+    const ScopedMount inner(scratch.dir("outer/inner"), "size=20m");
+    if (!outer.mounted() || !inner.mounted()) {
+        GTEST_SKIP() << "cannot mount a tmpfs here";
+    }
+    const QString target = scratch.path("outer/inner/not/yet");
+    const long long fits = availableBytes(scratch.path("outer")) - 10 * kMiB;
+
+    long long missing = 42;
+    EXPECT_FALSE(hasEnoughSpaceDiskToCopyTo(target, fits, &missing));
+    EXPECT_EQ(missing, 0);
+    EXPECT_TRUE(hasEnoughSpaceDiskToCopyTo(target, fits - 1, &missing));
+    EXPECT_EQ(missing, -1);
+}
+
+TEST(Remove, UnlinksLinksAndReportsADirectoryThatStays)
+{
+    Scratch tree;
+    Scratch outside;
+    outside.file("dir/keep");
+    tree.file("t/.hidden");
+    tree.file("t/sub/f");
+    tree.link("t/sub/dir", outside.path("dir"));
+    tree.link("t/file", outside.file("file"));
+    tree.link("t/dangling", outside.path("missing"));
+    tree.link("top", outside.path("dir"));
+
+    remove(tree.path("t"));
+    remove(tree.path("top") + "/");
+    EXPECT_EQ(listDirectory(tree.path(), true, true, true), QStringList());
+    EXPECT_EQ(sorted(listDirectory(outside.path(), true, true, true)),
+        (QStringList { "dir", "dir/keep", "file" }));
+    EXPECT_EQ(thrown([&] { remove(tree.path("t")); }),
+        "PathNotFound: Delete file error: " + u8(tree.path("t")) + " not found");
+
+    const ScopedMount volume(tree.dir("volume"), "size=1m");
+    if (!volume.mounted()) {
+        GTEST_SKIP() << "cannot mount a tmpfs here";
+    }
+    tree.file("volume/x");
+    EXPECT_EQ(thrown([&] { remove(tree.path("volume")); }),
+        "runtime_error: Delete file error: an unknown exception occurred during the removal of "
+            + u8(tree.path("volume")));
+    EXPECT_EQ(listDirectory(tree.path(), true, true, true), QStringList { "volume" });
+}
+
+TEST(Copy, ChecksInOrder)
+{
+    Scratch tree;
+    const QString src = tree.file("src");
+    const QString dst = tree.file("dst");
+    const QString none = tree.path("none");
+    EXPECT_EQ(thrown([&] { copy(none, none + "/x", false); }),
+        "PathNotFound: Copy file error: " + u8(none) + " not found");
+    EXPECT_EQ(thrown([&] { copy(src, none + "/x", false); }),
+        "PathNotFound: Copy file error: " + u8(none) + "/x destination path not found");
+    EXPECT_EQ(thrown([&] { copy(src, dst, false); }),
+        "AlreadyExists: Copy file error: " + u8(dst) + " already exists");
+
+    // Lets an unprivileged user reach the source, which it may not read.
+    QFile::setPermissions(tree.path(), QFileDevice::Permissions(0x7755));
+    QFile::setPermissions(src, QFile::WriteOwner);
+    const std::string expected
+        = "PathNotFound: Copy file error: source path is not readable: " + u8(none) + "/x";
+    const auto copyUnreadable
+        = [&] { return thrown([&] { copy(src, none + "/x", false); }) == expected ? 0 : 1; };
+    EXPECT_EQ(::geteuid() == 0 ? exitCodeAsNobody(copyUnreadable) : copyUnreadable(), 0);
+}
+
+TEST(Copy, MirrorsDirectoriesFollowingLinksButNoCycleAndNoLinkInTheDestination)
+{
+    Scratch tree;
+    Scratch outside;
+    tree.file("src/a", "new");
+    tree.file("src/.h");
+    tree.file("src/same", "same");
+    tree.file("src/sub/b");
+    tree.file("other/c");
+    tree.link("src/side", tree.path("other"));
+    tree.link("src/sub/loop", tree.path("src"));
+    tree.file("dst/a", "old");
+    tree.file("dst/extra");
+    tree.file("dst/sub/stale");
+    tree.link("dst/side", outside.dir("d"));
+    outside.file("d/keep");
+    tree.file("plain");
+    QFile same(tree.file("dst/same", "same"));
+    const QDateTime longAgo(QDate(2001, 2, 3), QTime(4, 5, 6), Qt::UTC);
+    ASSERT_TRUE(same.open(QIODevice::ReadWrite)
+        && same.setFileTime(longAgo, QFileDevice::FileModificationTime));
+    same.close();
+
+    copy(tree.path("src"), tree.path("dst"), true);
+    copy(tree.path("src"), tree.path("plain"), true);
+    const QStringList mirrored { ".h", "a", "same", "side", "side/c", "sub", "sub/b" };
+    EXPECT_EQ(sorted(listDirectory(tree.path("dst"), true, true, true)), mirrored);
+    EXPECT_EQ(sorted(listDirectory(tree.path("plain"), true, true, true)), mirrored);
+    EXPECT_EQ(contentOf(tree.path("dst/a")), "new");
+    EXPECT_EQ(QFileInfo(same).lastModified(), longAgo);
+    EXPECT_FALSE(QFileInfo(tree.path("dst/side")).isSymLink());
+    EXPECT_EQ(
+        sorted(listDirectory(outside.path(), true, true, true)), (QStringList { "d", "d/keep" }));
+    EXPECT_EQ(thrown([&] { copy(tree.path("src"), tree.path("dst"), false); }),
+        "AlreadyExists: Copy file error: " + u8(tree.path("dst")) + " already exists");
+}
+
+// The volume measured holds the directory above the destination's nearest existing ancestor,
+// hence the subdirectories.
+TEST(Copy, ChecksFreeSpaceAboveFiveMebibytesAndAfterEveryFailedAttempt)
+{
+    Scratch tree;
+    const ScopedMount roomy(tree.dir("roomy"), "size=8m");
+    const ScopedMount tiny(tree.dir("tiny"), "size=256k");
+    const ScopedMount noInodes(tree.dir("no-inodes"), "size=64m,nr_inodes=2");
+    if (!roomy.mounted() || !tiny.mounted() || !noInodes.mounted()) {
+        GTEST_SKIP() << "cannot mount a tmpfs here";
+    }
+    const auto extraMiB = [&](long long size, const char* volume) {
+        return std::to_string((size + 10 * kMiB - availableBytes(tree.path(volume))) >> 20);
+    };
+    const QString exact = tree.file("exact", QByteArray(5 * kMiB, 'a'));
+    const QString larger = tree.file("larger", QByteArray(5 * kMiB + 1, 'a'));
+    const QString small = tree.file("small", QByteArray(kMiB, 'a'));
+    const QString toRoomy = tree.dir("roomy/sub") + "/f";
+    const QString toTiny = tree.dir("tiny/sub") + "/f";
+    const QString toNoInodes = tree.dir("no-inodes/sub") + "/f";
+
+    const std::string roomyExtra = extraMiB(5 * kMiB + 1, "roomy");
+    EXPECT_EQ(thrown([&] { copy(larger, toRoomy, false); }),
+        "runtime_error: Copy file error: No space disk left. Extra " + roomyExtra
+            + " MiB are needed to copy from " + u8(larger) + " to " + u8(toRoomy));
+    EXPECT_EQ(thrown([&] { copy(exact, toRoomy, false); }), "nothing");
+
+    const std::string tinyExtra = extraMiB(kMiB, "tiny");
+    EXPECT_EQ(thrown([&] { copy(small, toTiny, false); }),
+        "runtime_error: Copy file error: No space disk left. Extra " + tinyExtra
+            + " Mib are needed to copy from " + u8(small) + " to " + u8(toTiny));
+    EXPECT_FALSE(QFileInfo::exists(toTiny));
+
+    const std::string failed = thrown([&] { copy(small, toNoInodes, false); });
+    const std::string prefix = "runtime_error: Copy file error: an exception occurred during the "
+                               "copy from "
+        + u8(small) + " to " + u8(toNoInodes) + ": ";
+    EXPECT_EQ(failed.substr(0, prefix.size()), prefix);
+    EXPECT_GT(failed.size(), prefix.size());
+}
+
+TEST(Move, ChecksThenRenamesOrCopiesAndRemoves)
+{
+    Scratch tree;
+    const QString a = tree.file("a", "A");
+    const QString b = tree.file("b");
+    EXPECT_EQ(thrown([&] { move(tree.path("none"), b, true); }),
+        "PathNotFound: Move file error: " + u8(tree.path("none")) + " not found");
+    EXPECT_EQ(thrown([&] { move(a, b, false); }),
+        "AlreadyExists: Move file error: " + u8(b) + " already exists");
+    EXPECT_EQ(thrown([&] { move(a, a, true); }),
+        "AlreadyExists: Move file error: destination and source files/folders are the same. On "
+        "some OS a same name with a different case can be considered as the same name.");
+    move(a, tree.path("c"), false);
+    tree.file("dir/x");
+    tree.file("old/stale");
+    move(tree.path("dir"), tree.path("old"), true);
+    EXPECT_EQ(sorted(listDirectory(tree.path(), false, true, true)),
+        (QStringList { "b", "c", "old", "old/x" }));
+    EXPECT_EQ(contentOf(tree.path("c")), "A");
+}
+
+// The failed move keeps what it copied before failing: nothing is rolled back.
+TEST(ReadOnlyPaths, AreRefusedWithTheRightErrors)
+{
+    Scratch tree;
+    const QString src = tree.file("src/x");
+    const QString readOnly = tree.file("dst/read-only");
+    const QString readOnlyDir = tree.dir("parent/read-only");
+    const QString inReadOnlyDir = tree.file("parent/read-only/f");
+    const ScopedMount readOnlyMount(readOnly);
+    const ScopedMount readOnlyDirMount(readOnlyDir);
+    if (!readOnlyMount.mounted() || !readOnlyDirMount.mounted()) {
+        GTEST_SKIP() << "cannot mount here";
+    }
+    EXPECT_EQ(thrown([&] { remove(readOnly); }),
+        "IOWriteError: Delete file error: the path to remove is not writable: " + u8(readOnly));
+    EXPECT_EQ(thrown([&] { copy(src, readOnlyDir + "/x", true); }),
+        "IOWriteError: Copy file error: destination directory is not writable: "
+            + u8(tree.path("parent")));
+    EXPECT_EQ(thrown([&] { copy(src, readOnly, true); }),
+        "IOWriteError: Copy file error: destination path is not writable: " + u8(readOnly));
+    EXPECT_EQ(thrown([&] { move(inReadOnlyDir, tree.path("g"), false); }),
+        "IOWriteError: Move file error: " + u8(readOnlyDir) + " isn't writable");
+    EXPECT_EQ(thrown([&] { move(tree.path("src"), tree.path("dst"), true); }),
+        "IOWriteError: Move file error: an exception occurred during the move from "
+            + u8(tree.path("src")) + " to " + u8(tree.path("dst"))
+            + " (Delete file error: the path to remove is not writable: " + u8(readOnly) + ")");
+    EXPECT_EQ(sorted(listDirectory(tree.path(), true, true, true)),
+        (QStringList { "dst", "dst/read-only", "dst/x", "parent", "parent/read-only",
+            "parent/read-only/f", "src", "src/x" }));
+}
+
+} // namespace
+} // namespace zo::project
