@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstring>
 #include <optional>
 #include <vector>
 
@@ -270,8 +271,9 @@ void removeDirectoryTree(const QString& path)
     }
 }
 
-// Whether the destination already holds the source's bytes, judged as other programs do by
-// Qt's 16-bit checksum of each whole content. What cannot be read in full is not the same.
+// Whether the destination already holds the source's bytes. Compared block by block rather
+// than by a checksum of each whole content: large files are never held in memory, and two
+// contents that merely share a 16-bit checksum are still copied.
 bool holdsSameData(const QFileInfo& srcInfo, const QString& dst)
 {
     QFile source(srcInfo.filePath());
@@ -283,13 +285,27 @@ bool holdsSameData(const QFileInfo& srcInfo, const QString& dst)
     if (!destination.open(QIODevice::ReadOnly)) {
         return false;
     }
-    const QByteArray sourceData = source.readAll();
-    const QByteArray destinationData = destination.readAll();
-    if (sourceData.size() != srcInfo.size() || destinationData.size() != sourceData.size()) {
-        return false;
+    constexpr qint64 kBlockSize = 256 * 1024;
+    QByteArray sourceBlock(kBlockSize, Qt::Uninitialized);
+    QByteArray destinationBlock(kBlockSize, Qt::Uninitialized);
+    qint64 compared = 0;
+    for (;;) {
+        const qint64 sourceRead = source.read(sourceBlock.data(), kBlockSize);
+        const qint64 destinationRead = destination.read(destinationBlock.data(), kBlockSize);
+        if (sourceRead < 0 || sourceRead != destinationRead) {
+            return false;
+        }
+        if (sourceRead == 0) {
+            // What cannot be read in full is not the same.
+            return compared == srcInfo.size();
+        }
+        if (std::memcmp(sourceBlock.constData(), destinationBlock.constData(),
+                static_cast<size_t>(sourceRead))
+            != 0) {
+            return false;
+        }
+        compared += sourceRead;
     }
-    return qChecksum(sourceData.constData(), static_cast<uint>(sourceData.size()))
-        == qChecksum(destinationData.constData(), static_cast<uint>(destinationData.size()));
 }
 
 std::runtime_error noSpaceError(

@@ -185,8 +185,8 @@ TEST_F(Commit, ReplacesSourceAndLeavesNoTrace)
     EXPECT_FALSE(QFile::exists(abs("a.txtbck")));
     EXPECT_EQ(reports, (std::vector<bool>{true, false}));
 
-    auto created = pending(QStringLiteral("sub/new.txt"), nullptr, "fresh");
     QDir(dir.path()).mkdir(QStringLiteral("sub"));
+    auto created = pending(QStringLiteral("sub/new.txt"), nullptr, "fresh");
     created->commit();
     EXPECT_EQ(readFile(abs("sub/new.txt")), "fresh");
     EXPECT_EQ(QDir(abs("sub")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),

@@ -262,11 +262,13 @@ TEST(Copy, MirrorsDirectoriesFollowingLinksButNoCycleAndNoLinkInTheDestination)
     tree.file("src/a", "new");
     tree.file("src/.h");
     tree.file("src/same", "same");
+    tree.file("src/twin", "abcd");
     tree.file("src/sub/b");
     tree.file("other/c");
     tree.link("src/side", tree.path("other"));
     tree.link("src/sub/loop", tree.path("src"));
     tree.file("dst/a", "old");
+    tree.file("dst/twin", "wxyz");
     tree.file("dst/extra");
     tree.file("dst/sub/stale");
     tree.link("dst/side", outside.dir("d"));
@@ -280,10 +282,11 @@ TEST(Copy, MirrorsDirectoriesFollowingLinksButNoCycleAndNoLinkInTheDestination)
 
     copy(tree.path("src"), tree.path("dst"), true);
     copy(tree.path("src"), tree.path("plain"), true);
-    const QStringList mirrored { ".h", "a", "same", "side", "side/c", "sub", "sub/b" };
+    const QStringList mirrored { ".h", "a", "same", "side", "side/c", "sub", "sub/b", "twin" };
     EXPECT_EQ(sorted(listDirectory(tree.path("dst"), true, true, true)), mirrored);
     EXPECT_EQ(sorted(listDirectory(tree.path("plain"), true, true, true)), mirrored);
     EXPECT_EQ(contentOf(tree.path("dst/a")), "new");
+    EXPECT_EQ(contentOf(tree.path("dst/twin")), "abcd") << "same size, other bytes";
     EXPECT_EQ(QFileInfo(same).lastModified(), longAgo);
     EXPECT_FALSE(QFileInfo(tree.path("dst/side")).isSymLink());
     EXPECT_EQ(

@@ -55,6 +55,7 @@ TEST_F(Facade, EditsStayInSwapFilesUntilCommit)
 {
     writeFile(abs("a.txt"), "old");
     edit(QStringLiteral("a.txt"), "new");
+    ASSERT_TRUE(vfs.mkpath(QStringLiteral("n")));
     edit(QStringLiteral("n/new.txt"), "created");
     EXPECT_EQ(readFile(abs("a.txt")), "old");
     EXPECT_EQ(vfs.open(QStringLiteral("a.txt"), QIODevice::ReadOnly)->readAll(), "new");
