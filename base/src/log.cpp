@@ -25,13 +25,20 @@ Registry& registry()
 const char* levelName(int level)
 {
     switch (level) {
-    case Fatal: return "fatal";
-    case Critical: return "critical";
-    case Error: return "error";
-    case Warning: return "warning";
-    case Info: return "info";
-    case Debug: return "debug";
-    default: return "trace";
+    case Fatal:
+        return "fatal";
+    case Critical:
+        return "critical";
+    case Error:
+        return "error";
+    case Warning:
+        return "warning";
+    case Info:
+        return "info";
+    case Debug:
+        return "debug";
+    default:
+        return "trace";
     }
 }
 

@@ -33,8 +33,8 @@ TEST(Log, InstalledSinkSeesEveryLevelAndIsReplaceable)
     ASSERT_TRUE(mine);
     zo::log::log("C", zo::log::Fatal, "not captured");
 
-    const std::vector<Line> expected{
-        {"A", 0, "first"}, {"B", 5, "second"}, {"B", 9, "beyond debug"}};
+    const std::vector<Line> expected { { "A", 0, "first" }, { "B", 5, "second" },
+        { "B", 9, "beyond debug" } };
     EXPECT_EQ(lines, expected);
 }
 
@@ -70,8 +70,7 @@ std::string stderrOfChild(const char* threshold)
 TEST(Log, DefaultSinkFiltersByEnvironmentThreshold)
 {
     EXPECT_EQ(stderrOfChild(nullptr), "Cat: warning: warned\nCat: error: failed\n");
-    EXPECT_EQ(stderrOfChild("4"),
-        "Cat: warning: warned\nCat: info: noted\nCat: error: failed\n");
+    EXPECT_EQ(stderrOfChild("4"), "Cat: warning: warned\nCat: info: noted\nCat: error: failed\n");
     EXPECT_EQ(stderrOfChild("2"), "Cat: error: failed\n");
 }
 

@@ -43,7 +43,7 @@ TEST(Unicode, FacetRoundTripsNonAscii)
 {
     const zo::PathCodecvt& facet = zo::unicodeFacet();
     const std::wstring wide = L"d\u00e9j\u00e0/\u6587\U0001F600";
-    std::mbstate_t state{};
+    std::mbstate_t state {};
     std::string narrow(wide.size() * 4, '\0');
     const wchar_t* fromNext = nullptr;
     char* toNext = nullptr;

@@ -217,7 +217,7 @@ QStringList ProjectVFS::getFileList(
 {
     const auto impl = _impl;
     if (impl->hasFile(path))
-        return {impl->relativeFilePath(path)};
+        return { impl->relativeFilePath(path) };
     // Listed below the project root, whatever the process's working directory is.
     QStringList list = listDirectory(impl->filePath(path), showHidden, recursive, includeDirs);
     list.removeAll(kMetadataFile);
@@ -231,7 +231,8 @@ void ProjectVFS::importFile(const QString& source, const QString& destination, b
     if (source.isEmpty())
         throw PathNotFound("source is empty");
     if (!QDir::isRelativePath(destination))
-        throw PathNotFound((destination + QStringLiteral(" is not a relative path.")).toStdString());
+        throw PathNotFound(
+            (destination + QStringLiteral(" is not a relative path.")).toStdString());
 
     const auto impl = _impl;
     const QString parent = QFileInfo(destination).path();
@@ -300,7 +301,7 @@ void ProjectVFS::updateFromSource(const QString& path)
 std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
 {
     const auto impl = _impl;
-    QStringList directories{impl->path()};
+    QStringList directories { impl->path() };
     QDirIterator subdirectories(impl->path(),
         QDir::Dirs | QDir::Readable | QDir::Writable | QDir::NoDotAndDotDot,
         QDirIterator::Subdirectories);
@@ -308,7 +309,7 @@ std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
         directories << subdirectories.next();
 
     const QString extension = impl->swapExtension();
-    const QStringList nameFilters{QStringLiteral("*.") + extension};
+    const QStringList nameFilters { QStringLiteral("*.") + extension };
     // The lazy first group is the whole source name, dots included; the name filter already
     // guarantees the real ending.
     QRegularExpression swapName(QStringLiteral("^\\.(.*?)\\.(\\d+).") + extension);
@@ -317,15 +318,16 @@ std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
     std::vector<RecoverableInfo> found;
     for (const QString& directory : qAsConst(directories)) {
         const QDir dir(directory);
-        const QStringList names = dir.entryList(nameFilters, QDir::Files | QDir::Hidden, QDir::NoSort);
+        const QStringList names
+            = dir.entryList(nameFilters, QDir::Files | QDir::Hidden, QDir::NoSort);
         for (const QString& name : names) {
             const QRegularExpressionMatch match = swapName.match(name);
             if (!match.hasMatch())
                 continue;
             // An id that does not fit in 16 bits parses as 0, which never counts as running.
-            found.push_back({impl->relativeFilePath(dir.filePath(name)),
+            found.push_back({ impl->relativeFilePath(dir.filePath(name)),
                 impl->relativeFilePath(dir.filePath(match.captured(1))),
-                match.captured(2).toUShort()});
+                match.captured(2).toUShort() });
         }
     }
     return found;

@@ -69,9 +69,9 @@ QString ProjectVFS_Impl::makeSwapPath(const QString& path) const
 {
     const QFileInfo info(path);
     // One substitution pass, so that a "%1" inside a file name is kept as it is.
-    const QString name = QStringLiteral(".%1.%2.%3")
-                             .arg(info.fileName(),
-                                 QString::number(QCoreApplication::applicationPid()), _swapExt);
+    const QString name
+        = QStringLiteral(".%1.%2.%3")
+              .arg(info.fileName(), QString::number(QCoreApplication::applicationPid()), _swapExt);
     return QDir::cleanPath(info.dir().filePath(name));
 }
 
@@ -225,8 +225,8 @@ void ProjectVFS_Impl::remove(VFSFile& file)
 
 void ProjectVFS_Impl::copy(VFSFile& file, const QString& newPath, bool overwrite)
 {
-    const QString from = isNotCommitted(file.fileName()) ? filePath(file.swapName())
-                                                         : filePath(file.fileName());
+    const QString from
+        = isNotCommitted(file.fileName()) ? filePath(file.swapName()) : filePath(file.fileName());
     if (!overwrite && hasFile(newPath))
         throw AlreadyExists(utf8(newPath));
 
@@ -258,13 +258,12 @@ QIODevice::OpenMode openModeOfStreamMode(const QString& mode)
     return flags;
 }
 
-FILE* openStream(const QDir& root, const QString& openedPath, QString mode,
-    QIODevice::OpenMode flags)
+FILE* openStream(
+    const QDir& root, const QString& openedPath, QString mode, QIODevice::OpenMode flags)
 {
     if (flags & QIODevice::Truncate)
         mode.replace(QLatin1Char('w'), QStringLiteral("r+"));
-    return zo::os::fopen(
-        root.filePath(openedPath).toUtf8().constData(), mode.toUtf8().constData());
+    return zo::os::fopen(root.filePath(openedPath).toUtf8().constData(), mode.toUtf8().constData());
 }
 
 } // namespace zo::project::detail

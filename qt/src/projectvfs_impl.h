@@ -24,7 +24,8 @@ namespace zo::project::detail {
 //
 // Swap files are named ".<name>.<pid>.csp" beside their source, backups "<path>bck"; crash
 // recovery and outside tools look for exactly these names.
-class ZOPROJECTQT_EXPORT ProjectVFS_Impl : public QDir, public std::enable_shared_from_this<ProjectVFS_Impl> {
+class ZOPROJECTQT_EXPORT ProjectVFS_Impl : public QDir,
+                                           public std::enable_shared_from_this<ProjectVFS_Impl> {
 public:
     using Entries = QMap<QString, QString>;
 
@@ -73,9 +74,10 @@ private:
 // The device flags that a C fopen mode stands for.
 ZOPROJECTQT_EXPORT QIODevice::OpenMode openModeOfStreamMode(const QString& mode);
 
-// Reopens the file a handle chose (its openedPath) as a C stream. The device open already prepared (and, for
-// "w" modes, truncated) the swap file, so "w" becomes "r+" to keep the stream from doing it again.
-FILE* openStream(const QDir& root, const QString& openedPath, QString mode,
-    QIODevice::OpenMode flags);
+// Reopens the file a handle chose (its openedPath) as a C stream. The device open already prepared
+// (and, for "w" modes, truncated) the swap file, so "w" becomes "r+" to keep the stream from doing
+// it again.
+FILE* openStream(
+    const QDir& root, const QString& openedPath, QString mode, QIODevice::OpenMode flags);
 
 } // namespace zo::project::detail

@@ -20,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <sys/stat.h>
 
 namespace zo::project {
@@ -68,20 +69,20 @@ TEST_F(Engine, HandlerReportsFirstEntryAndEmptyTableWithRepeats)
 {
     engine->addEntry(QStringLiteral("a"), QStringLiteral("sa"));
     engine->addEntry(QStringLiteral("b"), QStringLiteral("sb"));
-    EXPECT_EQ(reports, std::vector<bool>{true});
+    EXPECT_EQ(reports, std::vector<bool> { true });
     engine->removeEntry(QStringLiteral("a"));
     engine->addEntry(QStringLiteral("b"), QStringLiteral("sb2"));
-    EXPECT_EQ(reports, (std::vector<bool>{true, true}));
+    EXPECT_EQ(reports, (std::vector<bool> { true, true }));
     engine->removeEntry(QStringLiteral("b"));
     engine->removeEntry(QStringLiteral("absent"));
-    EXPECT_EQ(reports, (std::vector<bool>{true, true, false, false}));
+    EXPECT_EQ(reports, (std::vector<bool> { true, true, false, false }));
     EXPECT_FALSE(engine->isNotCommitted());
 
     engine->addEntry(QStringLiteral("x"), QStringLiteral("sx"));
     reports.clear();
     VFSFile moved(engine, QStringLiteral("y"));
     engine->moveEntry(moved, QStringLiteral("x"));
-    EXPECT_EQ(reports, (std::vector<bool>{false, true}));
+    EXPECT_EQ(reports, (std::vector<bool> { false, true }));
     EXPECT_EQ(engine->entries().value(QStringLiteral("y")), abs(moved.swapName()));
     EXPECT_TRUE(engine->isNotCommitted(QStringLiteral("y")));
     EXPECT_FALSE(engine->isNotCommitted(QStringLiteral("./y")));
@@ -115,19 +116,19 @@ TEST_F(Engine, HandleNamesTheFileItWouldOpen)
 TEST_F(Engine, CreateSwapFileCopiesOrCreatesOnce)
 {
     writeFile(abs("d/a.txt"), "content");
-    const QString swap = engine->createSwapFile(QStringLiteral("d/a.txt"),
-        engine->makeSwapPath(QStringLiteral("d/a.txt")));
+    const QString swap = engine->createSwapFile(
+        QStringLiteral("d/a.txt"), engine->makeSwapPath(QStringLiteral("d/a.txt")));
     EXPECT_EQ(swap, swapOf("d/a.txt"));
     EXPECT_EQ(readFile(swap), "content");
-    EXPECT_EQ(reports, std::vector<bool>{true});
+    EXPECT_EQ(reports, std::vector<bool> { true });
 
     // A known entry is returned without looking at the disk.
     QFile::remove(swap);
     EXPECT_EQ(engine->createSwapFile(QStringLiteral("d/a.txt"), QStringLiteral("other")), swap);
     EXPECT_FALSE(QFile::exists(swap));
 
-    const QString fresh = engine->createSwapFile(QStringLiteral("new.txt"),
-        engine->makeSwapPath(QStringLiteral("new.txt")));
+    const QString fresh = engine->createSwapFile(
+        QStringLiteral("new.txt"), engine->makeSwapPath(QStringLiteral("new.txt")));
     EXPECT_EQ(readFile(fresh), "");
     EXPECT_FALSE(QFile::exists(abs("new.txt")));
 }
@@ -165,7 +166,8 @@ TEST_F(Engine, CreateSwapFileFailures)
 class Commit : public Engine {
 protected:
     // A pending change of path: source old (unless null), swap new.
-    std::unique_ptr<VFSFile> pending(const QString& path, const char* oldContent, const char* newContent)
+    std::unique_ptr<VFSFile> pending(
+        const QString& path, const char* oldContent, const char* newContent)
     {
         if (oldContent)
             writeFile(abs(path), oldContent);
@@ -183,14 +185,14 @@ TEST_F(Commit, ReplacesSourceAndLeavesNoTrace)
     EXPECT_EQ(readFile(abs("a.txt")), "new");
     EXPECT_FALSE(QFile::exists(swapOf("a.txt")));
     EXPECT_FALSE(QFile::exists(abs("a.txtbck")));
-    EXPECT_EQ(reports, (std::vector<bool>{true, false}));
+    EXPECT_EQ(reports, (std::vector<bool> { true, false }));
 
     QDir(dir.path()).mkdir(QStringLiteral("sub"));
     auto created = pending(QStringLiteral("sub/new.txt"), nullptr, "fresh");
     created->commit();
     EXPECT_EQ(readFile(abs("sub/new.txt")), "fresh");
     EXPECT_EQ(QDir(abs("sub")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-        QStringList{QStringLiteral("new.txt")});
+        QStringList { QStringLiteral("new.txt") });
 }
 
 TEST_F(Commit, WithoutEntryChecksOnlyExistence)
@@ -234,7 +236,8 @@ TEST_F(Commit, SourceThatCannotBeBackedUpKeepsEverything)
         file->commit();
         FAIL() << "no exception";
     } catch (const exception::SourceFileRename& e) {
-        EXPECT_EQ(std::string(e.what()), "Can not rename source file: " + abs("a.txt").toStdString());
+        EXPECT_EQ(
+            std::string(e.what()), "Can not rename source file: " + abs("a.txt").toStdString());
     }
     EXPECT_EQ(readFile(abs("a.txt")), "old");
     EXPECT_EQ(readFile(swapOf("a.txt")), "new");
@@ -249,12 +252,14 @@ TEST_F(Commit, SwapThatCannotBeRenamedRestoresTheSource)
     // In a sticky directory an unprivileged process may rename its own source file but not
     // the swap file, which belongs to root.
     ASSERT_TRUE(QFile::setPermissions(dir.path(),
-        QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadOther | QFile::ExeOther));
+        QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadOther
+            | QFile::ExeOther));
     const QString sticky = abs("sticky");
     ASSERT_TRUE(QDir(dir.path()).mkdir(QStringLiteral("sticky")));
     ASSERT_EQ(chmod(QFile::encodeName(sticky).constData(), 01777), 0);
     auto file = pending(QStringLiteral("sticky/a.txt"), "old", "new");
-    ASSERT_EQ(chown(QFile::encodeName(abs("sticky/a.txt")).constData(), test::kNobody, test::kNobody), 0);
+    ASSERT_EQ(
+        chown(QFile::encodeName(abs("sticky/a.txt")).constData(), test::kNobody, test::kNobody), 0);
 
     const int outcome = test::runAsNobody([&] {
         try {
@@ -279,8 +284,10 @@ TEST_F(Commit, VanishedSwapIsLoggedAndDeletesTheSource)
     LogCapture log;
     file->commit();
     ASSERT_EQ(log.lines.size(), 1u);
-    EXPECT_EQ(log.lines[0], LogCapture::Line("ProjectVfs", 3,
-        "A swap file doesn't exist anymore: " + engine->makeSwapPath(QStringLiteral("a.txt")).toStdString()));
+    EXPECT_EQ(log.lines[0],
+        LogCapture::Line("ProjectVfs", 3,
+            "A swap file doesn't exist anymore: "
+                + engine->makeSwapPath(QStringLiteral("a.txt")).toStdString()));
     EXPECT_FALSE(QFile::exists(abs("a.txt")));
     EXPECT_FALSE(QFile::exists(abs("a.txtbck")));
     EXPECT_FALSE(engine->isNotCommitted());
@@ -292,7 +299,7 @@ TEST_F(Commit, DiscardDropsOnlyTheSwapFile)
     file->discard();
     EXPECT_EQ(readFile(abs("a.txt")), "old");
     EXPECT_FALSE(QFile::exists(swapOf("a.txt")));
-    EXPECT_EQ(reports, (std::vector<bool>{true, false}));
+    EXPECT_EQ(reports, (std::vector<bool> { true, false }));
     EXPECT_NO_THROW(file->discard());
     EXPECT_EQ(reports.size(), 2u);
 }
@@ -326,7 +333,8 @@ TEST_F(Commit, RemoveFailuresNameThePath)
         FAIL() << "no exception";
     } catch (const IOWriteError& e) {
         EXPECT_EQ(std::string(e.what()),
-            "Can not remove swap file " + engine->makeSwapPath(QStringLiteral("b.txt")).toStdString());
+            "Can not remove swap file "
+                + engine->makeSwapPath(QStringLiteral("b.txt")).toStdString());
     }
 }
 
@@ -355,6 +363,134 @@ TEST_F(Commit, CrashStatesKeepTheData)
     EXPECT_EQ(readFile(abs(path)), "new");
     next->commit();
     EXPECT_EQ(readFile(abs(path)), "new+more");
+}
+
+using Handles = Engine;
+
+TEST_F(Handles, FirstWriteMovesEveryLaterOpenToTheSwapFile)
+{
+    writeFile(abs("a.txt"), "source");
+    auto reader = handle(QStringLiteral("a.txt"));
+    ASSERT_TRUE(reader->open(QIODevice::ReadOnly));
+    EXPECT_EQ(reader->readAll(), "source");
+    EXPECT_FALSE(reader->open(QIODevice::WriteOnly)) << "already open";
+    reader->close();
+    EXPECT_FALSE(QFile::exists(swapOf("a.txt")));
+
+    auto writer = handle(QStringLiteral("a.txt"));
+    ASSERT_TRUE(writer->open(QIODevice::ReadWrite));
+    EXPECT_EQ(writer->openedPath(), engine->makeSwapPath(QStringLiteral("a.txt")));
+    EXPECT_EQ(writer->fileName(), QStringLiteral("a.txt"));
+    EXPECT_EQ(writer->readAll(), "source");
+    writer->write("+edit");
+    writer->close();
+
+    auto later = handle(QStringLiteral("a.txt"));
+    ASSERT_TRUE(later->open(QIODevice::ReadOnly));
+    EXPECT_EQ(later->readAll(), "source+edit");
+    EXPECT_EQ(readFile(abs("a.txt")), "source");
+}
+
+TEST_F(Handles, OpenReportsSwapFailuresAsFalse)
+{
+    writeFile(swapOf("a.txt"), "foreign");
+    auto file = handle(QStringLiteral("a.txt"));
+    EXPECT_FALSE(file->open(QIODevice::WriteOnly));
+    EXPECT_EQ(file->errorString(), QStringLiteral("A swap file already exists for: a.txt"));
+    EXPECT_FALSE(file->isOpen());
+    EXPECT_EQ(readFile(swapOf("a.txt")), "foreign");
+}
+
+TEST_F(Handles, StreamModesTranslateToDeviceFlags)
+{
+    using M = QIODevice;
+    const auto flags
+        = [](const char* mode) { return detail::openModeOfStreamMode(QString::fromLatin1(mode)); };
+    EXPECT_EQ(flags("r"), M::ReadOnly | M::Text);
+    EXPECT_EQ(flags("rb"), M::OpenMode(M::ReadOnly));
+    EXPECT_EQ(flags("r+b"), M::OpenMode(M::ReadWrite));
+    EXPECT_EQ(flags("w"), M::WriteOnly | M::Truncate | M::Text);
+    EXPECT_EQ(flags("wb+"), M::ReadWrite | M::Truncate);
+    EXPECT_EQ(flags("a"), M::WriteOnly | M::Append | M::Text);
+    EXPECT_EQ(flags("ab+"), M::ReadWrite | M::Append);
+    EXPECT_EQ(flags("rw"), M::ReadOnly | M::Text) << "r is tested first";
+    EXPECT_EQ(flags("+"), M::ReadWrite | M::Text);
+    EXPECT_EQ(flags("b"), M::OpenMode(M::NotOpen));
+}
+
+TEST_F(Handles, StreamsDoNotTruncateTwice)
+{
+    writeFile(abs("a.txt"), "0123456789");
+    auto file = handle(QStringLiteral("a.txt"));
+    FILE* stream = file->fopen(QStringLiteral("w+"));
+    ASSERT_NE(stream, nullptr);
+    std::fputs("new", stream);
+    std::fclose(stream);
+    EXPECT_EQ(readFile(swapOf("a.txt")), "new");
+
+    // Once a swap file is pending, "w" truncates it once through the device, and the stream
+    // reopened with "r+" writes into the emptied file.
+    stream = handle(QStringLiteral("a.txt"))->fopen(QStringLiteral("w"));
+    ASSERT_NE(stream, nullptr);
+    std::fputs("xy", stream);
+    std::fclose(stream);
+    EXPECT_EQ(readFile(swapOf("a.txt")), "xy");
+    EXPECT_EQ(readFile(abs("a.txt")), "0123456789");
+
+    writeFile(abs("b.txt"), "read only");
+    EXPECT_EQ(handle(QStringLiteral("missing.txt"))->fopen(QStringLiteral("rb")), nullptr);
+    stream = handle(QStringLiteral("b.txt"))->fopen(QStringLiteral("rb"));
+    ASSERT_NE(stream, nullptr);
+    std::fclose(stream);
+    EXPECT_FALSE(QFile::exists(swapOf("b.txt")));
+}
+
+TEST_F(Handles, MoveTakesFileAndSwapFileAlong)
+{
+    writeFile(abs("a.txt"), "old");
+    auto file = handle(QStringLiteral("a.txt"));
+    file->createSwapFile();
+    writeFile(swapOf("a.txt"), "new");
+    QDir(dir.path()).mkdir(QStringLiteral("d"));
+    reports.clear();
+
+    file->move(QStringLiteral("d/b.txt"), false);
+    EXPECT_EQ(file->fileName(), QStringLiteral("d/b.txt"));
+    EXPECT_EQ(readFile(abs("d/b.txt")), "old");
+    EXPECT_EQ(readFile(swapOf("d/b.txt")), "new");
+    EXPECT_FALSE(QFile::exists(abs("a.txt")));
+    EXPECT_FALSE(QFile::exists(swapOf("a.txt")));
+    EXPECT_EQ(engine->entries().keys(), QStringList { QStringLiteral("d/b.txt") });
+    EXPECT_EQ(reports, (std::vector<bool> { false, true }));
+
+    auto ghost = handle(QStringLiteral("ghost.txt"));
+    try {
+        ghost->move(QStringLiteral("elsewhere.txt"), false);
+        FAIL() << "no exception";
+    } catch (const PathNotFound& e) {
+        EXPECT_STREQ(e.what(), "ghost.txt");
+    }
+    EXPECT_EQ(ghost->fileName(), QStringLiteral("elsewhere.txt"));
+}
+
+TEST_F(Handles, CopyBecomesAnUncommittedNewFile)
+{
+    writeFile(abs("a.txt"), "committed");
+    writeFile(abs("b.txt"), "existing");
+    auto file = handle(QStringLiteral("a.txt"));
+    EXPECT_THROW(engine->copy(*file, QStringLiteral("b.txt"), false), AlreadyExists);
+
+    file->copy(QStringLiteral("b.txt"));
+    EXPECT_EQ(readFile(abs("b.txt")), "existing");
+    EXPECT_EQ(readFile(swapOf("b.txt")), "committed");
+    EXPECT_TRUE(engine->isNotCommitted(QStringLiteral("b.txt")));
+
+    // The pending content is what gets copied.
+    file->createSwapFile();
+    writeFile(swapOf("a.txt"), "pending");
+    file->copy(QStringLiteral("c.txt"));
+    EXPECT_EQ(readFile(swapOf("c.txt")), "pending");
+    EXPECT_FALSE(QFile::exists(abs("c.txt")));
 }
 
 } // namespace

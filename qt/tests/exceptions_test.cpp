@@ -18,13 +18,14 @@ TEST(EngineErrors, MessagesAreExact)
     EXPECT_STREQ(ex::SwapFileAlreadyExists("a").what(), "A swap file already exists for: a");
     EXPECT_STREQ(ex::CreateSwapFile("a").what(), "Can not create swap file for: a");
     EXPECT_STREQ(ex::CopySwapFile("a", QString()).what(), "Can not copy swap file for: a");
-    EXPECT_STREQ(ex::OpenSwapFile("a", QFileDevice::OpenError).what(),
-        "Can not open swap file for: a");
+    EXPECT_STREQ(
+        ex::OpenSwapFile("a", QFileDevice::OpenError).what(), "Can not open swap file for: a");
     EXPECT_STREQ(ex::SourceFileRename("a").what(), "Can not rename source file: a");
     EXPECT_STREQ(ex::SourceFileBackupRemove("a").what(), "Can not remove source file backup: a");
     EXPECT_STREQ(ex::SwapFileRename("").what(), "Can not rename swap file: ");
     EXPECT_STREQ(ex::SwapFileRemove("a").what(), "Can not remove swap file: a");
-    EXPECT_STREQ(ex::SourceFileDoesNotExists("x.txt").what(), "Source file does not exist for:x.txt");
+    EXPECT_STREQ(
+        ex::SourceFileDoesNotExists("x.txt").what(), "Source file does not exist for:x.txt");
     EXPECT_STREQ(ex::SwapFileAlreadyExists("d\xc3\xa9j\xc3\xa0").what(),
         "A swap file already exists for: d\xc3\xa9j\xc3\xa0");
 }
@@ -37,8 +38,7 @@ TEST(EngineErrors, ExtraFieldsAreKept)
     EXPECT_EQ(open.fileError(), QFileDevice::PermissionsError);
 }
 
-template <typename Thrown, typename Handler>
-bool caughtAs()
+template <typename Thrown, typename Handler> bool caughtAs()
 {
     try {
         throw Thrown("p");

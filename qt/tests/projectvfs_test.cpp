@@ -33,7 +33,7 @@ protected:
     }
 
     QTemporaryDir dir;
-    ProjectVFS vfs{dir.path()};
+    ProjectVFS vfs { dir.path() };
     std::vector<bool> reports;
 };
 
@@ -44,7 +44,8 @@ TEST_F(Facade, SetPathRefusesTheCurrentAndMissingPaths)
         vfs.setPath(abs("missing"));
         FAIL() << "no exception";
     } catch (const exception::ProjectPathDoesNotExists& e) {
-        EXPECT_EQ(std::string(e.what()), "Project path '" + abs("missing").toStdString() + "' does not exist");
+        EXPECT_EQ(std::string(e.what()),
+            "Project path '" + abs("missing").toStdString() + "' does not exist");
     }
     ASSERT_TRUE(vfs.mkdir(QStringLiteral("sub")));
     vfs.setPath(abs("sub"));
@@ -61,13 +62,13 @@ TEST_F(Facade, EditsStayInSwapFilesUntilCommit)
     EXPECT_EQ(vfs.open(QStringLiteral("a.txt"), QIODevice::ReadOnly)->readAll(), "new");
     EXPECT_TRUE(vfs.exists(QStringLiteral("n/new.txt")));
     EXPECT_FALSE(QFile::exists(abs("n/new.txt")));
-    EXPECT_EQ(reports, std::vector<bool>{true});
+    EXPECT_EQ(reports, std::vector<bool> { true });
 
     vfs.commit();
     EXPECT_EQ(readFile(abs("a.txt")), "new");
     EXPECT_EQ(readFile(abs("n/new.txt")), "created");
     EXPECT_FALSE(vfs.isNotCommitted());
-    EXPECT_EQ(reports, std::vector<bool>{true}) << "commit-all does not call the handler";
+    EXPECT_EQ(reports, std::vector<bool> { true }) << "commit-all does not call the handler";
 }
 
 TEST_F(Facade, DiscardAllIsSilentAndLeavesSources)
@@ -81,12 +82,12 @@ TEST_F(Facade, DiscardAllIsSilentAndLeavesSources)
     EXPECT_EQ(readFile(abs("a.txt")), "old");
     EXPECT_FALSE(QFile::exists(swapOf("a.txt")));
     EXPECT_FALSE(vfs.exists(QStringLiteral("b.txt")));
-    EXPECT_EQ(reports, std::vector<bool>{true});
+    EXPECT_EQ(reports, std::vector<bool> { true });
 }
 
 TEST_F(Facade, CommitAllStopsAtTheFirstFailure)
 {
-    for (const char* name : {"1.txt", "2.txt", "3.txt"}) {
+    for (const char* name : { "1.txt", "2.txt", "3.txt" }) {
         writeFile(abs(name), "old");
         edit(QString::fromLatin1(name), "new");
     }
@@ -114,8 +115,10 @@ TEST_F(Facade, OpenFailureIsReportedWithThePath)
     } catch (const exception::OpenSwapFile& e) {
         EXPECT_STREQ(e.what(), "Can not open swap file for: taken.txt");
     }
-    EXPECT_THROW(vfs.open(QStringLiteral("absent.txt"), QIODevice::ReadOnly), exception::OpenSwapFile);
-    EXPECT_THROW(vfs.fopen(QStringLiteral("absent.txt"), QStringLiteral("r")), exception::OpenSwapFile);
+    EXPECT_THROW(
+        vfs.open(QStringLiteral("absent.txt"), QIODevice::ReadOnly), exception::OpenSwapFile);
+    EXPECT_THROW(
+        vfs.fopen(QStringLiteral("absent.txt"), QStringLiteral("r")), exception::OpenSwapFile);
     EXPECT_FALSE(vfs.isNotCommitted());
 }
 
@@ -152,11 +155,11 @@ TEST_F(Facade, ListingHidesOnlyTheTopMetadataFile)
     writeFile(abs("sub/f.txt"), "f");
     QStringList all = vfs.getFileList(QString(), true, true, false);
     all.sort();
-    EXPECT_EQ(all, (QStringList{QStringLiteral("sub/.metadata"), QStringLiteral("sub/f.txt")}));
+    EXPECT_EQ(all, (QStringList { QStringLiteral("sub/.metadata"), QStringLiteral("sub/f.txt") }));
     EXPECT_EQ(vfs.getFileList(QStringLiteral("sub/f.txt"), false, false, false),
-        QStringList{QStringLiteral("sub/f.txt")});
+        QStringList { QStringLiteral("sub/f.txt") });
     EXPECT_EQ(vfs.getFileList(QStringLiteral("sub"), false, false, false),
-        QStringList{QStringLiteral("f.txt")});
+        QStringList { QStringLiteral("f.txt") });
 }
 
 TEST_F(Facade, ImportChecksDestinationFirst)
@@ -171,11 +174,13 @@ TEST_F(Facade, ImportChecksDestinationFirst)
     };
     EXPECT_EQ(message(QString(), QString()), "destination is empty");
     EXPECT_EQ(message(QString(), QStringLiteral("b")), "source is empty");
-    EXPECT_EQ(message(QStringLiteral("x"), QStringLiteral("/abs/b")), "/abs/b is not a relative path.");
+    EXPECT_EQ(
+        message(QStringLiteral("x"), QStringLiteral("/abs/b")), "/abs/b is not a relative path.");
 
     QTemporaryDir outside;
     writeFile(outside.filePath(QStringLiteral("in.txt")), "imported");
-    vfs.importFile(outside.filePath(QStringLiteral("in.txt")), QStringLiteral("deep/er/in.txt"), false);
+    vfs.importFile(
+        outside.filePath(QStringLiteral("in.txt")), QStringLiteral("deep/er/in.txt"), false);
     EXPECT_EQ(readFile(abs("deep/er/in.txt")), "imported");
     EXPECT_FALSE(vfs.isNotCommitted());
 }
@@ -191,7 +196,8 @@ TEST_F(Facade, ExportCopyAndMoveWorkOnPendingContent)
     vfs.copy(QStringLiteral("a.txt"), QStringLiteral("copy.txt"), false);
     EXPECT_FALSE(QFile::exists(abs("copy.txt")));
     EXPECT_EQ(readFile(swapOf("copy.txt")), "new");
-    EXPECT_THROW(vfs.copy(QStringLiteral("a.txt"), QStringLiteral("copy.txt"), false), AlreadyExists);
+    EXPECT_THROW(
+        vfs.copy(QStringLiteral("a.txt"), QStringLiteral("copy.txt"), false), AlreadyExists);
 
     vfs.move(QStringLiteral("a.txt"), QStringLiteral("moved.txt"), false);
     EXPECT_EQ(readFile(abs("moved.txt")), "old");
@@ -251,7 +257,8 @@ TEST_F(Facade, RemoveFallsBackToTheWholeTree)
     ASSERT_EQ(log.lines.size(), 1u);
     EXPECT_EQ(log.lines[0],
         LogCapture::Line("ProjectVFS", 3,
-            "Can not remove swap file " + vfs.makeSwapPath(QStringLiteral("d/a.txt")).toStdString()));
+            "Can not remove swap file "
+                + vfs.makeSwapPath(QStringLiteral("d/a.txt")).toStdString()));
 }
 
 TEST_F(Facade, UpdateFromSourceRefreshesThePendingSwap)

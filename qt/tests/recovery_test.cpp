@@ -50,8 +50,8 @@ class LiveInstance {
 public:
     LiveInstance()
     {
-        const std::string name =
-            QFileInfo(QCoreApplication::arguments().first()).baseName().toStdString();
+        const std::string name
+            = QFileInfo(QCoreApplication::arguments().first()).baseName().toStdString();
         const std::string argv0 = name + " (another instance)";
         pid = fork();
         if (pid == 0) {
@@ -88,7 +88,7 @@ protected:
     }
 
     QTemporaryDir dir;
-    ProjectVFS vfs{dir.path()};
+    ProjectVFS vfs { dir.path() };
 };
 
 TEST_F(Recovery, ListsSwapFilesWithSourceAndProcess)
@@ -100,10 +100,10 @@ TEST_F(Recovery, ListsSwapFilesWithSourceAndProcess)
     writeFile(abs("doc/notes.txt.4242.csp"), "no leading dot");
     writeFile(abs("doc/.x.txt.12.csp.bak"), "other extension");
 
-    const std::vector<Info> expected{
-        {QStringLiteral(".a.b.123.csp"), QStringLiteral("a.b"), 123},
-        {QStringLiteral(".big.txt.70000.csp"), QStringLiteral("big.txt"), 0},
-        {QStringLiteral("doc/.notes.txt.4242.csp"), QStringLiteral("doc/notes.txt"), 4242},
+    const std::vector<Info> expected {
+        { QStringLiteral(".a.b.123.csp"), QStringLiteral("a.b"), 123 },
+        { QStringLiteral(".big.txt.70000.csp"), QStringLiteral("big.txt"), 0 },
+        { QStringLiteral("doc/.notes.txt.4242.csp"), QStringLiteral("doc/notes.txt"), 4242 },
     };
     EXPECT_EQ(sorted(vfs.recoverableFiles()), expected);
 }
@@ -114,8 +114,9 @@ TEST_F(Recovery, ReadOnlyDirectoriesAreNotScanned)
     const QByteArray target = QFile::encodeName(abs("ro"));
     if (mount(target.constData(), target.constData(), nullptr, MS_BIND, nullptr) != 0)
         GTEST_SKIP() << "bind mounts are not available";
-    const bool readOnly = mount(nullptr, target.constData(), nullptr,
-                              MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+    const bool readOnly
+        = mount(nullptr, target.constData(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr)
+        == 0;
     const auto found = vfs.recoverableFiles();
     umount(target.constData());
     if (!readOnly)
@@ -135,7 +136,7 @@ TEST_F(Recovery, SwapOfAnEndedProcessIsMovedAndCommitted)
     ASSERT_EQ(found.size(), 1u);
     vfs.recoverFile(found[0]);
     EXPECT_FALSE(QFile::exists(abs(foreign)));
-    EXPECT_EQ(reports, std::vector<bool>{true});
+    EXPECT_EQ(reports, std::vector<bool> { true });
     EXPECT_EQ(vfs.open(QStringLiteral("d/a.txt"), QIODevice::ReadOnly)->readAll(), "unsaved work");
     vfs.commit();
     EXPECT_EQ(readFile(abs("d/a.txt")), "unsaved work");
@@ -148,7 +149,7 @@ TEST_F(Recovery, SwapOfARunningProcessIsCopiedAndKept)
         GTEST_SKIP() << "process ids above 16 bits are recorded as 0";
     const QString theirs = swapName(QStringLiteral("a.txt"), other.pid);
     writeFile(abs(theirs), "their work");
-    const Info info{theirs, QStringLiteral("a.txt"), static_cast<unsigned short>(other.pid)};
+    const Info info { theirs, QStringLiteral("a.txt"), static_cast<unsigned short>(other.pid) };
 
     LogCapture log;
     vfs.recoverFile(info);
@@ -161,7 +162,7 @@ TEST_F(Recovery, SwapOfARunningProcessIsCopiedAndKept)
     const LogCapture::Line line("ProjectVFS", 4,
         "Not removing '" + theirs.toStdString() + "' because process '" + std::to_string(other.pid)
             + "' is still running");
-    EXPECT_EQ(log.lines, (std::vector<LogCapture::Line>{line, line}));
+    EXPECT_EQ(log.lines, (std::vector<LogCapture::Line> { line, line }));
 }
 
 TEST_F(Recovery, RefusedTransfersKeepBothFiles)
@@ -171,8 +172,8 @@ TEST_F(Recovery, RefusedTransfersKeepBothFiles)
     mine->write("mine");
     mine->close();
     const QString mySwap = vfs.makeSwapPath(QStringLiteral("a.txt"));
-    const Info own{mySwap, QStringLiteral("a.txt"),
-        static_cast<unsigned short>(QCoreApplication::applicationPid())};
+    const Info own { mySwap, QStringLiteral("a.txt"),
+        static_cast<unsigned short>(QCoreApplication::applicationPid()) };
     try {
         vfs.recoverFile(own);
         FAIL() << "no exception";
@@ -183,7 +184,8 @@ TEST_F(Recovery, RefusedTransfersKeepBothFiles)
     // Another process's file for a source this process already edits.
     const QString theirs = swapName(QStringLiteral("a.txt"), 0);
     writeFile(abs(theirs), "theirs");
-    EXPECT_THROW(vfs.recoverFile({theirs, QStringLiteral("a.txt"), 0}), exception::SwapFileRename);
+    EXPECT_THROW(
+        vfs.recoverFile({ theirs, QStringLiteral("a.txt"), 0 }), exception::SwapFileRename);
     EXPECT_EQ(readFile(abs(theirs)), "theirs");
     EXPECT_EQ(readFile(abs(mySwap)), "mine");
 }
@@ -192,7 +194,7 @@ TEST_F(Recovery, AbandonRemovesOnlyFilesOfEndedProcesses)
 {
     const QString stale = swapName(QStringLiteral("a.txt"), deadPid());
     writeFile(abs(stale), "stale");
-    const Info info{stale, QStringLiteral("a.txt"), 0};
+    const Info info { stale, QStringLiteral("a.txt"), 0 };
     vfs.abandonFile(info);
     EXPECT_FALSE(QFile::exists(abs(stale)));
     try {
@@ -218,7 +220,8 @@ TEST_F(Recovery, WorkOfAKilledProcessIsRecovered)
     const pid_t editor = fork();
     if (editor == 0) {
         ProjectVFS project(dir.path());
-        auto existing = project.open(QStringLiteral("existing.txt"), QIODevice::WriteOnly | QIODevice::Append);
+        auto existing = project.open(
+            QStringLiteral("existing.txt"), QIODevice::WriteOnly | QIODevice::Append);
         existing->write(" and after");
         existing->flush();
         project.mkpath(QStringLiteral("new"));

@@ -73,14 +73,21 @@ int demo(const QString& root)
     project.mkpath(QStringLiteral("docs"));
     write(project, QStringLiteral("docs/main.xml"), "<doc>first</doc>\n");
     project.commit();
-    say(QStringLiteral("  on disk: %1").arg(QString::fromUtf8(contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
+    say(QStringLiteral("  on disk: %1")
+            .arg(QString::fromUtf8(
+                contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
 
     say(QStringLiteral("2. Edit it: the change goes to a swap file"));
     write(project, QStringLiteral("docs/main.xml"), "<doc>second</doc>\n");
-    say(QStringLiteral("  swap file: %1").arg(project.makeSwapPath(QStringLiteral("docs/main.xml"))));
-    say(QStringLiteral("  on disk:   %1").arg(QString::fromUtf8(contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
+    say(QStringLiteral("  swap file: %1")
+            .arg(project.makeSwapPath(QStringLiteral("docs/main.xml"))));
+    say(QStringLiteral("  on disk:   %1")
+            .arg(QString::fromUtf8(
+                contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
     project.commit();
-    say(QStringLiteral("  saved:     %1").arg(QString::fromUtf8(contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
+    say(QStringLiteral("  saved:     %1")
+            .arg(QString::fromUtf8(
+                contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
 
     say(QStringLiteral("3. Another process edits notes.txt and crashes"));
     crashWhileEditing(root, QStringLiteral("notes.txt"), "written just before the crash\n");
@@ -88,7 +95,10 @@ int demo(const QString& root)
     say(QStringLiteral("4. Recover what it left"));
     const auto left = project.recoverableFiles();
     for (const auto& info : left) {
-        say(QStringLiteral("  found %1 (process %2) for %3").arg(info.swapPath).arg(info.pid).arg(info.sourcePath));
+        say(QStringLiteral("  found %1 (process %2) for %3")
+                .arg(info.swapPath)
+                .arg(info.pid)
+                .arg(info.sourcePath));
         project.recoverFile(info);
     }
     project.commit();
@@ -98,7 +108,8 @@ int demo(const QString& root)
     const QStringList files = project.getFileList(QString(), true, true, false);
     say(QStringLiteral("5. Project files: %1").arg(files.join(QStringLiteral(", "))));
     const bool intact = left.size() == 1 && recovered == "written just before the crash\n";
-    say(intact ? QStringLiteral("Demo finished: no work was lost.") : QStringLiteral("Demo FAILED: work was lost."));
+    say(intact ? QStringLiteral("Demo finished: no work was lost.")
+               : QStringLiteral("Demo FAILED: work was lost."));
     return intact ? 0 : 1;
 }
 

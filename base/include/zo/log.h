@@ -18,7 +18,8 @@ ZO_EXPORT bool hasCategory(const std::string& name);
 
 ZO_EXPORT void log(const std::string& category, int level, const std::string& message);
 
-using Sink = std::function<void(const std::string& category, int level, const std::string& message)>;
+using Sink
+    = std::function<void(const std::string& category, int level, const std::string& message)>;
 
 // Installs a sink that receives every call whatever the threshold and returns the previous one.
 // An empty sink restores the default one.
