@@ -1,3 +1,4 @@
+#include <zo/log.h>
 #include <zo/project/exceptions.h>
 
 #include <gtest/gtest.h>
@@ -68,6 +69,13 @@ TEST(EngineErrors, CommitFailuresAreGroupedAndOthersAreNot)
     static_assert(!std::is_base_of_v<ex::SwapFileCommit, ex::OpenSwapFile>);
     static_assert(std::is_base_of_v<ex::ProjectVFS, ex::CopySwapFile>);
     static_assert(std::has_virtual_destructor_v<ex::ProjectVFS>);
+}
+
+TEST(Library, RegistersItsLogCategoriesWhenLoaded)
+{
+    EXPECT_TRUE(zo::log::hasCategory("ProjectVFS"));
+    EXPECT_TRUE(zo::log::hasCategory("ProjectVfs"));
+    EXPECT_TRUE(zo::log::hasCategory("ProjectDir"));
 }
 
 } // namespace

@@ -1,21 +1,36 @@
+// Built against the installed package only: every library is reached through Zo::ProjectQt.
 #include <zo/log.h>
 #include <zo/project/exceptions.h>
-#include <zo/project/fileutils.h>
 #include <zo/project/project.h>
+#include <zo/project/projectvfs.h>
+#include <zo/project/vfsfile.h>
 
 #include <QCoreApplication>
+#include <QFile>
+#include <QTemporaryDir>
 
 #include <cstdio>
 
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
+    QTemporaryDir dir;
+    zo::project::ProjectVFS project(dir.path());
+    project.open(QStringLiteral("a.txt"), QIODevice::WriteOnly)->write("saved");
+    project.commit();
+
+    QFile saved(dir.filePath(QStringLiteral("a.txt")));
+    const bool committed = saved.open(QIODevice::ReadOnly) && saved.readAll() == "saved";
+
+    bool grouped = false;
     try {
         throw zo::project::exception::SwapFileRename("x");
-    } catch (const zo::project::exception::SwapFileCommit& e) {
-        std::printf("caught across the library boundary: %s\n", e.what());
+    } catch (const zo::project::exception::SwapFileCommit&) {
+        grouped = true;
     }
-    zo::project::Project project("/nonexistent");
-    std::printf("project at %s\n", project.projectPath().c_str());
-    return zo::log::hasCategory("ProjectVFS") ? 0 : 1;
+    const zo::project::Project description(dir.path().toStdString());
+    const bool ok = committed && grouped && zo::log::hasCategory("ProjectVFS")
+        && description.projectPath() == dir.path().toStdString();
+    std::printf("consumer: %s\n", ok ? "ok" : "FAILED");
+    return ok ? 0 : 1;
 }
