@@ -1,3 +1,5 @@
+#include "testutil.h"
+
 #include <zo/project/fileutils.h>
 
 #include <QDateTime>
@@ -83,18 +85,6 @@ long long availableBytes(const QString& path)
     return measured ? static_cast<long long>(volume.f_bavail * volume.f_frsize) : -1;
 }
 
-// Runs body in a child that has dropped root for nobody; its exit code, or -1.
-int exitCodeAsNobody(const std::function<int()>& body)
-{
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::_exit(::setgid(65534) == 0 && ::setuid(65534) == 0 ? body() : 255);
-    }
-    int status = 0;
-    const bool exited = child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status);
-    return exited ? WEXITSTATUS(status) : -1;
-}
-
 // The class and the message of what body throws, so that one comparison checks both.
 template <typename Body> std::string thrown(Body body)
 {
@@ -121,12 +111,6 @@ QStringList sorted(QStringList list)
 {
     list.sort();
     return list;
-}
-
-QByteArray contentOf(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 TEST(ListDirectory, FiltersPrefixesAndFollowsLinksButNotBackIntoItsOwnPath)
@@ -252,7 +236,7 @@ TEST(Copy, ChecksInOrder)
         = "PathNotFound: Copy file error: source path is not readable: " + u8(none) + "/x";
     const auto copyUnreadable
         = [&] { return thrown([&] { copy(src, none + "/x", false); }) == expected ? 0 : 1; };
-    EXPECT_EQ(::geteuid() == 0 ? exitCodeAsNobody(copyUnreadable) : copyUnreadable(), 0);
+    EXPECT_EQ(::geteuid() == 0 ? test::runAsNobody(copyUnreadable) : copyUnreadable(), 0);
 }
 
 TEST(Copy, MirrorsDirectoriesFollowingLinksButNoCycleAndNoLinkInTheDestination)
@@ -285,8 +269,8 @@ TEST(Copy, MirrorsDirectoriesFollowingLinksButNoCycleAndNoLinkInTheDestination)
     const QStringList mirrored { ".h", "a", "same", "side", "side/c", "sub", "sub/b", "twin" };
     EXPECT_EQ(sorted(listDirectory(tree.path("dst"), true, true, true)), mirrored);
     EXPECT_EQ(sorted(listDirectory(tree.path("plain"), true, true, true)), mirrored);
-    EXPECT_EQ(contentOf(tree.path("dst/a")), "new");
-    EXPECT_EQ(contentOf(tree.path("dst/twin")), "abcd") << "same size, other bytes";
+    EXPECT_EQ(test::readFile(tree.path("dst/a")), "new");
+    EXPECT_EQ(test::readFile(tree.path("dst/twin")), "abcd") << "same size, other bytes";
     EXPECT_EQ(QFileInfo(same).lastModified(), longAgo);
     EXPECT_FALSE(QFileInfo(tree.path("dst/side")).isSymLink());
     EXPECT_EQ(
@@ -354,7 +338,7 @@ TEST(Move, ChecksThenRenamesOrCopiesAndRemoves)
     move(tree.path("dir"), tree.path("old"), true);
     EXPECT_EQ(sorted(listDirectory(tree.path(), false, true, true)),
         (QStringList { "b", "c", "old", "old/x" }));
-    EXPECT_EQ(contentOf(tree.path("c")), "A");
+    EXPECT_EQ(test::readFile(tree.path("c")), "A");
 }
 
 // The failed move keeps what it copied before failing: nothing is rolled back.
