@@ -18,14 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-void writeFile(const fs::path& path, const std::string& content, mode_t mode = 0644)
-{
-    fs::create_directories(path.parent_path());
-    std::ofstream out(path, std::ios::binary);
-    ASSERT_TRUE(out << content) << path;
-    fs::permissions(path, static_cast<fs::perms>(mode));
-}
-
 // Numbered 4 KiB runs of varying bytes: every block is distinct, yet each compressor
 // shrinks it quickly.
 void writeBigFile(const fs::path& path, size_t size)
@@ -68,6 +60,20 @@ std::string digest(const fs::path& path)
 
 } // namespace
 
+void writeFile(const std::string& path, const std::string& content, mode_t mode)
+{
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream out(path, std::ios::binary);
+    ASSERT_TRUE(out << content) << path;
+    fs::permissions(path, static_cast<fs::perms>(mode));
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
 void makeSampleTree(const std::string& rootPath, size_t bigFileSize)
 {
     const fs::path root(rootPath);
@@ -100,7 +106,7 @@ std::vector<std::string> listing(const std::string& root, int details)
         std::string line = (link                             ? "l "
                                    : S_ISDIR(status.st_mode) ? "d "
                                                              : "f ")
-            + fs::relative(entry.path(), root).string();
+            + entry.path().lexically_relative(root).string();
         if ((details & Modes) && !link)
             line += " mode " + std::to_string(status.st_mode & 07777);
         if ((details & Times) && !link)
