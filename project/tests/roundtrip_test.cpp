@@ -6,6 +6,10 @@
 
 #include <QTemporaryDir>
 
+#include <algorithm>
+#include <cctype>
+#include <clocale>
+
 namespace {
 
 using zo::project::ArchiveFormat;
@@ -15,6 +19,11 @@ struct Case {
     ArchiveFormat format;
     const char* name;
 };
+
+void PrintTo(const Case& tested, std::ostream* out)
+{
+    *out << tested.name;
+}
 
 class RoundTrip : public testing::TestWithParam<Case> { };
 
@@ -41,7 +50,27 @@ INSTANTIATE_TEST_SUITE_P(Formats, RoundTrip,
         Case { ArchiveFormat::TarZstd, "project.tar.zst" },
         Case { ArchiveFormat::SevenZip, "project.7z" }, Case { ArchiveFormat::Directory, "copy" }),
     [](const testing::TestParamInfo<Case>& info) {
-        return "Format" + std::to_string(static_cast<int>(info.param.format));
+        std::string name = info.param.name;
+        std::replace_if(
+            name.begin(), name.end(), [](char c) { return !std::isalnum(c); }, '_');
+        return name;
     });
+
+TEST(RoundTripInCLocale, KeepsNonAsciiNames)
+{
+    // libarchive converts names through the locale; the library must not depend on it.
+    const std::string previous = setlocale(LC_ALL, nullptr);
+    setlocale(LC_ALL, "C");
+    QTemporaryDir dir;
+    const std::string source = pathIn(dir, "source");
+    makeSampleTree(source);
+    for (const char* name : { "p.zip", "p.tar", "p.7z" }) {
+        zo::project::exportProject(source, pathIn(dir, name), ArchiveFormat::Auto);
+        zo::project::importProject(
+            pathIn(dir, name), pathIn(dir, "in") + name, ArchiveFormat::Auto);
+        EXPECT_EQ(listing(pathIn(dir, "in") + name, Everything), listing(source, Everything));
+    }
+    setlocale(LC_ALL, previous.c_str());
+}
 
 } // namespace
