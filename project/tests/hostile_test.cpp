@@ -130,16 +130,6 @@ TEST_F(Hostile, WritingThroughALinkInTheDestinationIsRefused)
     EXPECT_TRUE(std::filesystem::is_symlink(destination + "/link"));
 }
 
-TEST_F(Hostile, LinksThatStayInsideAreKept)
-{
-    writeArchive(archive,
-        { { "docs/readme", AE_IFREG, "text" }, { "docs/link", AE_IFLNK, "../docs/readme" },
-            { "top", AE_IFLNK, "docs" } });
-    importProject(archive, destination, ArchiveFormat::Auto);
-    EXPECT_EQ(readFile(destination + "/docs/link"), "text");
-    EXPECT_EQ(readFile(destination + "/top/readme"), "text");
-}
-
 TEST_F(Hostile, TruncatedArchivesFailAndOnlyACreatedDestinationIsRemoved)
 {
     const std::string source = pathIn(sandbox, "source");

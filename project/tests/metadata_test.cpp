@@ -1,11 +1,11 @@
+#include "sample_tree.h"
+
 #include <zo/project/archive.h>
 #include <zo/project/project.h>
 
 #include <gtest/gtest.h>
 
 #include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
 
 #include <sys/stat.h>
 
@@ -14,17 +14,11 @@ namespace {
 using zo::project::ArchiveError;
 using zo::project::Project;
 using namespace std::string_literals;
+using namespace zo::project::test;
 
 class Metadata : public testing::Test {
 protected:
-    std::string path(const char* name) const { return dir.filePath(name).toStdString(); }
-
-    void writeFile(const std::string& file, const QByteArray& content) const
-    {
-        QFile out(QString::fromStdString(file));
-        ASSERT_TRUE(out.open(QIODevice::WriteOnly));
-        out.write(content);
-    }
+    std::string path(const char* name) const { return pathIn(dir, name); }
 
     QTemporaryDir dir;
 };
@@ -87,8 +81,8 @@ TEST_F(Metadata, MakeProjectCreatesParentsAndKeepsAnExistingProject)
 
 TEST_F(Metadata, CorruptFileIsAnErrorNamingItAndIsNotOverwritten)
 {
-    const QByteArray header = "zo-project-metadata 1\n";
-    const QByteArray corrupt[] = {
+    const std::string header = "zo-project-metadata 1\n";
+    const std::string corrupt[] = {
         "garbage",
         header + "key=value",
         header + "no equals sign\n",
@@ -98,18 +92,16 @@ TEST_F(Metadata, CorruptFileIsAnErrorNamingItAndIsNotOverwritten)
     };
     const std::string file = path(".metadata");
     Project project(dir.path().toStdString());
-    for (const QByteArray& content : corrupt) {
+    for (const std::string& content : corrupt) {
         writeFile(file, content);
         try {
             project.getMetadata();
-            ADD_FAILURE() << "accepted " << content.toStdString();
+            ADD_FAILURE() << "accepted " << content;
         } catch (const ArchiveError& error) {
             EXPECT_NE(std::string(error.what()).find(file), std::string::npos) << error.what();
         }
         EXPECT_THROW(project.setMetadata("key", "value"), ArchiveError);
-        QFile in(QString::fromStdString(file));
-        ASSERT_TRUE(in.open(QIODevice::ReadOnly));
-        EXPECT_EQ(in.readAll(), content);
+        EXPECT_EQ(readFile(file), content);
     }
 }
 
