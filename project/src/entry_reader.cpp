@@ -60,11 +60,16 @@ std::string withoutTrailingSlashes(std::string path)
     return path;
 }
 
+std::string prefixOf(const std::string& root)
+{
+    return root == "/" ? root : root + "/";
+}
+
 } // namespace
 
 TreeReader::TreeReader(const std::string& root, std::optional<Inode> skip)
     : EntryReader(root, newReadDiskArchive())
-    , _root(withoutTrailingSlashes(root))
+    , _prefix(prefixOf(withoutTrailingSlashes(root)))
     , _skip(skip)
 {
     struct stat status { };
@@ -78,13 +83,12 @@ TreeReader::TreeReader(const std::string& root, std::optional<Inode> skip)
     archive_read_disk_set_behavior(handle,
         ARCHIVE_READDISK_NO_XATTR | ARCHIVE_READDISK_NO_ACL | ARCHIVE_READDISK_NO_FFLAGS
             | ARCHIVE_READDISK_NO_SPARSE);
-    if (archive_read_disk_open(handle, _root.c_str()) != ARCHIVE_OK)
+    if (archive_read_disk_open(handle, withoutTrailingSlashes(root).c_str()) != ARCHIVE_OK)
         fail(root, errorText(handle));
 }
 
 archive_entry* TreeReader::next()
 {
-    const std::string prefix = _root == "/" ? _root : _root + "/";
     while (nextHeader()) {
         archive_entry* entry = _entry.get();
         if (_skip && archive_entry_dev(entry) == _skip->device
@@ -94,9 +98,9 @@ archive_entry* TreeReader::next()
             && archive_read_disk_descend(_handle.get()) != ARCHIVE_OK)
             fail(_path, errorText(_handle.get()));
         const std::string name = entryName(entry);
-        if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0)
+        if (name.size() <= _prefix.size() || name.compare(0, _prefix.size(), _prefix) != 0)
             continue; // the root itself
-        archive_entry_copy_pathname(entry, name.c_str() + prefix.size());
+        archive_entry_copy_pathname(entry, name.c_str() + _prefix.size());
         return entry;
     }
     return nullptr;

@@ -62,7 +62,8 @@ public:
     archive_entry* next() override;
 
 private:
-    std::string _root;
+    // The root's path and a slash, which entry names start with.
+    std::string _prefix;
     std::optional<Inode> _skip;
 };
 

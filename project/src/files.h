@@ -46,7 +46,9 @@ public:
     ~AtomicFile();
 
     int fd() const { return _fd.get(); }
+    // Writes data as the whole content.
     void write(std::string_view data);
+    // Makes the content durable and puts it in the target's place.
     void commit();
 
 private:

@@ -136,6 +136,7 @@ ArchiveFormat formatFromName(const std::string& path)
 ArchiveFormat formatFromContent(const std::string& path)
 {
     const ReadArchive reader = newReadArchive();
+    // A codec that cannot be enabled leaves its archives unrecognised, which is the answer.
     for (const Codec* codec : containers)
         codec->read(reader.get());
     for (const Codec* codec : filters)

@@ -53,14 +53,22 @@ mode_t permissionsOf(archive_entry* entry)
     return archive_entry_perm(entry) & 0777;
 }
 
+// The size the entry's header declares, 0 when it declares none.
+uint64_t declaredSize(archive_entry* entry)
+{
+    if (!archive_entry_size_is_set(entry))
+        return 0;
+    return static_cast<uint64_t>(std::max<la_int64_t>(archive_entry_size(entry), 0));
+}
+
 void checkDeclaredSizes(EntryReader& reader, uint64_t budget, const std::string& archive)
 {
     uint64_t declared = 0;
     while (archive_entry* entry = reader.next()) {
         checkEntry(entry, archive);
-        if (archive_entry_filetype(entry) != AE_IFREG || !archive_entry_size_is_set(entry))
+        if (archive_entry_filetype(entry) != AE_IFREG)
             continue;
-        const auto size = static_cast<uint64_t>(std::max<la_int64_t>(archive_entry_size(entry), 0));
+        const uint64_t size = declaredSize(entry);
         if (size > budget - declared)
             failSpace(archive, entry, budget);
         declared += size;
@@ -242,8 +250,9 @@ void DiskWriter::writeFile(const Target& target, EntryReader& reader, archive_en
         if (!writeAll(fd.get(), block.data, block.size, block.offset))
             failSystem(target.entry, "cannot write the file");
     }
-    const auto declared = static_cast<uint64_t>(std::max<la_int64_t>(archive_entry_size(entry), 0));
-    if (archive_entry_size_is_set(entry) && declared > extent) {
+    // A hole at the end shows only in the declared size.
+    const uint64_t declared = declaredSize(entry);
+    if (declared > extent) {
         charge(declared - extent, entry);
         if (::ftruncate(fd.get(), static_cast<off_t>(declared)) != 0)
             failSystem(target.entry, "cannot extend the file");
