@@ -1,1 +1,195 @@
 #include <zo/project/archive.h>
+
+#include "entry_reader.h"
+#include "errors.h"
+#include "files.h"
+#include "formats.h"
+#include "libarchive.h"
+#include "pack.h"
+#include "unpack.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <filesystem>
+#include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace zo::project {
+namespace {
+
+using namespace internal;
+namespace fs = std::filesystem;
+
+void requireKnown(ArchiveFormat format)
+{
+    // SevenZip is the last value of the enumeration.
+    const int value = static_cast<int>(format);
+    if (value < static_cast<int>(ArchiveFormat::Auto)
+        || value > static_cast<int>(ArchiveFormat::SevenZip))
+        throw UnsupportedFormat("unknown archive format " + std::to_string(value));
+}
+
+std::optional<struct stat> statusOf(const std::string& path)
+{
+    struct stat status { };
+    if (::stat(path.c_str(), &status) != 0)
+        return std::nullopt;
+    return status;
+}
+
+bool isDirectory(const std::string& path)
+{
+    const auto status = statusOf(path);
+    return status && S_ISDIR(status->st_mode);
+}
+
+Inode inodeOf(int fd, const std::string& path)
+{
+    struct stat status { };
+    if (::fstat(fd, &status) != 0)
+        fail(path, systemError());
+    return { status.st_dev, status.st_ino };
+}
+
+UniqueFd openDirectory(const std::string& path)
+{
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd)
+        fail(path, "cannot open the directory: " + systemError());
+    return fd;
+}
+
+// The highest ancestor of path (path included) that does not exist yet, or "".
+std::string firstMissing(const std::string& path)
+{
+    std::string missing;
+    std::error_code ignored;
+    for (fs::path p(path); !p.empty() && !fs::exists(fs::symlink_status(p, ignored));
+         p = p.parent_path()) {
+        missing = p.string();
+        if (p == p.parent_path())
+            break;
+    }
+    return missing;
+}
+
+// An import's destination directory, created with its parents; what this created is removed
+// again unless kept.
+class Destination {
+public:
+    explicit Destination(const std::string& path)
+        : _created(firstMissing(path))
+    {
+        std::error_code error;
+        fs::create_directories(path, error);
+        if (error)
+            fail(path, "cannot create the destination: " + error.message());
+        _fd = openDirectory(path);
+    }
+
+    int fd() const { return _fd.get(); }
+    void keep() { _created.release(); }
+
+private:
+    TreeGuard _created;
+    UniqueFd _fd;
+};
+
+// A tree copied into or out of itself would read what it is overwriting.
+void requireApart(const std::string& source, const std::string& destination)
+{
+    std::error_code error;
+    const fs::path from = fs::canonical(source, error);
+    if (error)
+        fail(source, error.message());
+    const fs::path to = fs::canonical(destination, error);
+    const auto within = [](const fs::path& inner, const fs::path& outer) {
+        return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first
+            == outer.end();
+    };
+    if (error || within(from, to) || within(to, from))
+        fail(source, "overlaps the destination '" + destination + "'");
+}
+
+ArchiveFormat importFormat(const std::string& source)
+{
+    if (isDirectory(source))
+        return ArchiveFormat::Directory;
+    try {
+        return formatFromContent(source);
+    } catch (const UnsupportedFormat& error) {
+        // Content that cannot be read as an archive is a broken archive, not a format choice.
+        throw ArchiveError(error.what());
+    }
+}
+
+ArchiveFormat exportFormat(const std::string& destination)
+{
+    return isDirectory(destination) ? ArchiveFormat::Directory : formatFromName(destination);
+}
+
+void exportArchive(const std::string& source, const std::string& destination, ArchiveFormat format)
+{
+    AtomicFile file(destination);
+    // The temporary archive lies inside the source when the destination does.
+    TreeReader reader(source, inodeOf(file.fd(), destination));
+    pack(reader, file.fd(), format, destination);
+    file.commit();
+}
+
+void exportTree(const std::string& source, const std::string& destination)
+{
+    std::string temp = tempTemplateBeside(destination);
+    if (::mkdtemp(temp.data()) == nullptr)
+        fail(destination, "cannot create a temporary directory beside it: " + systemError());
+    TreeGuard guard(temp);
+    const UniqueFd root = openDirectory(temp);
+    const Inode skip = inodeOf(root.get(), destination);
+    unpack([&] { return std::make_unique<TreeReader>(source, skip); }, root.get(), destination);
+    const auto status = statusOf(source);
+    if (!status || ::fchmod(root.get(), status->st_mode & 0777) != 0)
+        fail(destination, "cannot copy the mode of '" + source + "': " + systemError());
+    renameInto(temp, destination);
+    guard.release();
+}
+
+} // namespace
+
+void importProject(const std::string& source, const std::string& destination, ArchiveFormat format)
+{
+    requireKnown(format);
+    const Utf8Locale utf8;
+    const ArchiveFormat resolved = format == ArchiveFormat::Auto ? importFormat(source) : format;
+    Destination target(destination);
+    if (resolved == ArchiveFormat::Directory)
+        requireApart(source, destination);
+    unpack([&] { return openReader(source, resolved); }, target.fd(), source);
+    target.keep();
+}
+
+void exportProject(const std::string& source, const std::string& destination, ArchiveFormat format)
+{
+    requireKnown(format);
+    const Utf8Locale utf8;
+    const ArchiveFormat resolved
+        = format == ArchiveFormat::Auto ? exportFormat(destination) : format;
+    if (resolved == ArchiveFormat::Directory)
+        exportTree(source, destination);
+    else
+        exportArchive(source, destination, resolved);
+}
+
+ArchiveFormat detectFormat(const std::string& path)
+{
+    const auto status = statusOf(path);
+    if (!status)
+        return formatFromName(path);
+    if (S_ISDIR(status->st_mode))
+        return ArchiveFormat::Directory;
+    if (!S_ISREG(status->st_mode))
+        throw UnsupportedFormat("'" + path + "': neither a file nor a directory");
+    return formatFromContent(path);
+}
+
+} // namespace zo::project

@@ -1,0 +1,116 @@
+#include "entry_reader.h"
+
+#include "errors.h"
+#include "formats.h"
+
+#include <sys/stat.h>
+#include <utility>
+
+namespace zo::project::internal {
+
+EntryReader::EntryReader(std::string path, ReadArchive handle)
+    : _path(std::move(path))
+    , _handle(std::move(handle))
+    , _entry(newEntry())
+{
+}
+
+bool EntryReader::nextHeader()
+{
+    const int status = archive_read_next_header2(_handle.get(), _entry.get());
+    if (status == ARCHIVE_EOF)
+        return false;
+    // Warnings too: a header libarchive had to guess at is not trusted.
+    if (status != ARCHIVE_OK)
+        fail(_path, errorText(_handle.get()));
+    return true;
+}
+
+bool EntryReader::read(Block& block)
+{
+    la_int64_t offset = 0;
+    const int status = archive_read_data_block(_handle.get(), &block.data, &block.size, &offset);
+    if (status == ARCHIVE_EOF)
+        return false;
+    if (status != ARCHIVE_OK || offset < 0)
+        failEntry(_path, entryName(_entry.get()), errorText(_handle.get()));
+    block.offset = offset;
+    return true;
+}
+
+ArchiveFileReader::ArchiveFileReader(const std::string& path, ArchiveFormat format)
+    : EntryReader(path, newReadArchive())
+{
+    enableReading(_handle.get(), format, path);
+    if (archive_read_open_filename(_handle.get(), path.c_str(), 64 * 1024) != ARCHIVE_OK)
+        fail(path, errorText(_handle.get()));
+}
+
+archive_entry* ArchiveFileReader::next()
+{
+    return nextHeader() ? _entry.get() : nullptr;
+}
+
+namespace {
+
+std::string withoutTrailingSlashes(std::string path)
+{
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    return path;
+}
+
+std::string prefixOf(const std::string& root)
+{
+    return root == "/" ? root : root + "/";
+}
+
+} // namespace
+
+TreeReader::TreeReader(const std::string& root, std::optional<Inode> skip)
+    : EntryReader(root, newReadDiskArchive())
+    , _prefix(prefixOf(withoutTrailingSlashes(root)))
+    , _skip(skip)
+{
+    struct stat status { };
+    if (::stat(root.c_str(), &status) != 0)
+        fail(root, systemError());
+    if (!S_ISDIR(status.st_mode))
+        fail(root, "not a directory");
+    archive* handle = _handle.get();
+    archive_read_disk_set_symlink_physical(handle);
+    // Only what every format keeps: no extended attributes, ACLs, flags or holes.
+    archive_read_disk_set_behavior(handle,
+        ARCHIVE_READDISK_NO_XATTR | ARCHIVE_READDISK_NO_ACL | ARCHIVE_READDISK_NO_FFLAGS
+            | ARCHIVE_READDISK_NO_SPARSE);
+    if (archive_read_disk_open(handle, withoutTrailingSlashes(root).c_str()) != ARCHIVE_OK)
+        fail(root, errorText(handle));
+}
+
+archive_entry* TreeReader::next()
+{
+    while (nextHeader()) {
+        archive_entry* entry = _entry.get();
+        if (_skip && archive_entry_dev(entry) == _skip->device
+            && archive_entry_ino64(entry) == static_cast<la_int64_t>(_skip->number))
+            continue;
+        if (archive_entry_filetype(entry) == AE_IFDIR
+            && archive_read_disk_descend(_handle.get()) != ARCHIVE_OK)
+            fail(_path, errorText(_handle.get()));
+        const std::string name = entryName(entry);
+        if (name.size() <= _prefix.size() || name.compare(0, _prefix.size(), _prefix) != 0)
+            continue; // the root itself
+        archive_entry_copy_pathname(entry, name.c_str() + _prefix.size());
+        return entry;
+    }
+    return nullptr;
+}
+
+std::unique_ptr<EntryReader> openReader(const std::string& path, ArchiveFormat format)
+{
+    if (format == ArchiveFormat::Directory)
+        return std::make_unique<TreeReader>(path, std::nullopt);
+    return std::make_unique<ArchiveFileReader>(path, format);
+}
+
+} // namespace zo::project::internal

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cerrno>
+#include <string>
+
+namespace zo::project::internal {
+
+// Throws ArchiveError "'<archive>': <reason>".
+[[noreturn]] void fail(const std::string& archive, const std::string& reason);
+
+// Throws ArchiveError "'<archive>', entry '<entry>': <reason>".
+[[noreturn]] void failEntry(
+    const std::string& archive, const std::string& entry, const std::string& reason);
+
+// The text of an errno value, to end a reason with.
+std::string systemError(int error = errno);
+
+} // namespace zo::project::internal

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+
+namespace zo::project::internal {
+
+class UniqueFd {
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd)
+        : _fd(fd)
+    {
+    }
+    UniqueFd(UniqueFd&& other) noexcept;
+    UniqueFd& operator=(UniqueFd&& other) noexcept;
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+    ~UniqueFd();
+
+    int get() const { return _fd; }
+    explicit operator bool() const { return _fd >= 0; }
+    // Closes the descriptor and reports close's own failure (a late write error) as false.
+    bool close();
+
+private:
+    int _fd = -1;
+};
+
+// Writes all of data at offset; false with errno set on failure.
+bool writeAll(int fd, const void* data, size_t size, off_t offset);
+
+// "dir/.name.XXXXXX": a hidden name beside path for mkstemp and mkdtemp.
+std::string tempTemplateBeside(const std::string& path);
+
+// Renames temp over target and syncs the directory so that the rename survives a crash.
+void renameInto(const std::string& temp, const std::string& target);
+
+// A temporary file beside target that replaces target on commit and is removed otherwise.
+class AtomicFile {
+public:
+    explicit AtomicFile(std::string target);
+    AtomicFile(const AtomicFile&) = delete;
+    AtomicFile& operator=(const AtomicFile&) = delete;
+    ~AtomicFile();
+
+    int fd() const { return _fd.get(); }
+    // Writes data as the whole content.
+    void write(std::string_view data);
+    // Makes the content durable and puts it in the target's place.
+    void commit();
+
+private:
+    std::string _target;
+    std::string _temp;
+    UniqueFd _fd;
+};
+
+// Removes a directory tree on destruction unless released; nothing when the path is empty.
+class TreeGuard {
+public:
+    explicit TreeGuard(std::string path)
+        : _path(std::move(path))
+    {
+    }
+    TreeGuard(const TreeGuard&) = delete;
+    TreeGuard& operator=(const TreeGuard&) = delete;
+    ~TreeGuard();
+
+    void release() { _path.clear(); }
+
+private:
+    std::string _path;
+};
+
+} // namespace zo::project::internal

@@ -1,0 +1,215 @@
+#include "sample_tree.h"
+
+#include <zo/project/archive.h>
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <gtest/gtest.h>
+
+#include <QByteArray>
+#include <QDir>
+
+#include <filesystem>
+#include <memory>
+#include <sys/mount.h>
+#include <sys/statvfs.h>
+#include <sys/sysmacros.h>
+
+namespace {
+
+using namespace zo::project;
+using namespace zo::project::test;
+
+struct Item {
+    std::string name;
+    unsigned type = AE_IFREG;
+    std::string content = {}; // a file's data or a link's target
+    bool hardLink = false;
+    int64_t declaredSize = -1; // a sparse file of that size when set
+};
+
+void writeArchive(const std::string& path, const std::vector<Item>& items, bool zip = false)
+{
+    const std::unique_ptr<archive, int (*)(archive*)> writer(
+        archive_write_new(), archive_write_free);
+    zip ? archive_write_set_format_zip(writer.get())
+        : archive_write_set_format_pax_restricted(writer.get());
+    ASSERT_EQ(archive_write_open_filename(writer.get(), path.c_str()), ARCHIVE_OK);
+    for (const Item& item : items) {
+        const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(
+            archive_entry_new(), archive_entry_free);
+        archive_entry_set_pathname(entry.get(), item.name.c_str());
+        archive_entry_set_filetype(entry.get(), item.type);
+        archive_entry_set_perm(entry.get(), 0644);
+        if (item.hardLink)
+            archive_entry_set_hardlink(entry.get(), item.content.c_str());
+        else if (item.type == AE_IFLNK)
+            archive_entry_set_symlink(entry.get(), item.content.c_str());
+        else if (item.type == AE_IFREG)
+            archive_entry_set_size(entry.get(), static_cast<int64_t>(item.content.size()));
+        if (item.declaredSize >= 0) {
+            archive_entry_set_size(entry.get(), item.declaredSize);
+            archive_entry_sparse_add_entry(
+                entry.get(), 0, static_cast<int64_t>(item.content.size()));
+        }
+        archive_entry_set_rdev(entry.get(), makedev(1, 3));
+        ASSERT_EQ(archive_write_header(writer.get(), entry.get()), ARCHIVE_OK) << item.name;
+        if (item.type == AE_IFREG && !item.hardLink)
+            archive_write_data(writer.get(), item.content.data(), item.content.size());
+    }
+    ASSERT_EQ(archive_write_close(writer.get()), ARCHIVE_OK);
+}
+
+// The import's error message, or "" when it succeeded.
+std::string importError(const std::string& archive, const std::string& destination)
+{
+    try {
+        importProject(archive, destination, ArchiveFormat::Auto);
+    } catch (const ArchiveError& error) {
+        return error.what();
+    }
+    return {};
+}
+
+bool contains(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+class Hostile : public testing::Test {
+protected:
+    void SetUp() override { writeFile(outside + "/canary", "canary"); }
+
+    // Imports items, expects a refusal naming archive and entry, and that the sandbox is
+    // as it was: the destination this import created is gone and nothing came outside it.
+    void expectRefused(const std::vector<Item>& items, const std::string& entry, bool zip = false)
+    {
+        SCOPED_TRACE(entry);
+        writeArchive(archive, items, zip);
+        const auto before = listing(sandbox.path().toStdString(), Everything);
+        const std::string error = importError(archive, destination);
+        EXPECT_TRUE(contains(error, "'" + archive + "', entry '" + entry + "'")) << error;
+        EXPECT_EQ(listing(sandbox.path().toStdString(), Everything), before);
+    }
+
+    QTemporaryDir sandbox;
+    const std::string outside = pathIn(sandbox, "outside");
+    const std::string archive = pathIn(sandbox, "hostile.tar");
+    const std::string destination = pathIn(sandbox, "new/destination");
+};
+
+TEST_F(Hostile, NamesLeavingTheDestinationAreRefused)
+{
+    expectRefused({ { outside + "/pwned" } }, outside + "/pwned");
+    expectRefused({ { "../outside/pwned" } }, "../outside/pwned");
+    expectRefused({ { "docs/../../outside/pwned" } }, "docs/../../outside/pwned");
+    expectRefused({ { "../outside/pwned" } }, "../outside/pwned", true);
+}
+
+TEST_F(Hostile, LinksLeavingTheDestinationAreRefused)
+{
+    expectRefused({ { "escape", AE_IFLNK, "../outside" }, { "escape/pwned" } }, "escape");
+    expectRefused({ { "a/b/up", AE_IFLNK, "../../../outside" } }, "a/b/up");
+    expectRefused({ { "sub", AE_IFDIR }, { "down-up", AE_IFLNK, "sub/../.." } }, "down-up");
+    expectRefused({ { "absolute", AE_IFLNK, outside } }, "absolute");
+    expectRefused({ { "alias", AE_IFREG, outside + "/canary", true } }, "alias");
+}
+
+TEST_F(Hostile, DevicesAndFifosAreRefused)
+{
+    expectRefused({ { "null", AE_IFCHR } }, "null");
+    expectRefused({ { "disk", AE_IFBLK } }, "disk");
+    expectRefused({ { "pipe", AE_IFIFO } }, "pipe");
+}
+
+TEST_F(Hostile, WritingThroughALinkInTheDestinationIsRefused)
+{
+    std::filesystem::create_directories(destination);
+    std::filesystem::create_symlink("../../outside", destination + "/link");
+    expectRefused({ { "link/pwned", AE_IFREG, "x" } }, "link/pwned");
+    EXPECT_TRUE(std::filesystem::is_symlink(destination + "/link"));
+}
+
+TEST_F(Hostile, TruncatedArchivesFailAndOnlyACreatedDestinationIsRemoved)
+{
+    const std::string source = pathIn(sandbox, "source");
+    makeSampleTree(source, 512 * 1024);
+    for (const char* name : { "cut.tar.gz", "cut.zip", "cut.7z" }) {
+        const std::string cut = pathIn(sandbox, name);
+        exportProject(source, cut, ArchiveFormat::Auto);
+        std::filesystem::resize_file(cut, std::filesystem::file_size(cut) / 2);
+        EXPECT_TRUE(contains(importError(cut, destination), cut)) << name;
+        EXPECT_FALSE(std::filesystem::exists(pathIn(sandbox, "new"))) << name;
+
+        writeFile(pathIn(sandbox, "kept/marker"), "mine");
+        EXPECT_FALSE(importError(cut, pathIn(sandbox, "kept")).empty()) << name;
+        EXPECT_EQ(readFile(pathIn(sandbox, "kept/marker")), "mine") << name;
+    }
+}
+
+TEST_F(Hostile, DeclaredSizesBeyondTheFreeSpaceAreRefusedBeforeWriting)
+{
+    // A sparse entry declares a petabyte in a few bytes.
+    writeArchive(archive,
+        { { "small", AE_IFREG, "small" }, { "huge", AE_IFREG, "data", false, 1LL << 50 } });
+    std::filesystem::create_directories(destination);
+    const std::string error = importError(archive, destination);
+    EXPECT_TRUE(contains(error, "'" + archive + "', entry 'huge'")) << error;
+    EXPECT_TRUE(contains(error, "10 MiB reserve")) << error;
+    EXPECT_TRUE(std::filesystem::is_empty(destination));
+}
+
+// Little-endian fields of a zip header.
+void append(QByteArray& out, uint32_t value, int bytes)
+{
+    for (int i = 0; i < bytes; ++i)
+        out.append(static_cast<char>(value >> (8 * i) & 0xff));
+}
+
+// One deflated entry whose headers claim a single byte.
+QByteArray lyingZip(const QByteArray& name, const QByteArray& data)
+{
+    // qCompress frames a zlib stream: a 4-byte length, 2 bytes of header, 4 of checksum.
+    const QByteArray deflated = qCompress(data).mid(6).chopped(4);
+    QByteArray zip;
+    append(zip, 0x04034b50, 4);
+    for (const auto& [value, bytes] :
+        { std::pair { 20u, 2 }, { 0u, 2 }, { 8u, 2 }, { 0u, 4 }, { 0u, 4 },
+            { uint32_t(deflated.size()), 4 }, { 1u, 4 }, { uint32_t(name.size()), 2 }, { 0u, 2 } })
+        append(zip, value, bytes);
+    zip += name + deflated;
+    const auto directoryOffset = static_cast<uint32_t>(zip.size());
+    append(zip, 0x02014b50, 4);
+    for (const auto& [value, bytes] :
+        { std::pair { 0x031eu, 2 }, { 20u, 2 }, { 0u, 2 }, { 8u, 2 }, { 0u, 4 }, { 0u, 4 },
+            { uint32_t(deflated.size()), 4 }, { 1u, 4 }, { uint32_t(name.size()), 2 }, { 0u, 2 },
+            { 0u, 2 }, { 0u, 2 }, { 0u, 2 }, { 0100644u << 16, 4 }, { 0u, 4 } })
+        append(zip, value, bytes);
+    zip += name;
+    const auto directorySize = static_cast<uint32_t>(zip.size()) - directoryOffset;
+    append(zip, 0x06054b50, 4);
+    for (const auto& [value, bytes] : { std::pair { 0u, 2 }, { 0u, 2 }, { 1u, 2 }, { 1u, 2 },
+             { directorySize, 4 }, { directoryOffset, 4 }, { 0u, 2 } })
+        append(zip, value, bytes);
+    return zip;
+}
+
+TEST_F(Hostile, BytesWrittenBeyondTheFreeSpaceAbortTheImport)
+{
+    // A small volume of its own: the bound is its free space less the 10 MiB reserve.
+    const std::string volume = pathIn(sandbox, "volume");
+    std::filesystem::create_directories(volume);
+    if (::mount("tmpfs", volume.c_str(), "tmpfs", 0, "size=16m") != 0)
+        GTEST_SKIP() << "cannot mount a tmpfs here";
+    const std::shared_ptr<void> unmount(
+        nullptr, [&](void*) { ::umount2(volume.c_str(), MNT_DETACH); });
+
+    const std::string bomb = pathIn(sandbox, "bomb.zip");
+    writeFile(bomb, lyingZip("bomb", QByteArray(12 * 1024 * 1024, '\0')).toStdString());
+    const std::string error = importError(bomb, volume + "/destination");
+    EXPECT_TRUE(contains(error, "'" + bomb + "', entry 'bomb'")) << error;
+    EXPECT_TRUE(contains(error, "10 MiB reserve")) << error;
+    EXPECT_TRUE(QDir(QString::fromStdString(volume)).isEmpty());
+}
+
+} // namespace

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QTemporaryDir>
+
+#include <cstddef>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace zo::project::test {
+
+inline std::string pathIn(const QTemporaryDir& dir, const char* name)
+{
+    return dir.filePath(QString::fromUtf8(name)).toStdString();
+}
+
+// Creates the file with its parents.
+void writeFile(const std::string& path, const std::string& content, mode_t mode = 0644);
+std::string readFile(const std::string& path);
+
+// A project with nested, empty and hidden directories, non-ASCII names, a zero-byte file,
+// varied modes, symbolic links and old times; bigFileSize > 0 adds a file of that size.
+void makeSampleTree(const std::string& root, size_t bigFileSize = 0);
+
+enum Detail { Modes = 1, Times = 2, Links = 4, Everything = Modes | Times | Links };
+
+// One sorted line per entry below root: kind, path, the details asked for (links are left
+// out without Links) and a digest of the content or the link's target.
+std::vector<std::string> listing(const std::string& root, int details);
+
+} // namespace zo::project::test
