@@ -1,11 +1,14 @@
 // zoproject: a small command-line front end to the project libraries.
+#include <zo/project/archive.h>
 #include <zo/project/exceptions.h>
+#include <zo/project/project.h>
 #include <zo/project/projectvfs.h>
 #include <zo/project/vfsfile.h>
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
 
 #include <csignal>
@@ -65,14 +68,20 @@ int demo(const QString& root)
 {
     say(QStringLiteral("Project directory: %1").arg(root));
     ProjectVFS project(root);
+    // Told of the first pending change; saving everything at once reports nothing.
     project.setCommittedChangedHandler([](bool pending) {
-        say(pending ? QStringLiteral("  [unsaved changes]") : QStringLiteral("  [all saved]"));
+        if (pending)
+            say(QStringLiteral("  [unsaved changes]"));
     });
+    const auto save = [&project] {
+        save();
+        say(QStringLiteral("  [saved]"));
+    };
 
     say(QStringLiteral("1. Create docs/main.xml and save it"));
     project.mkpath(QStringLiteral("docs"));
     write(project, QStringLiteral("docs/main.xml"), "<doc>first</doc>\n");
-    project.commit();
+    save();
     say(QStringLiteral("  on disk: %1")
             .arg(QString::fromUtf8(
                 contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
@@ -84,7 +93,7 @@ int demo(const QString& root)
     say(QStringLiteral("  on disk:   %1")
             .arg(QString::fromUtf8(
                 contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
-    project.commit();
+    save();
     say(QStringLiteral("  saved:     %1")
             .arg(QString::fromUtf8(
                 contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
@@ -101,13 +110,33 @@ int demo(const QString& root)
                 .arg(info.sourcePath));
         project.recoverFile(info);
     }
-    project.commit();
+    save();
     const QByteArray recovered = contentOf(project.filePath(QStringLiteral("notes.txt")));
     say(QStringLiteral("  notes.txt: %1").arg(QString::fromUtf8(recovered.trimmed())));
 
     const QStringList files = project.getFileList(QString(), true, true, false);
     say(QStringLiteral("5. Project files: %1").arg(files.join(QStringLiteral(", "))));
-    const bool intact = left.size() == 1 && recovered == "written just before the crash\n";
+
+    say(QStringLiteral("6. Pack the project into an archive and unpack it elsewhere"));
+    zo::project::Project(root.toStdString()).setMetadata("title", "demo project");
+    const QString archive = root + QStringLiteral(".zop");
+    const QString unpacked = root + QStringLiteral("-unpacked");
+    zo::project::exportProject(
+        root.toStdString(), archive.toStdString(), zo::project::ArchiveFormat::Auto);
+    zo::project::importProject(
+        archive.toStdString(), unpacked.toStdString(), zo::project::ArchiveFormat::Auto);
+    const QByteArray unpackedNotes
+        = contentOf(QDir(unpacked).filePath(QStringLiteral("notes.txt")));
+    const std::string title = zo::project::Project(unpacked.toStdString()).getMetadata("title");
+    say(QStringLiteral("  %1 (%2 bytes) unpacked to %3, title \"%4\"")
+            .arg(archive)
+            .arg(QFileInfo(archive).size())
+            .arg(unpacked, QString::fromStdString(title)));
+    QFile::remove(archive);
+    QDir(unpacked).removeRecursively();
+
+    const bool intact = left.size() == 1 && recovered == "written just before the crash\n"
+        && unpackedNotes == recovered && title == "demo project";
     say(intact ? QStringLiteral("Demo finished: no work was lost.")
                : QStringLiteral("Demo FAILED: work was lost."));
     return intact ? 0 : 1;
