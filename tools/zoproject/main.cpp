@@ -74,7 +74,7 @@ int demo(const QString& root)
             say(QStringLiteral("  [unsaved changes]"));
     });
     const auto save = [&project] {
-        save();
+        project.commit();
         say(QStringLiteral("  [saved]"));
     };
 
