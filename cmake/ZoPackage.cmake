@@ -16,5 +16,7 @@ install(FILES
   ${PROJECT_BINARY_DIR}/ZoProjectQtConfigVersion.cmake
   DESTINATION ${ZO_CMAKE_INSTALL_DIR})
 
+file(RELATIVE_PATH ZO_PKGCONFIG_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" ZO_PKGCONFIG_TO_PREFIX "${ZO_PKGCONFIG_TO_PREFIX}")
 configure_file(cmake/zoproject-qt.pc.in ${PROJECT_BINARY_DIR}/zoproject-qt.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zoproject-qt.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

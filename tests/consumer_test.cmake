@@ -26,4 +26,16 @@ run(${CMAKE_COMMAND} -S ${CONSUMER_SOURCE_DIR} -B ${WORK_DIR}/build -G ${GENERAT
   -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_FLAGS=${CXX_FLAGS})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
 run(${WORK_DIR}/build/consumer)
+
+# The same program through pkg-config alone.
+find_program(PKG_CONFIG pkg-config REQUIRED)
+set(ENV{PKG_CONFIG_PATH} ${prefix}/lib/pkgconfig)
+execute_process(
+  COMMAND ${PKG_CONFIG} --cflags --libs zoproject-qt
+  OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+separate_arguments(flags UNIX_COMMAND "${flags}")
+separate_arguments(cxx_flags UNIX_COMMAND "${CXX_FLAGS}")
+run(${CXX_COMPILER} -std=c++17 ${cxx_flags} ${CONSUMER_SOURCE_DIR}/main.cpp ${flags}
+  -Wl,-rpath,${prefix}/lib -o ${WORK_DIR}/consumer-pkgconfig)
+run(${WORK_DIR}/consumer-pkgconfig)
 run(${prefix}/bin/zoproject --version)
