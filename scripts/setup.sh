@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkg-config
-  qtbase5-dev libboost-filesystem-dev libarchive-dev nlohmann-json3-dev
+  qtbase5-dev libboost-filesystem-dev libarchive-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   # tools the archive interoperability tests compare against
   libarchive-tools unzip zip p7zip-full python3
