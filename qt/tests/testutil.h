@@ -3,7 +3,6 @@
 #include <zo/log.h>
 
 #include <QByteArray>
-#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -14,10 +13,21 @@
 
 #include <functional>
 #include <string>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
 #include <vector>
+
+// Readable failure messages for Qt strings; found by argument-dependent lookup.
+inline void PrintTo(const QString& text, std::ostream* out)
+{
+    *out << '"' << text.toStdString() << '"';
+}
+inline void PrintTo(const QByteArray& bytes, std::ostream* out)
+{
+    *out << '"' << bytes.toStdString() << '"';
+}
 
 namespace zo::project::test {
 
@@ -33,35 +43,49 @@ inline void writeFile(const QString& path, const QByteArray& data)
 inline QByteArray readFile(const QString& path)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QByteArrayLiteral("<missing>");
-    return file.readAll();
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArrayLiteral("<missing>");
 }
 
-inline QString pidText()
+// The message of the E that body throws, or "nothing thrown"; other exceptions pass through.
+template <typename E, typename Body> std::string messageOf(Body&& body)
 {
-    return QString::number(QCoreApplication::applicationPid());
+    try {
+        body();
+    } catch (const E& error) {
+        return error.what();
+    }
+    return "nothing thrown";
 }
 
 // Collects every log line while alive.
-class LogCapture {
-public:
+struct LogCapture {
     using Line = std::tuple<std::string, int, std::string>;
-
-    LogCapture()
-        : _previous(zo::log::setSink([this](const std::string& c, int l, const std::string& m) {
-            lines.emplace_back(c, l, m);
-        }))
-    {
-    }
-    ~LogCapture() { zo::log::setSink(_previous); }
+    LogCapture() = default;
     LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
+    ~LogCapture() { zo::log::setSink(previous); }
 
     std::vector<Line> lines;
+    zo::log::Sink previous = zo::log::setSink(
+        [this](const std::string& c, int l, const std::string& m) { lines.emplace_back(c, l, m); });
+};
 
-private:
-    zo::log::Sink _previous;
+// A tmpfs (with its options) or, without options, a read-only bind of a path onto itself;
+// undone when the object goes. mounted is false where the system refuses.
+struct ScopedMount {
+    explicit ScopedMount(const QString& path, const char* tmpfsOptions = nullptr)
+        : target(QFile::encodeName(path))
+    {
+        const char* at = target.constData();
+        mounted = tmpfsOptions ? ::mount("tmpfs", at, "tmpfs", 0, tmpfsOptions) == 0
+                               : ::mount(at, at, nullptr, MS_BIND, nullptr) == 0
+                && ::mount(nullptr, at, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+    }
+    // Also undoes a bind whose read-only remount failed.
+    ~ScopedMount() { ::umount2(target.constData(), MNT_DETACH); }
+    ScopedMount(const ScopedMount&) = delete;
+
+    const QByteArray target;
+    bool mounted = false;
 };
 
 // Runs body in a forked child under the unprivileged uid "nobody"; the child's exit code is
@@ -72,11 +96,8 @@ constexpr uid_t kNobody = 65534;
 inline int runAsNobody(const std::function<int()>& body)
 {
     const pid_t child = fork();
-    if (child == 0) {
-        if (setgid(kNobody) != 0 || setuid(kNobody) != 0)
-            _exit(100);
-        _exit(body());
-    }
+    if (child == 0)
+        _exit(setgid(kNobody) != 0 || setuid(kNobody) != 0 ? 100 : body());
     int status = 0;
     waitpid(child, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 101;
