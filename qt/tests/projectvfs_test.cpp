@@ -13,6 +13,7 @@ namespace zo::project {
 namespace {
 
 using test::LogCapture;
+using test::messageOf;
 using test::readFile;
 using test::writeFile;
 
@@ -28,8 +29,8 @@ protected:
     QString swapOf(const QString& relative) const { return abs(vfs.makeSwapPath(relative)); }
     void edit(const QString& path, const QByteArray& data)
     {
-        auto file = vfs.open(path, QIODevice::WriteOnly | QIODevice::Truncate);
-        ASSERT_EQ(file->write(data), data.size());
+        ASSERT_EQ(
+            vfs.open(path, QIODevice::WriteOnly | QIODevice::Truncate)->write(data), data.size());
     }
 
     QTemporaryDir dir;
@@ -40,64 +41,51 @@ protected:
 TEST_F(Facade, SetPathRefusesTheCurrentAndMissingPaths)
 {
     EXPECT_THROW(vfs.setPath(dir.path()), exception::ProjectPathDoesNotExists);
-    try {
-        vfs.setPath(abs("missing"));
-        FAIL() << "no exception";
-    } catch (const exception::ProjectPathDoesNotExists& e) {
-        EXPECT_EQ(std::string(e.what()),
-            "Project path '" + abs("missing").toStdString() + "' does not exist");
-    }
-    ASSERT_TRUE(vfs.mkdir(QStringLiteral("sub")));
+    EXPECT_EQ(messageOf<exception::ProjectPathDoesNotExists>([&] { vfs.setPath(abs("missing")); }),
+        "Project path '" + abs("missing").toStdString() + "' does not exist");
+    ASSERT_TRUE(vfs.mkdir("sub"));
     vfs.setPath(abs("sub"));
     EXPECT_EQ(vfs.path(), abs("sub"));
 }
 
-TEST_F(Facade, EditsStayInSwapFilesUntilCommit)
+TEST_F(Facade, EditsStayInSwapFilesUntilCommitOrDiscardOfAll)
 {
     writeFile(abs("a.txt"), "old");
-    edit(QStringLiteral("a.txt"), "new");
-    ASSERT_TRUE(vfs.mkpath(QStringLiteral("n")));
-    edit(QStringLiteral("n/new.txt"), "created");
-    EXPECT_EQ(readFile(abs("a.txt")), "old");
-    EXPECT_EQ(vfs.open(QStringLiteral("a.txt"), QIODevice::ReadOnly)->readAll(), "new");
-    EXPECT_TRUE(vfs.exists(QStringLiteral("n/new.txt")));
-    EXPECT_FALSE(QFile::exists(abs("n/new.txt")));
-    EXPECT_EQ(reports, std::vector<bool> { true });
-
-    vfs.commit();
-    EXPECT_EQ(readFile(abs("a.txt")), "new");
-    EXPECT_EQ(readFile(abs("n/new.txt")), "created");
-    EXPECT_FALSE(vfs.isNotCommitted());
-    EXPECT_EQ(reports, std::vector<bool> { true }) << "commit-all does not call the handler";
-}
-
-TEST_F(Facade, DiscardAllIsSilentAndLeavesSources)
-{
-    writeFile(abs("a.txt"), "old");
-    edit(QStringLiteral("a.txt"), "new");
-    edit(QStringLiteral("b.txt"), "only in swap");
+    edit("a.txt", "new");
+    edit("b.txt", "only in swap");
     QFile::remove(swapOf("b.txt"));
     vfs.discard();
     EXPECT_FALSE(vfs.isNotCommitted());
     EXPECT_EQ(readFile(abs("a.txt")), "old");
     EXPECT_FALSE(QFile::exists(swapOf("a.txt")));
-    EXPECT_FALSE(vfs.exists(QStringLiteral("b.txt")));
-    EXPECT_EQ(reports, std::vector<bool> { true });
+    EXPECT_FALSE(vfs.exists("b.txt"));
+    EXPECT_EQ(reports, std::vector<bool> { true }) << "discard-all does not call the handler";
+
+    edit("a.txt", "new");
+    ASSERT_TRUE(vfs.mkpath("n"));
+    edit("n/new.txt", "created");
+    EXPECT_EQ(readFile(abs("a.txt")), "old");
+    EXPECT_EQ(vfs.open("a.txt", QIODevice::ReadOnly)->readAll(), "new");
+    EXPECT_TRUE(vfs.exists("n/new.txt"));
+    EXPECT_FALSE(QFile::exists(abs("n/new.txt")));
+    vfs.commit();
+    EXPECT_EQ(readFile(abs("a.txt")), "new");
+    EXPECT_EQ(readFile(abs("n/new.txt")), "created");
+    EXPECT_FALSE(vfs.isNotCommitted());
+    EXPECT_EQ(reports, (std::vector<bool> { true, true })) << "commit-all does not call it";
 }
 
 TEST_F(Facade, CommitAllStopsAtTheFirstFailure)
 {
     for (const char* name : { "1.txt", "2.txt", "3.txt" }) {
         writeFile(abs(name), "old");
-        edit(QString::fromLatin1(name), "new");
+        edit(name, "new");
     }
     // The second file's backup cannot be made: a non-empty directory holds its name.
     writeFile(abs("2.txtbck/keep"), "");
     EXPECT_THROW(vfs.commit(), exception::SourceFileRename);
     EXPECT_EQ(readFile(abs("1.txt")), "new");
-    EXPECT_FALSE(vfs.isNotCommitted(QStringLiteral("1.txt")));
-    EXPECT_TRUE(vfs.isNotCommitted(QStringLiteral("2.txt")));
-    EXPECT_TRUE(vfs.isNotCommitted(QStringLiteral("3.txt")));
+    EXPECT_FALSE(vfs.isNotCommitted("1.txt"));
     EXPECT_EQ(readFile(abs("3.txt")), "old");
 
     QDir(abs("2.txtbck")).removeRecursively();
@@ -109,38 +97,31 @@ TEST_F(Facade, CommitAllStopsAtTheFirstFailure)
 TEST_F(Facade, OpenFailureIsReportedWithThePath)
 {
     writeFile(swapOf("taken.txt"), "someone else's");
-    try {
-        vfs.open(QStringLiteral("taken.txt"), QIODevice::WriteOnly);
-        FAIL() << "no exception";
-    } catch (const exception::OpenSwapFile& e) {
-        EXPECT_STREQ(e.what(), "Can not open swap file for: taken.txt");
-    }
-    EXPECT_THROW(
-        vfs.open(QStringLiteral("absent.txt"), QIODevice::ReadOnly), exception::OpenSwapFile);
-    EXPECT_THROW(
-        vfs.fopen(QStringLiteral("absent.txt"), QStringLiteral("r")), exception::OpenSwapFile);
+    EXPECT_EQ(
+        messageOf<exception::OpenSwapFile>([&] { vfs.open("taken.txt", QIODevice::WriteOnly); }),
+        "Can not open swap file for: taken.txt");
+    EXPECT_THROW(vfs.open("absent.txt", QIODevice::ReadOnly), exception::OpenSwapFile);
+    EXPECT_THROW(vfs.fopen("absent.txt", "r"), exception::OpenSwapFile);
     EXPECT_FALSE(vfs.isNotCommitted());
 }
 
 TEST_F(Facade, StreamsWriteToTheSwapFileOnce)
 {
     writeFile(abs("a.txt"), "old content");
-    FILE* out = vfs.fopen(QStringLiteral("a.txt"), QStringLiteral("w"));
+    FILE* out = vfs.fopen("a.txt", "w");
     ASSERT_NE(out, nullptr);
     std::fputs("new", out);
     std::fclose(out);
-    EXPECT_EQ(readFile(swapOf("a.txt")), "new");
-    EXPECT_EQ(readFile(abs("a.txt")), "old content");
-
     // Appending continues the pending content.
-    out = vfs.fopen(QStringLiteral("a.txt"), QStringLiteral("ab"));
+    out = vfs.fopen("a.txt", "ab");
     ASSERT_NE(out, nullptr);
     std::fputs("+more", out);
     std::fclose(out);
     EXPECT_EQ(readFile(swapOf("a.txt")), "new+more");
+    EXPECT_EQ(readFile(abs("a.txt")), "old content");
 
     writeFile(abs("r.txt"), "read me");
-    FILE* in = vfs.fopen(QStringLiteral("r.txt"), QStringLiteral("rb"));
+    FILE* in = vfs.fopen("r.txt", "rb");
     ASSERT_NE(in, nullptr);
     char buffer[16] = {};
     EXPECT_EQ(std::fread(buffer, 1, sizeof buffer, in), 7u);
@@ -155,32 +136,23 @@ TEST_F(Facade, ListingHidesOnlyTheTopMetadataFile)
     writeFile(abs("sub/f.txt"), "f");
     QStringList all = vfs.getFileList(QString(), true, true, false);
     all.sort();
-    EXPECT_EQ(all, (QStringList { QStringLiteral("sub/.metadata"), QStringLiteral("sub/f.txt") }));
-    EXPECT_EQ(vfs.getFileList(QStringLiteral("sub/f.txt"), false, false, false),
-        QStringList { QStringLiteral("sub/f.txt") });
-    EXPECT_EQ(vfs.getFileList(QStringLiteral("sub"), false, false, false),
-        QStringList { QStringLiteral("f.txt") });
+    EXPECT_EQ(all, (QStringList { "sub/.metadata", "sub/f.txt" }));
+    EXPECT_EQ(vfs.getFileList("sub/f.txt", false, false, false), QStringList { "sub/f.txt" });
+    EXPECT_EQ(vfs.getFileList("sub", false, false, false), QStringList { "f.txt" });
 }
 
 TEST_F(Facade, ImportChecksDestinationFirst)
 {
     const auto message = [this](const QString& source, const QString& destination) {
-        try {
-            vfs.importFile(source, destination, false);
-        } catch (const PathNotFound& e) {
-            return std::string(e.what());
-        }
-        return std::string("no exception");
+        return messageOf<PathNotFound>([&] { vfs.importFile(source, destination, false); });
     };
     EXPECT_EQ(message(QString(), QString()), "destination is empty");
-    EXPECT_EQ(message(QString(), QStringLiteral("b")), "source is empty");
-    EXPECT_EQ(
-        message(QStringLiteral("x"), QStringLiteral("/abs/b")), "/abs/b is not a relative path.");
+    EXPECT_EQ(message(QString(), "b"), "source is empty");
+    EXPECT_EQ(message("x", "/abs/b"), "/abs/b is not a relative path.");
 
     QTemporaryDir outside;
-    writeFile(outside.filePath(QStringLiteral("in.txt")), "imported");
-    vfs.importFile(
-        outside.filePath(QStringLiteral("in.txt")), QStringLiteral("deep/er/in.txt"), false);
+    writeFile(outside.filePath("in.txt"), "imported");
+    vfs.importFile(outside.filePath("in.txt"), "deep/er/in.txt", false);
     EXPECT_EQ(readFile(abs("deep/er/in.txt")), "imported");
     EXPECT_FALSE(vfs.isNotCommitted());
 }
@@ -188,40 +160,29 @@ TEST_F(Facade, ImportChecksDestinationFirst)
 TEST_F(Facade, ExportCopyAndMoveWorkOnPendingContent)
 {
     writeFile(abs("a.txt"), "old");
-    edit(QStringLiteral("a.txt"), "new");
+    edit("a.txt", "new");
     QTemporaryDir outside;
-    vfs.exportFile(QStringLiteral("a.txt"), outside.filePath(QStringLiteral("out.txt")), false);
-    EXPECT_EQ(readFile(outside.filePath(QStringLiteral("out.txt"))), "new");
+    vfs.exportFile("a.txt", outside.filePath("out.txt"), false);
+    EXPECT_EQ(readFile(outside.filePath("out.txt")), "new");
 
-    vfs.copy(QStringLiteral("a.txt"), QStringLiteral("copy.txt"), false);
+    vfs.copy("a.txt", "copy.txt", false);
     EXPECT_FALSE(QFile::exists(abs("copy.txt")));
     EXPECT_EQ(readFile(swapOf("copy.txt")), "new");
-    EXPECT_THROW(
-        vfs.copy(QStringLiteral("a.txt"), QStringLiteral("copy.txt"), false), AlreadyExists);
+    EXPECT_THROW(vfs.copy("a.txt", "copy.txt", false), AlreadyExists);
 
-    vfs.move(QStringLiteral("a.txt"), QStringLiteral("moved.txt"), false);
+    vfs.move("a.txt", "moved.txt", false);
     EXPECT_EQ(readFile(abs("moved.txt")), "old");
     EXPECT_EQ(readFile(swapOf("moved.txt")), "new");
     EXPECT_FALSE(QFile::exists(abs("a.txt")));
-    EXPECT_TRUE(vfs.isNotCommitted(QStringLiteral("moved.txt")));
-    EXPECT_FALSE(vfs.isNotCommitted(QStringLiteral("a.txt")));
+    EXPECT_FALSE(vfs.isNotCommitted("a.txt"));
 
     vfs.commit();
     EXPECT_EQ(readFile(abs("moved.txt")), "new");
     EXPECT_EQ(readFile(abs("copy.txt")), "new");
 
-    try {
-        vfs.copy(QStringLiteral("nope"), QStringLiteral("x"), false);
-        FAIL();
-    } catch (const PathNotFound& e) {
-        EXPECT_STREQ(e.what(), "nope");
-    }
-    try {
-        vfs.move(QStringLiteral("nope"), QStringLiteral("x"), false);
-        FAIL();
-    } catch (const PathNotFound& e) {
-        EXPECT_EQ(std::string(e.what()), abs("nope").toStdString());
-    }
+    EXPECT_EQ(messageOf<PathNotFound>([&] { vfs.copy("nope", "x", false); }), "nope");
+    EXPECT_EQ(
+        messageOf<PathNotFound>([&] { vfs.move("nope", "x", false); }), abs("nope").toStdString());
 }
 
 TEST_F(Facade, RemoveTakesSwapFilesAndNeverFollowsLinks)
@@ -229,46 +190,42 @@ TEST_F(Facade, RemoveTakesSwapFilesAndNeverFollowsLinks)
     writeFile(abs("d/a.txt"), "a");
     writeFile(abs("d/e/b.txt"), "b");
     writeFile(abs("a.txt"), "same name elsewhere");
-    edit(QStringLiteral("d/e/b.txt"), "pending");
+    edit("d/e/b.txt", "pending");
     QTemporaryDir outside;
-    writeFile(outside.filePath(QStringLiteral("precious.txt")), "keep");
+    writeFile(outside.filePath("precious.txt"), "keep");
     ASSERT_TRUE(QFile::link(outside.path(), abs("d/link")));
 
-    vfs.remove(QStringLiteral("d"));
+    vfs.remove("d");
     EXPECT_FALSE(QFileInfo::exists(abs("d")));
-    EXPECT_EQ(readFile(outside.filePath(QStringLiteral("precious.txt"))), "keep");
+    EXPECT_EQ(readFile(outside.filePath("precious.txt")), "keep");
     EXPECT_EQ(readFile(abs("a.txt")), "same name elsewhere");
     EXPECT_FALSE(vfs.isNotCommitted());
 
-    edit(QStringLiteral("a.txt"), "new");
-    vfs.remove(QStringLiteral("a.txt"));
+    edit("a.txt", "new");
+    vfs.remove("a.txt");
     EXPECT_FALSE(QFile::exists(abs("a.txt")));
     EXPECT_FALSE(QFile::exists(swapOf("a.txt")));
-}
 
-TEST_F(Facade, RemoveFallsBackToTheWholeTree)
-{
-    writeFile(abs("d/a.txt"), "a");
-    // A directory in the place of the swap file makes the engine's removal fail.
-    writeFile(swapOf("d/a.txt") + QStringLiteral("/x"), "x");
+    // A directory in the place of a swap file makes the engine's removal fail; the whole tree
+    // goes all the same.
+    writeFile(abs("f/a.txt"), "a");
+    writeFile(swapOf("f/a.txt") + "/x", "x");
     LogCapture log;
-    vfs.remove(QStringLiteral("d"));
-    EXPECT_FALSE(QFileInfo::exists(abs("d")));
-    ASSERT_EQ(log.lines.size(), 1u);
-    EXPECT_EQ(log.lines[0],
-        LogCapture::Line("ProjectVFS", 3,
-            "Can not remove swap file "
-                + vfs.makeSwapPath(QStringLiteral("d/a.txt")).toStdString()));
+    vfs.remove("f");
+    EXPECT_FALSE(QFileInfo::exists(abs("f")));
+    EXPECT_EQ(log.lines,
+        std::vector { LogCapture::Line("ProjectVFS", 3,
+            "Can not remove swap file " + vfs.makeSwapPath("f/a.txt").toStdString()) });
 }
 
 TEST_F(Facade, UpdateFromSourceRefreshesThePendingSwap)
 {
     writeFile(abs("a.txt"), "v1");
-    edit(QStringLiteral("a.txt"), "mine");
+    edit("a.txt", "mine");
     writeFile(abs("a.txt"), "v2 from outside");
-    vfs.updateFromSource(QStringLiteral("a.txt"));
+    vfs.updateFromSource("a.txt");
     EXPECT_EQ(readFile(swapOf("a.txt")), "v2 from outside");
-    vfs.updateFromSource(QStringLiteral("not-pending.txt"));
+    vfs.updateFromSource("not-pending.txt");
 }
 
 TEST(FacadeLifetime, HandlesOutliveTheFacade)
@@ -278,11 +235,11 @@ TEST(FacadeLifetime, HandlesOutliveTheFacade)
     {
         ProjectVFS vfs(dir.path());
         ProjectVFS moved(std::move(vfs));
-        file = moved.open(QStringLiteral("a.txt"), QIODevice::WriteOnly);
+        file = moved.open("a.txt", QIODevice::WriteOnly);
     }
     file->write("kept");
     file->commit();
-    EXPECT_EQ(readFile(dir.filePath(QStringLiteral("a.txt"))), "kept");
+    EXPECT_EQ(readFile(dir.filePath("a.txt")), "kept");
 }
 
 } // namespace
