@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <csignal>
 #include <fstream>
-#include <sys/mount.h>
 
 namespace zo::project {
 
@@ -24,6 +23,7 @@ static bool operator==(const ProjectVFS::RecoverableInfo& a, const ProjectVFS::R
 namespace {
 
 using test::LogCapture;
+using test::messageOf;
 using test::readFile;
 using test::writeFile;
 using Info = ProjectVFS::RecoverableInfo;
@@ -46,15 +46,13 @@ std::string commandLineOf(pid_t pid)
 
 // A live process that counts as another instance of this program: its command line starts
 // with this program's name followed by a blank.
-class LiveInstance {
-public:
+struct LiveInstance {
     LiveInstance()
     {
-        const std::string name
-            = QFileInfo(QCoreApplication::arguments().first()).baseName().toStdString();
-        const std::string argv0 = name + " (another instance)";
-        pid = fork();
-        if (pid == 0) {
+        const std::string argv0
+            = QFileInfo(QCoreApplication::arguments().first()).baseName().toStdString()
+            + " (another instance)";
+        if ((pid = fork()) == 0) {
             execl("/bin/sleep", argv0.c_str(), "30", static_cast<char*>(nullptr));
             _exit(127);
         }
@@ -67,7 +65,6 @@ public:
         waitpid(pid, nullptr, 0);
     }
     LiveInstance(const LiveInstance&) = delete;
-    LiveInstance& operator=(const LiveInstance&) = delete;
 
     pid_t pid;
 };
@@ -79,12 +76,6 @@ protected:
     static QString swapName(const QString& file, long long pid)
     {
         return QStringLiteral(".%1.%2.csp").arg(file).arg(pid);
-    }
-    std::vector<Info> sorted(std::vector<Info> infos)
-    {
-        std::sort(infos.begin(), infos.end(),
-            [](const Info& a, const Info& b) { return a.swapPath < b.swapPath; });
-        return infos;
     }
 
     QTemporaryDir dir;
@@ -100,28 +91,21 @@ TEST_F(Recovery, ListsSwapFilesWithSourceAndProcess)
     writeFile(abs("doc/notes.txt.4242.csp"), "no leading dot");
     writeFile(abs("doc/.x.txt.12.csp.bak"), "other extension");
 
-    const std::vector<Info> expected {
-        { QStringLiteral(".a.b.123.csp"), QStringLiteral("a.b"), 123 },
-        { QStringLiteral(".big.txt.70000.csp"), QStringLiteral("big.txt"), 0 },
-        { QStringLiteral("doc/.notes.txt.4242.csp"), QStringLiteral("doc/notes.txt"), 4242 },
-    };
-    EXPECT_EQ(sorted(vfs.recoverableFiles()), expected);
+    auto found = vfs.recoverableFiles();
+    std::sort(found.begin(), found.end(),
+        [](const Info& a, const Info& b) { return a.swapPath < b.swapPath; });
+    EXPECT_EQ(found,
+        (std::vector<Info> { { ".a.b.123.csp", "a.b", 123 }, { ".big.txt.70000.csp", "big.txt", 0 },
+            { "doc/.notes.txt.4242.csp", "doc/notes.txt", 4242 } }));
 }
 
 TEST_F(Recovery, ReadOnlyDirectoriesAreNotScanned)
 {
     writeFile(abs("ro/.r.txt.77.csp"), "r");
-    const QByteArray target = QFile::encodeName(abs("ro"));
-    if (mount(target.constData(), target.constData(), nullptr, MS_BIND, nullptr) != 0)
-        GTEST_SKIP() << "bind mounts are not available";
-    const bool readOnly
-        = mount(nullptr, target.constData(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr)
-        == 0;
-    const auto found = vfs.recoverableFiles();
-    umount(target.constData());
-    if (!readOnly)
-        GTEST_SKIP() << "read-only remount refused";
-    EXPECT_TRUE(found.empty());
+    const test::ScopedMount readOnly(abs("ro"));
+    if (!readOnly.mounted)
+        GTEST_SKIP() << "cannot mount here";
+    EXPECT_TRUE(vfs.recoverableFiles().empty());
 }
 
 TEST_F(Recovery, SwapOfAnEndedProcessIsMovedAndCommitted)
@@ -129,7 +113,7 @@ TEST_F(Recovery, SwapOfAnEndedProcessIsMovedAndCommitted)
     std::vector<bool> reports;
     vfs.setCommittedChangedHandler([&](bool pending) { reports.push_back(pending); });
     writeFile(abs("d/a.txt"), "old");
-    const QString foreign = QStringLiteral("d/") + swapName(QStringLiteral("a.txt"), deadPid());
+    const QString foreign = "d/" + swapName("a.txt", deadPid());
     writeFile(abs(foreign), "unsaved work");
 
     const auto found = vfs.recoverableFiles();
@@ -137,7 +121,7 @@ TEST_F(Recovery, SwapOfAnEndedProcessIsMovedAndCommitted)
     vfs.recoverFile(found[0]);
     EXPECT_FALSE(QFile::exists(abs(foreign)));
     EXPECT_EQ(reports, std::vector<bool> { true });
-    EXPECT_EQ(vfs.open(QStringLiteral("d/a.txt"), QIODevice::ReadOnly)->readAll(), "unsaved work");
+    EXPECT_EQ(vfs.open("d/a.txt", QIODevice::ReadOnly)->readAll(), "unsaved work");
     vfs.commit();
     EXPECT_EQ(readFile(abs("d/a.txt")), "unsaved work");
 }
@@ -147,15 +131,15 @@ TEST_F(Recovery, SwapOfARunningProcessIsCopiedAndKept)
     LiveInstance other;
     if (other.pid > 0xFFFF)
         GTEST_SKIP() << "process ids above 16 bits are recorded as 0";
-    const QString theirs = swapName(QStringLiteral("a.txt"), other.pid);
+    const QString theirs = swapName("a.txt", other.pid);
     writeFile(abs(theirs), "their work");
-    const Info info { theirs, QStringLiteral("a.txt"), static_cast<unsigned short>(other.pid) };
+    const Info info { theirs, "a.txt", static_cast<unsigned short>(other.pid) };
 
     LogCapture log;
     vfs.recoverFile(info);
     EXPECT_EQ(readFile(abs(theirs)), "their work");
-    EXPECT_EQ(readFile(abs(vfs.makeSwapPath(QStringLiteral("a.txt")))), "their work");
-    EXPECT_TRUE(vfs.isNotCommitted(QStringLiteral("a.txt")));
+    EXPECT_EQ(readFile(abs(vfs.makeSwapPath("a.txt"))), "their work");
+    EXPECT_TRUE(vfs.isNotCommitted("a.txt"));
 
     vfs.abandonFile(info);
     EXPECT_TRUE(QFile::exists(abs(theirs)));
@@ -168,41 +152,30 @@ TEST_F(Recovery, SwapOfARunningProcessIsCopiedAndKept)
 TEST_F(Recovery, RefusedTransfersKeepBothFiles)
 {
     // This process's own swap file: the transfer onto itself fails.
-    auto mine = vfs.open(QStringLiteral("a.txt"), QIODevice::WriteOnly);
-    mine->write("mine");
-    mine->close();
-    const QString mySwap = vfs.makeSwapPath(QStringLiteral("a.txt"));
-    const Info own { mySwap, QStringLiteral("a.txt"),
+    vfs.open("a.txt", QIODevice::WriteOnly)->write("mine");
+    const QString mySwap = vfs.makeSwapPath("a.txt");
+    const Info own { mySwap, "a.txt",
         static_cast<unsigned short>(QCoreApplication::applicationPid()) };
-    try {
-        vfs.recoverFile(own);
-        FAIL() << "no exception";
-    } catch (const exception::SwapFileRename& e) {
-        EXPECT_EQ(std::string(e.what()), "Can not rename swap file: " + mySwap.toStdString());
-    }
+    EXPECT_EQ(messageOf<exception::SwapFileRename>([&] { vfs.recoverFile(own); }),
+        "Can not rename swap file: " + mySwap.toStdString());
 
     // Another process's file for a source this process already edits.
-    const QString theirs = swapName(QStringLiteral("a.txt"), 0);
+    const QString theirs = swapName("a.txt", 0);
     writeFile(abs(theirs), "theirs");
-    EXPECT_THROW(
-        vfs.recoverFile({ theirs, QStringLiteral("a.txt"), 0 }), exception::SwapFileRename);
+    EXPECT_THROW(vfs.recoverFile({ theirs, "a.txt", 0 }), exception::SwapFileRename);
     EXPECT_EQ(readFile(abs(theirs)), "theirs");
     EXPECT_EQ(readFile(abs(mySwap)), "mine");
 }
 
 TEST_F(Recovery, AbandonRemovesOnlyFilesOfEndedProcesses)
 {
-    const QString stale = swapName(QStringLiteral("a.txt"), deadPid());
+    const QString stale = swapName("a.txt", deadPid());
     writeFile(abs(stale), "stale");
-    const Info info { stale, QStringLiteral("a.txt"), 0 };
+    const Info info { stale, "a.txt", 0 };
     vfs.abandonFile(info);
     EXPECT_FALSE(QFile::exists(abs(stale)));
-    try {
-        vfs.abandonFile(info);
-        FAIL() << "no exception";
-    } catch (const exception::SwapFileRemove& e) {
-        EXPECT_EQ(std::string(e.what()), "Can not remove swap file: " + stale.toStdString());
-    }
+    EXPECT_EQ(messageOf<exception::SwapFileRemove>([&] { vfs.abandonFile(info); }),
+        "Can not remove swap file: " + stale.toStdString());
     EXPECT_FALSE(vfs.isNotCommitted());
 }
 
@@ -220,15 +193,14 @@ TEST_F(Recovery, WorkOfAKilledProcessIsRecovered)
     const pid_t editor = fork();
     if (editor == 0) {
         ProjectVFS project(dir.path());
-        auto existing = project.open(
-            QStringLiteral("existing.txt"), QIODevice::WriteOnly | QIODevice::Append);
+        auto existing = project.open("existing.txt", QIODevice::WriteOnly | QIODevice::Append);
         existing->write(" and after");
         existing->flush();
-        project.mkpath(QStringLiteral("new"));
-        auto created = project.open(QStringLiteral("new/large.txt"), QIODevice::WriteOnly);
+        project.mkpath("new");
+        auto created = project.open("new/large.txt", QIODevice::WriteOnly);
         created->write(large);
         created->flush();
-        FILE* stream = project.fopen(QStringLiteral("stream.txt"), QStringLiteral("w"));
+        FILE* stream = project.fopen("stream.txt", "w");
         std::fputs("through a stream", stream);
         std::fflush(stream);
         const char done = 1;
