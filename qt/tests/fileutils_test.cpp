@@ -3,16 +3,11 @@
 #include <zo/project/fileutils.h>
 
 #include <QDateTime>
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
-#include <sys/mount.h>
 #include <sys/statvfs.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <functional>
 #include <map>
 #include <string>
 #include <type_traits>
@@ -20,6 +15,8 @@
 
 namespace zo::project {
 namespace {
+
+using test::ScopedMount;
 
 // Handlers for IOError must not catch a missing or an existing path.
 static_assert(std::is_base_of_v<IOError, IOReadError> && std::is_base_of_v<IOError, IOWriteError>);
@@ -29,53 +26,23 @@ static_assert(
 constexpr int kMiB = 1024 * 1024;
 
 // A fresh directory to lay out a tree in; paths are relative to it.
-class Scratch {
-public:
-    QString path(const QString& relative = QString()) const { return _root.filePath(relative); }
+struct Scratch {
+    QString path(const QString& relative = QString()) const { return root.filePath(relative); }
     QString dir(const QString& relative) const
     {
         return QDir().mkpath(path(relative)) ? path(relative) : QString();
     }
     QString file(const QString& relative, const QByteArray& content = "x") const
     {
-        dir(QFileInfo(path(relative)).path());
-        QFile file(path(relative));
-        return file.open(QIODevice::WriteOnly) && file.write(content) == content.size()
-            ? file.fileName()
-            : QString();
+        test::writeFile(path(relative), content);
+        return path(relative);
     }
     void link(const QString& relative, const QString& target) const
     {
         QFile::link(target, path(relative));
     }
 
-private:
-    QTemporaryDir _dir;
-    QDir _root { _dir.path() };
-};
-
-// A tmpfs (with its options) or, without options, a read-only bind of a path onto itself;
-// undone when the object goes. mounted() is false where the system refuses.
-class ScopedMount {
-public:
-    explicit ScopedMount(const QString& path, const char* tmpfsOptions = nullptr)
-        : _target(QFile::encodeName(path))
-    {
-        const char* target = _target.constData();
-        _mounted = tmpfsOptions != nullptr ? ::mount("tmpfs", target, "tmpfs", 0, tmpfsOptions) == 0
-                                           : ::mount(target, target, nullptr, MS_BIND, nullptr) == 0
-                && ::mount(nullptr, target, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr)
-                    == 0;
-    }
-    // Also undoes a bind whose read-only remount failed.
-    ~ScopedMount() { ::umount2(_target.constData(), MNT_DETACH); }
-    ScopedMount(const ScopedMount&) = delete;
-    ScopedMount& operator=(const ScopedMount&) = delete;
-    bool mounted() const { return _mounted; }
-
-private:
-    QByteArray _target;
-    bool _mounted = false;
+    QTemporaryDir root;
 };
 
 long long availableBytes(const QString& path)
@@ -172,9 +139,8 @@ TEST(HasEnoughSpace, MeasuresTheDirectoryHoldingTheNearestExistingAncestor)
     Scratch scratch;
     const ScopedMount outer(scratch.dir("outer"), "size=12m");
     const ScopedMount inner(scratch.dir("outer/inner"), "size=20m");
-    if (!outer.mounted() || !inner.mounted()) {
+    if (!outer.mounted || !inner.mounted)
         GTEST_SKIP() << "cannot mount a tmpfs here";
-    }
     const QString target = scratch.path("outer/inner/not/yet");
     const long long fits = availableBytes(scratch.path("outer")) - 10 * kMiB;
 
@@ -206,9 +172,8 @@ TEST(Remove, UnlinksLinksAndReportsADirectoryThatStays)
         "PathNotFound: Delete file error: " + u8(tree.path("t")) + " not found");
 
     const ScopedMount volume(tree.dir("volume"), "size=1m");
-    if (!volume.mounted()) {
+    if (!volume.mounted)
         GTEST_SKIP() << "cannot mount a tmpfs here";
-    }
     tree.file("volume/x");
     EXPECT_EQ(thrown([&] { remove(tree.path("volume")); }),
         "runtime_error: Delete file error: an unknown exception occurred during the removal of "
@@ -287,9 +252,8 @@ TEST(Copy, ChecksFreeSpaceAboveFiveMebibytesAndAfterEveryFailedAttempt)
     const ScopedMount roomy(tree.dir("roomy"), "size=8m");
     const ScopedMount tiny(tree.dir("tiny"), "size=256k");
     const ScopedMount noInodes(tree.dir("no-inodes"), "size=64m,nr_inodes=2");
-    if (!roomy.mounted() || !tiny.mounted() || !noInodes.mounted()) {
+    if (!roomy.mounted || !tiny.mounted || !noInodes.mounted)
         GTEST_SKIP() << "cannot mount a tmpfs here";
-    }
     const auto extraMiB = [&](long long size, const char* volume) {
         return std::to_string((size + 10 * kMiB - availableBytes(tree.path(volume))) >> 20);
     };
@@ -351,9 +315,8 @@ TEST(ReadOnlyPaths, AreRefusedWithTheRightErrors)
     const QString inReadOnlyDir = tree.file("parent/read-only/f");
     const ScopedMount readOnlyMount(readOnly);
     const ScopedMount readOnlyDirMount(readOnlyDir);
-    if (!readOnlyMount.mounted() || !readOnlyDirMount.mounted()) {
+    if (!readOnlyMount.mounted || !readOnlyDirMount.mounted)
         GTEST_SKIP() << "cannot mount here";
-    }
     EXPECT_EQ(thrown([&] { remove(readOnly); }),
         "IOWriteError: Delete file error: the path to remove is not writable: " + u8(readOnly));
     EXPECT_EQ(thrown([&] { copy(src, readOnlyDir + "/x", true); }),
