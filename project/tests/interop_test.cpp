@@ -1,14 +1,10 @@
 #include "sample_tree.h"
 
-#include <zo/project/archive.h>
-
 #include <gtest/gtest.h>
 
 #include <QProcess>
 #include <QStandardPaths>
 
-#include <algorithm>
-#include <cctype>
 #include <filesystem>
 
 namespace {
@@ -21,8 +17,7 @@ using namespace zo::project::test;
 constexpr const char* pythonScript = R"(
 import hashlib, os, stat, sys, tarfile, zipfile
 def line(kind, name, mode, data):
-    name = name.rstrip('/')
-    name = name[2:] if name.startswith('./') else name
+    name = name.rstrip('/').removeprefix('./')
     if kind == 'l':
         return f'l {name} -> {data.decode()}'
     text = f'{kind} {name} mode {stat.S_IMODE(mode)}'
@@ -174,10 +169,7 @@ std::vector<Tool> writers()
 
 std::string nameOf(const testing::TestParamInfo<Tool>& info)
 {
-    std::string name = std::string(info.param.program) + "_" + info.param.archive;
-    std::replace_if(
-        name.begin(), name.end(), [](char c) { return !std::isalnum(c); }, '_');
-    return name;
+    return testName(std::string(info.param.program) + "_" + info.param.archive);
 }
 
 INSTANTIATE_TEST_SUITE_P(Tools, TheyRead, testing::ValuesIn(readers()), nameOf);

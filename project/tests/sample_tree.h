@@ -1,5 +1,7 @@
 #pragma once
 
+#include <zo/project/archive.h>
+
 #include <QTemporaryDir>
 
 #include <cstddef>
@@ -17,6 +19,20 @@ inline std::string pathIn(const QTemporaryDir& dir, const char* name)
 // Creates the file with its parents.
 void writeFile(const std::string& path, const std::string& content, mode_t mode = 0644);
 std::string readFile(const std::string& path);
+
+// The message of the ArchiveError that body throws, or "" when it returns.
+template <typename Body> std::string archiveError(Body&& body)
+{
+    try {
+        body();
+    } catch (const ArchiveError& error) {
+        return error.what();
+    }
+    return {};
+}
+
+// A test name made of the letters and digits of text, other characters replaced with '_'.
+std::string testName(std::string text);
 
 // A project with nested, empty and hidden directories, non-ASCII names, a zero-byte file,
 // varied modes, symbolic links and old times; bigFileSize > 0 adds a file of that size.
