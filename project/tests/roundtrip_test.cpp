@@ -14,6 +14,11 @@ struct Case {
     const char* name;
 };
 
+void PrintTo(const Case& tested, std::ostream* out)
+{
+    *out << tested.name;
+}
+
 class RoundTrip : public testing::TestWithParam<Case> {
 protected:
     // libarchive converts names through the locale; the library must not depend on it.
