@@ -37,6 +37,9 @@ TEST(Os, PidAndUtf8Fopen)
     std::fclose(out);
     EXPECT_TRUE(QFile::exists(QString::fromStdString(path)));
     EXPECT_EQ(zo::os::fopen((path + "/missing").c_str(), "r"), nullptr);
+    EXPECT_TRUE(zo::os::sync(path.c_str()));
+    EXPECT_TRUE(zo::os::sync(dir.path().toStdString().c_str()));
+    EXPECT_FALSE(zo::os::sync((path + "/missing").c_str()));
 }
 
 TEST(Unicode, FacetRoundTripsNonAscii)

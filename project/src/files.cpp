@@ -2,6 +2,7 @@
 
 #include "errors.h"
 
+#include <zo/os.h>
 #include <zo/path.h>
 
 #include <fcntl.h>
@@ -66,8 +67,7 @@ std::string parentDirectory(const std::string& path)
 
 void syncDirectory(const std::string& directory, const std::string& target)
 {
-    UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!fd || ::fsync(fd.get()) != 0)
+    if (!zo::os::sync(directory.c_str()))
         fail(target, "cannot sync directory '" + directory + "': " + systemError());
 }
 

@@ -11,9 +11,6 @@
 #include <QCoreApplication>
 #include <QFileInfo>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace zo::project::detail {
 namespace {
 
@@ -25,24 +22,14 @@ std::string utf8(const QString& text)
     return text.toStdString();
 }
 
-// fsync of a file or a directory by path; false when it cannot be opened or synced.
-bool syncPath(const QString& path, int flags)
-{
-    const int fd = ::open(QFile::encodeName(path).constData(), flags | O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    const bool synced = ::fsync(fd) == 0;
-    return ::close(fd) == 0 && synced;
-}
-
 bool syncFile(const QString& path)
 {
-    return syncPath(path, 0);
+    return zo::os::sync(QFile::encodeName(path).constData());
 }
 
 bool syncParentDirectory(const QString& path)
 {
-    return syncPath(QFileInfo(path).absolutePath(), O_DIRECTORY);
+    return syncFile(QFileInfo(path).absolutePath());
 }
 
 } // namespace

@@ -78,25 +78,24 @@ int demo(const QString& root)
         say(QStringLiteral("  [saved]"));
     };
 
+    const auto showMainXml = [&project](const QString& label) {
+        const QByteArray content = contentOf(project.filePath(QStringLiteral("docs/main.xml")));
+        say(label + QString::fromUtf8(content.trimmed()));
+    };
+
     say(QStringLiteral("1. Create docs/main.xml and save it"));
     project.mkpath(QStringLiteral("docs"));
     write(project, QStringLiteral("docs/main.xml"), "<doc>first</doc>\n");
     save();
-    say(QStringLiteral("  on disk: %1")
-            .arg(QString::fromUtf8(
-                contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
+    showMainXml(QStringLiteral("  on disk: "));
 
     say(QStringLiteral("2. Edit it: the change goes to a swap file"));
     write(project, QStringLiteral("docs/main.xml"), "<doc>second</doc>\n");
     say(QStringLiteral("  swap file: %1")
             .arg(project.makeSwapPath(QStringLiteral("docs/main.xml"))));
-    say(QStringLiteral("  on disk:   %1")
-            .arg(QString::fromUtf8(
-                contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
+    showMainXml(QStringLiteral("  on disk:   "));
     save();
-    say(QStringLiteral("  saved:     %1")
-            .arg(QString::fromUtf8(
-                contentOf(project.filePath(QStringLiteral("docs/main.xml"))).trimmed())));
+    showMainXml(QStringLiteral("  saved:     "));
 
     say(QStringLiteral("3. Another process edits notes.txt and crashes"));
     crashWhileEditing(root, QStringLiteral("notes.txt"), "written just before the crash\n");
