@@ -104,7 +104,7 @@ TEST_F(Engine, HandlerReportsFirstEntryAndEmptyTableWithRepeats)
     VFSFile moved(engine, "y");
     engine->moveEntry(moved, "x");
     EXPECT_EQ(reports, (std::vector<bool> { false, true }));
-    EXPECT_EQ(engine->entries().value("y"), abs(moved.swapName()));
+    EXPECT_EQ(engine->pendingSwap("y"), abs(moved.swapName()));
     EXPECT_TRUE(engine->isNotCommitted("y"));
     EXPECT_FALSE(engine->isNotCommitted("./y"));
 }
@@ -159,7 +159,7 @@ TEST_F(Engine, CreateSwapFileCopiesOrCreatesOnceAndReportsFailures)
 
     EXPECT_THROW(engine->createSwapFile("nodir/x.txt", engine->makeSwapPath("nodir/x.txt")),
         exception::CreateSwapFile);
-    EXPECT_EQ(engine->entries().keys(), (QStringList { "d/a.txt", "new.txt" }));
+    EXPECT_EQ(engine->pendingPaths(), (QStringList { "d/a.txt", "new.txt" }));
 }
 
 using Commit = Engine;
@@ -386,7 +386,7 @@ TEST_F(Handles, MoveTakesFileAndSwapFileAlong)
     EXPECT_EQ(readFile(swapOf("d/b.txt")), "new");
     EXPECT_FALSE(QFile::exists(abs("a.txt")));
     EXPECT_FALSE(QFile::exists(swapOf("a.txt")));
-    EXPECT_EQ(engine->entries().keys(), QStringList { "d/b.txt" });
+    EXPECT_EQ(engine->pendingPaths(), QStringList { "d/b.txt" });
     EXPECT_EQ(reports, (std::vector<bool> { false, true }));
 
     auto ghost = handle("ghost.txt");
