@@ -9,7 +9,7 @@ packages=(
   # the formatting check
   clang-format
   # tools the archive interoperability tests compare against
-  libarchive-tools unzip zip p7zip-full python3
+  libarchive-tools unzip zip p7zip-full
 )
 
 missing=()
