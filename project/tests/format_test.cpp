@@ -89,7 +89,7 @@ TEST_F(Formats, FailedExportLeavesTheDestinationAsItWas)
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
     writeFile(path("out.zip"), "previous archive");
     EXPECT_PRED_FORMAT2(testing::IsSubstring, path("out.zip") + "', entry 'pipe'",
-        archiveError([&] { exportProject(source, path("out.zip"), ArchiveFormat::Zip); }));
+        thrownBy([&] { exportProject(source, path("out.zip"), ArchiveFormat::Zip); }));
     EXPECT_EQ(readFile(path("out.zip")), "previous archive");
 
     writeFile(path("copy/kept"), "kept");

@@ -87,11 +87,11 @@ TEST_F(Metadata, CorruptFileIsAnErrorNamingItAndIsNotOverwritten)
     const std::string file = path(".metadata");
     Project project(dir.path().toStdString());
     for (const std::string& content : corrupt) {
-        writeFile(file, content);
+        writeFile(file, QByteArray::fromStdString(content));
         EXPECT_PRED_FORMAT2(
-            testing::IsSubstring, file, archiveError([&] { project.getMetadata(); }));
+            testing::IsSubstring, file, thrownBy([&] { project.getMetadata(); }));
         EXPECT_THROW(project.setMetadata("key", "value"), ArchiveError);
-        EXPECT_EQ(readFile(file), content);
+        EXPECT_EQ(readFile(file).toStdString(), content);
     }
 }
 
@@ -100,7 +100,7 @@ TEST_F(Metadata, MissingProjectReadsEmptyAndRefusesWrites)
     Project project(path("missing"));
     EXPECT_TRUE(project.getMetadata().empty());
     EXPECT_PRED_FORMAT2(testing::IsSubstring, path("missing/.metadata"),
-        archiveError([&] { project.setMetadata("key", "value"); }));
+        thrownBy([&] { project.setMetadata("key", "value"); }));
 }
 
 } // namespace

@@ -8,27 +8,12 @@
 #include <cctype>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 namespace zo::project::test {
 
 namespace fs = std::filesystem;
-
-void writeFile(const std::string& path, const std::string& content, mode_t mode)
-{
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream out(path, std::ios::binary);
-    ASSERT_TRUE(out << content) << path;
-    fs::permissions(path, static_cast<fs::perms>(mode));
-}
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 std::string testName(std::string text)
 {
@@ -41,12 +26,12 @@ void makeSampleTree(const std::string& rootPath, size_t bigFileSize)
 {
     const fs::path root(rootPath);
     makeProject(rootPath).setMetadata("title", "Sample ✓");
-    writeFile(root / "docs/chapter 1/notes.txt", "notes\n");
-    writeFile(root / ".hidden", "hidden\n");
-    writeFile(root / ".config/settings.ini", "[a]\nb=c\n", 0600);
-    writeFile(root / "ünïcødé/日本語.txt", "テキスト\n");
-    writeFile(root / "zero", "");
-    writeFile(root / "run.sh", "#!/bin/sh\n", 0755);
+    writeFile((root / "docs/chapter 1/notes.txt").string(), "notes\n");
+    writeFile((root / ".hidden").string(), "hidden\n");
+    writeFile((root / ".config/settings.ini").string(), "[a]\nb=c\n", 0600);
+    writeFile((root / "ünïcødé/日本語.txt").string(), "テキスト\n");
+    writeFile((root / "zero").string(), "");
+    writeFile((root / "run.sh").string(), "#!/bin/sh\n", 0755);
     fs::create_directories(root / "docs/empty");
     fs::create_directories(root / "locked");
     fs::permissions(root / "locked", static_cast<fs::perms>(0750));
@@ -62,7 +47,7 @@ void makeSampleTree(const std::string& rootPath, size_t bigFileSize)
             big += block;
         }
         big.resize(bigFileSize);
-        writeFile(root / "data/big.bin", big);
+        writeFile((root / "data/big.bin").string(), QByteArray::fromStdString(big));
     }
     // Old, distinct times; setting them changes no directory's own time.
     time_t seconds = 1500000000;
@@ -93,7 +78,7 @@ std::vector<std::string> listing(const std::string& root, int details)
         if (details & Times)
             line += " time " + std::to_string(status.st_mtime);
         if (S_ISREG(status.st_mode)) {
-            const QByteArray data = QByteArray::fromStdString(readFile(entry.path()));
+            const QByteArray data = readFile(entry.path().string());
             line += " sha1 "
                 + QCryptographicHash::hash(data, QCryptographicHash::Sha1).toHex().toStdString();
         }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <zo/project/archive.h>
+#include <zo/test/support.h>
 
 #include <QTemporaryDir>
 
@@ -11,24 +12,13 @@
 
 namespace zo::project::test {
 
+using zo::test::readFile;
+using zo::test::thrownBy;
+using zo::test::writeFile;
+
 inline std::string pathIn(const QTemporaryDir& dir, const char* name)
 {
     return dir.filePath(QString::fromUtf8(name)).toStdString();
-}
-
-// Creates the file with its parents.
-void writeFile(const std::string& path, const std::string& content, mode_t mode = 0644);
-std::string readFile(const std::string& path);
-
-// The message of the ArchiveError that body throws, or "" when it returns.
-template <typename Body> std::string archiveError(Body&& body)
-{
-    try {
-        body();
-    } catch (const ArchiveError& error) {
-        return error.what();
-    }
-    return {};
 }
 
 // A test name made of the letters and digits of text, other characters replaced with '_'.

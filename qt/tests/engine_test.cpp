@@ -10,7 +10,13 @@
 // to the new content without losing it.
 
 #include "projectvfs_impl.h"
-#include "testutil.h"
+#include <zo/test/support.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <unistd.h>
 
 #include <zo/project/exceptions.h>
 #include <zo/project/fileutils.h>
@@ -28,7 +34,7 @@ namespace {
 
 using detail::ProjectVFS_Impl;
 using test::LogCapture;
-using test::messageOf;
+using test::thrownBy;
 using test::readFile;
 using test::writeFile;
 
@@ -135,10 +141,10 @@ TEST_F(Engine, CreateSwapFileCopiesOrCreatesOnceAndReportsFailures)
     EXPECT_FALSE(QFile::exists(abs("new.txt")));
 
     writeFile(swapOf("foreign.txt"), "theirs");
-    EXPECT_EQ(messageOf<exception::SwapFileAlreadyExists>([&] {
+    EXPECT_EQ(thrownBy([&] {
         engine->createSwapFile("foreign.txt", engine->makeSwapPath("foreign.txt"));
     }),
-        "A swap file already exists for: foreign.txt");
+        "exception::SwapFileAlreadyExists: A swap file already exists for: foreign.txt");
     EXPECT_EQ(readFile(swapOf("foreign.txt")), "theirs");
 
     // A directory cannot be copied into a swap file.
@@ -175,16 +181,16 @@ TEST_F(Commit, ReplacesSourceAndLeavesNoTrace)
     // Without an entry only the file's existence is checked.
     handle("a.txt")->commit();
     EXPECT_EQ(readFile(abs("a.txt")), "new");
-    EXPECT_EQ(messageOf<exception::SourceFileDoesNotExists>([&] { handle("gone.txt")->commit(); }),
-        "Source file does not exist for:gone.txt");
+    EXPECT_EQ(thrownBy([&] { handle("gone.txt")->commit(); }),
+        "exception::SourceFileDoesNotExists: Source file does not exist for:gone.txt");
 }
 
 TEST_F(Commit, StaleBackupIsRemovedAndStopsTheFirstAttempt)
 {
     auto file = pending("a.txt", "old", "new");
     writeFile(abs("a.txtbck"), "stale");
-    EXPECT_EQ(messageOf<exception::SourceFileBackupRemove>([&] { file->commit(); }),
-        "Can not remove source file backup: a.txtbck");
+    EXPECT_EQ(thrownBy([&] { file->commit(); }),
+        "exception::SourceFileBackupRemove: Can not remove source file backup: a.txtbck");
     EXPECT_FALSE(QFile::exists(abs("a.txtbck")));
     EXPECT_EQ(readFile(abs("a.txt")), "old");
 
@@ -197,8 +203,8 @@ TEST_F(Commit, SourceThatCannotBeBackedUpKeepsEverything)
     auto file = pending("a.txt", "old", "new");
     // A non-empty directory in the backup's place can neither be removed nor renamed over.
     writeFile(abs("a.txtbck/keep"), "k");
-    EXPECT_EQ(messageOf<exception::SourceFileRename>([&] { file->commit(); }),
-        "Can not rename source file: " + abs("a.txt").toStdString());
+    EXPECT_EQ(thrownBy([&] { file->commit(); }),
+        "exception::SourceFileRename: Can not rename source file: " + abs("a.txt").toStdString());
     EXPECT_EQ(readFile(abs("a.txt")), "old");
     EXPECT_EQ(readFile(swapOf("a.txt")), "new");
     EXPECT_EQ(readFile(abs("a.txtbck/keep")), "k");
@@ -219,8 +225,8 @@ TEST_F(Commit, SwapThatCannotBeRenamedRestoresTheSource)
         chown(QFile::encodeName(abs("sticky/a.txt")).constData(), test::kNobody, test::kNobody), 0);
 
     EXPECT_EQ(test::runAsNobody([&] {
-        return messageOf<exception::SwapFileRename>([&] { file->commit(); })
-            != "Can not rename swap file: sticky/a.txt";
+        return thrownBy([&] { file->commit(); })
+            != "exception::SwapFileRename: Can not rename swap file: sticky/a.txt";
     }),
         0);
     EXPECT_EQ(readFile(abs("sticky/a.txt")), "old");
@@ -263,10 +269,10 @@ TEST_F(Commit, DiscardDropsOnlyTheSwapFileAndRemoveBoth)
 
     // Directories in the place of the file or of its swap file cannot be removed.
     writeFile(abs("dir/inner"), "x");
-    EXPECT_EQ(messageOf<IOWriteError>([&] { handle("dir")->remove(); }), "Can not remove file dir");
+    EXPECT_EQ(thrownBy([&] { handle("dir")->remove(); }), "IOWriteError: Can not remove file dir");
     writeFile(swapOf("c.txt") + "/inner", "x");
-    EXPECT_EQ(messageOf<IOWriteError>([&] { handle("c.txt")->remove(); }),
-        "Can not remove swap file " + engine->makeSwapPath("c.txt").toStdString());
+    EXPECT_EQ(thrownBy([&] { handle("c.txt")->remove(); }),
+        "IOWriteError: Can not remove swap file " + engine->makeSwapPath("c.txt").toStdString());
 }
 
 TEST_F(Commit, CrashStatesKeepTheData)
@@ -384,7 +390,7 @@ TEST_F(Handles, MoveTakesFileAndSwapFileAlong)
     EXPECT_EQ(reports, (std::vector<bool> { false, true }));
 
     auto ghost = handle("ghost.txt");
-    EXPECT_EQ(messageOf<PathNotFound>([&] { ghost->move("elsewhere.txt", false); }), "ghost.txt");
+    EXPECT_EQ(thrownBy([&] { ghost->move("elsewhere.txt", false); }), "PathNotFound: ghost.txt");
     EXPECT_EQ(ghost->fileName(), "elsewhere.txt");
 }
 

@@ -1,4 +1,10 @@
-#include "testutil.h"
+#include <zo/test/support.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <unistd.h>
 
 #include <zo/project/fileutils.h>
 
@@ -8,15 +14,14 @@
 
 #include <sys/statvfs.h>
 
-#include <map>
 #include <string>
 #include <type_traits>
-#include <typeindex>
 
 namespace zo::project {
 namespace {
 
 using test::ScopedMount;
+using test::thrownBy;
 
 // Handlers for IOError must not catch a missing or an existing path.
 static_assert(std::is_base_of_v<IOError, IOReadError> && std::is_base_of_v<IOError, IOWriteError>);
@@ -50,23 +55,6 @@ long long availableBytes(const QString& path)
     struct statvfs volume { };
     const bool measured = ::statvfs(QFile::encodeName(path).constData(), &volume) == 0;
     return measured ? static_cast<long long>(volume.f_bavail * volume.f_frsize) : -1;
-}
-
-// The class and the message of what body throws, so that one comparison checks both.
-template <typename Body> std::string thrown(Body body)
-{
-    static const std::map<std::type_index, std::string> names {
-        { typeid(IOReadError), "IOReadError: " }, { typeid(IOWriteError), "IOWriteError: " },
-        { typeid(PathNotFound), "PathNotFound: " }, { typeid(AlreadyExists), "AlreadyExists: " },
-        { typeid(std::runtime_error), "runtime_error: " }
-    };
-    try {
-        body();
-    } catch (const std::exception& error) {
-        const auto name = names.find(typeid(error));
-        return (name != names.end() ? name->second : "other: ") + error.what();
-    }
-    return "nothing";
 }
 
 std::string u8(const QString& text)
@@ -130,7 +118,7 @@ TEST(FolderSize, AddsVisibleFilesSkipsLinksAndStopsAtALimitReachedExactly)
     count = 0;
     folderSize(tree.path(), &size, &count, nullptr, 2, 0);
     EXPECT_EQ(count, 2U);
-    EXPECT_EQ(thrown([&] { folderSize(tree.path(), nullptr, &count, &aborted, 0, 0); }),
+    EXPECT_EQ(thrownBy([&] { folderSize(tree.path(), nullptr, &count, &aborted, 0, 0); }),
         "runtime_error: folderSize() error: pSize parameter must not be NULL");
 }
 
@@ -168,14 +156,14 @@ TEST(Remove, UnlinksLinksAndReportsADirectoryThatStays)
     EXPECT_EQ(listDirectory(tree.path(), true, true, true), QStringList());
     EXPECT_EQ(sorted(listDirectory(outside.path(), true, true, true)),
         (QStringList { "dir", "dir/keep", "file" }));
-    EXPECT_EQ(thrown([&] { remove(tree.path("t")); }),
+    EXPECT_EQ(thrownBy([&] { remove(tree.path("t")); }),
         "PathNotFound: Delete file error: " + u8(tree.path("t")) + " not found");
 
     const ScopedMount volume(tree.dir("volume"), "size=1m");
     if (!volume.mounted)
         GTEST_SKIP() << "cannot mount a tmpfs here";
     tree.file("volume/x");
-    EXPECT_EQ(thrown([&] { remove(tree.path("volume")); }),
+    EXPECT_EQ(thrownBy([&] { remove(tree.path("volume")); }),
         "runtime_error: Delete file error: an unknown exception occurred during the removal of "
             + u8(tree.path("volume")));
     EXPECT_EQ(listDirectory(tree.path(), true, true, true), QStringList { "volume" });
@@ -187,11 +175,11 @@ TEST(Copy, ChecksInOrder)
     const QString src = tree.file("src");
     const QString dst = tree.file("dst");
     const QString none = tree.path("none");
-    EXPECT_EQ(thrown([&] { copy(none, none + "/x", false); }),
+    EXPECT_EQ(thrownBy([&] { copy(none, none + "/x", false); }),
         "PathNotFound: Copy file error: " + u8(none) + " not found");
-    EXPECT_EQ(thrown([&] { copy(src, none + "/x", false); }),
+    EXPECT_EQ(thrownBy([&] { copy(src, none + "/x", false); }),
         "PathNotFound: Copy file error: " + u8(none) + "/x destination path not found");
-    EXPECT_EQ(thrown([&] { copy(src, dst, false); }),
+    EXPECT_EQ(thrownBy([&] { copy(src, dst, false); }),
         "AlreadyExists: Copy file error: " + u8(dst) + " already exists");
 
     // Lets an unprivileged user reach the source, which it may not read.
@@ -200,7 +188,7 @@ TEST(Copy, ChecksInOrder)
     const std::string expected
         = "PathNotFound: Copy file error: source path is not readable: " + u8(none) + "/x";
     const auto copyUnreadable
-        = [&] { return thrown([&] { copy(src, none + "/x", false); }) == expected ? 0 : 1; };
+        = [&] { return thrownBy([&] { copy(src, none + "/x", false); }) == expected ? 0 : 1; };
     EXPECT_EQ(::geteuid() == 0 ? test::runAsNobody(copyUnreadable) : copyUnreadable(), 0);
 }
 
@@ -240,7 +228,7 @@ TEST(Copy, MirrorsDirectoriesFollowingLinksButNoCycleAndNoLinkInTheDestination)
     EXPECT_FALSE(QFileInfo(tree.path("dst/side")).isSymLink());
     EXPECT_EQ(
         sorted(listDirectory(outside.path(), true, true, true)), (QStringList { "d", "d/keep" }));
-    EXPECT_EQ(thrown([&] { copy(tree.path("src"), tree.path("dst"), false); }),
+    EXPECT_EQ(thrownBy([&] { copy(tree.path("src"), tree.path("dst"), false); }),
         "AlreadyExists: Copy file error: " + u8(tree.path("dst")) + " already exists");
 }
 
@@ -265,18 +253,18 @@ TEST(Copy, ChecksFreeSpaceAboveFiveMebibytesAndAfterEveryFailedAttempt)
     const QString toNoInodes = tree.dir("no-inodes/sub") + "/f";
 
     const std::string roomyExtra = extraMiB(5 * kMiB + 1, "roomy");
-    EXPECT_EQ(thrown([&] { copy(larger, toRoomy, false); }),
+    EXPECT_EQ(thrownBy([&] { copy(larger, toRoomy, false); }),
         "runtime_error: Copy file error: No space disk left. Extra " + roomyExtra
             + " MiB are needed to copy from " + u8(larger) + " to " + u8(toRoomy));
-    EXPECT_EQ(thrown([&] { copy(exact, toRoomy, false); }), "nothing");
+    EXPECT_EQ(thrownBy([&] { copy(exact, toRoomy, false); }), "nothing thrown");
 
     const std::string tinyExtra = extraMiB(kMiB, "tiny");
-    EXPECT_EQ(thrown([&] { copy(small, toTiny, false); }),
+    EXPECT_EQ(thrownBy([&] { copy(small, toTiny, false); }),
         "runtime_error: Copy file error: No space disk left. Extra " + tinyExtra
             + " Mib are needed to copy from " + u8(small) + " to " + u8(toTiny));
     EXPECT_FALSE(QFileInfo::exists(toTiny));
 
-    const std::string failed = thrown([&] { copy(small, toNoInodes, false); });
+    const std::string failed = thrownBy([&] { copy(small, toNoInodes, false); });
     const std::string prefix = "runtime_error: Copy file error: an exception occurred during the "
                                "copy from "
         + u8(small) + " to " + u8(toNoInodes) + ": ";
@@ -289,11 +277,11 @@ TEST(Move, ChecksThenRenamesOrCopiesAndRemoves)
     Scratch tree;
     const QString a = tree.file("a", "A");
     const QString b = tree.file("b");
-    EXPECT_EQ(thrown([&] { move(tree.path("none"), b, true); }),
+    EXPECT_EQ(thrownBy([&] { move(tree.path("none"), b, true); }),
         "PathNotFound: Move file error: " + u8(tree.path("none")) + " not found");
-    EXPECT_EQ(thrown([&] { move(a, b, false); }),
+    EXPECT_EQ(thrownBy([&] { move(a, b, false); }),
         "AlreadyExists: Move file error: " + u8(b) + " already exists");
-    EXPECT_EQ(thrown([&] { move(a, a, true); }),
+    EXPECT_EQ(thrownBy([&] { move(a, a, true); }),
         "AlreadyExists: Move file error: destination and source files/folders are the same. On "
         "some OS a same name with a different case can be considered as the same name.");
     move(a, tree.path("c"), false);
@@ -317,16 +305,16 @@ TEST(ReadOnlyPaths, AreRefusedWithTheRightErrors)
     const ScopedMount readOnlyDirMount(readOnlyDir);
     if (!readOnlyMount.mounted || !readOnlyDirMount.mounted)
         GTEST_SKIP() << "cannot mount here";
-    EXPECT_EQ(thrown([&] { remove(readOnly); }),
+    EXPECT_EQ(thrownBy([&] { remove(readOnly); }),
         "IOWriteError: Delete file error: the path to remove is not writable: " + u8(readOnly));
-    EXPECT_EQ(thrown([&] { copy(src, readOnlyDir + "/x", true); }),
+    EXPECT_EQ(thrownBy([&] { copy(src, readOnlyDir + "/x", true); }),
         "IOWriteError: Copy file error: destination directory is not writable: "
             + u8(tree.path("parent")));
-    EXPECT_EQ(thrown([&] { copy(src, readOnly, true); }),
+    EXPECT_EQ(thrownBy([&] { copy(src, readOnly, true); }),
         "IOWriteError: Copy file error: destination path is not writable: " + u8(readOnly));
-    EXPECT_EQ(thrown([&] { move(inReadOnlyDir, tree.path("g"), false); }),
+    EXPECT_EQ(thrownBy([&] { move(inReadOnlyDir, tree.path("g"), false); }),
         "IOWriteError: Move file error: " + u8(readOnlyDir) + " isn't writable");
-    EXPECT_EQ(thrown([&] { move(tree.path("src"), tree.path("dst"), true); }),
+    EXPECT_EQ(thrownBy([&] { move(tree.path("src"), tree.path("dst"), true); }),
         "IOWriteError: Move file error: an exception occurred during the move from "
             + u8(tree.path("src")) + " to " + u8(tree.path("dst"))
             + " (Delete file error: the path to remove is not writable: " + u8(readOnly) + ")");

@@ -1,4 +1,10 @@
-#include "testutil.h"
+#include <zo/test/support.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <unistd.h>
 
 #include <zo/project/exceptions.h>
 #include <zo/project/fileutils.h>
@@ -13,7 +19,7 @@ namespace zo::project {
 namespace {
 
 using test::LogCapture;
-using test::messageOf;
+using test::thrownBy;
 using test::readFile;
 using test::writeFile;
 
@@ -41,8 +47,8 @@ protected:
 TEST_F(Facade, SetPathRefusesTheCurrentAndMissingPaths)
 {
     EXPECT_THROW(vfs.setPath(dir.path()), exception::ProjectPathDoesNotExists);
-    EXPECT_EQ(messageOf<exception::ProjectPathDoesNotExists>([&] { vfs.setPath(abs("missing")); }),
-        "Project path '" + abs("missing").toStdString() + "' does not exist");
+    EXPECT_EQ(thrownBy([&] { vfs.setPath(abs("missing")); }),
+        "exception::ProjectPathDoesNotExists: Project path '" + abs("missing").toStdString() + "' does not exist");
     ASSERT_TRUE(vfs.mkdir("sub"));
     vfs.setPath(abs("sub"));
     EXPECT_EQ(vfs.path(), abs("sub"));
@@ -98,8 +104,8 @@ TEST_F(Facade, OpenFailureIsReportedWithThePath)
 {
     writeFile(swapOf("taken.txt"), "someone else's");
     EXPECT_EQ(
-        messageOf<exception::OpenSwapFile>([&] { vfs.open("taken.txt", QIODevice::WriteOnly); }),
-        "Can not open swap file for: taken.txt");
+        thrownBy([&] { vfs.open("taken.txt", QIODevice::WriteOnly); }),
+        "exception::OpenSwapFile: Can not open swap file for: taken.txt");
     EXPECT_THROW(vfs.open("absent.txt", QIODevice::ReadOnly), exception::OpenSwapFile);
     EXPECT_THROW(vfs.fopen("absent.txt", "r"), exception::OpenSwapFile);
     EXPECT_FALSE(vfs.isNotCommitted());
@@ -142,11 +148,11 @@ TEST_F(Facade, ListingHidesOnlyTheTopMetadataFile)
 TEST_F(Facade, ImportChecksDestinationFirst)
 {
     const auto message = [this](const QString& source, const QString& destination) {
-        return messageOf<PathNotFound>([&] { vfs.importFile(source, destination, false); });
+        return thrownBy([&] { vfs.importFile(source, destination, false); });
     };
-    EXPECT_EQ(message(QString(), QString()), "destination is empty");
-    EXPECT_EQ(message(QString(), "b"), "source is empty");
-    EXPECT_EQ(message("x", "/abs/b"), "/abs/b is not a relative path.");
+    EXPECT_EQ(message(QString(), QString()), "PathNotFound: destination is empty");
+    EXPECT_EQ(message(QString(), "b"), "PathNotFound: source is empty");
+    EXPECT_EQ(message("x", "/abs/b"), "PathNotFound: /abs/b is not a relative path.");
 
     QTemporaryDir outside;
     writeFile(outside.filePath("in.txt"), "imported");
@@ -178,9 +184,9 @@ TEST_F(Facade, ExportCopyAndMoveWorkOnPendingContent)
     EXPECT_EQ(readFile(abs("moved.txt")), "new");
     EXPECT_EQ(readFile(abs("copy.txt")), "new");
 
-    EXPECT_EQ(messageOf<PathNotFound>([&] { vfs.copy("nope", "x", false); }), "nope");
+    EXPECT_EQ(thrownBy([&] { vfs.copy("nope", "x", false); }), "PathNotFound: nope");
     EXPECT_EQ(
-        messageOf<PathNotFound>([&] { vfs.move("nope", "x", false); }), abs("nope").toStdString());
+        thrownBy([&] { vfs.move("nope", "x", false); }), std::string("PathNotFound: ") + abs("nope").toStdString());
 }
 
 TEST_F(Facade, RemoveTakesSwapFilesAndNeverFollowsLinks)

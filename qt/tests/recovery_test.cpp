@@ -1,4 +1,10 @@
-#include "testutil.h"
+#include <zo/test/support.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <unistd.h>
 
 #include <zo/project/exceptions.h>
 #include <zo/project/projectvfs.h>
@@ -23,7 +29,7 @@ static bool operator==(const ProjectVFS::RecoverableInfo& a, const ProjectVFS::R
 namespace {
 
 using test::LogCapture;
-using test::messageOf;
+using test::thrownBy;
 using test::readFile;
 using test::writeFile;
 using Info = ProjectVFS::RecoverableInfo;
@@ -156,8 +162,8 @@ TEST_F(Recovery, RefusedTransfersKeepBothFiles)
     const QString mySwap = vfs.makeSwapPath("a.txt");
     const Info own { mySwap, "a.txt",
         static_cast<unsigned short>(QCoreApplication::applicationPid()) };
-    EXPECT_EQ(messageOf<exception::SwapFileRename>([&] { vfs.recoverFile(own); }),
-        "Can not rename swap file: " + mySwap.toStdString());
+    EXPECT_EQ(thrownBy([&] { vfs.recoverFile(own); }),
+        "exception::SwapFileRename: Can not rename swap file: " + mySwap.toStdString());
 
     // Another process's file for a source this process already edits.
     const QString theirs = swapName("a.txt", 0);
@@ -174,8 +180,8 @@ TEST_F(Recovery, AbandonRemovesOnlyFilesOfEndedProcesses)
     const Info info { stale, "a.txt", 0 };
     vfs.abandonFile(info);
     EXPECT_FALSE(QFile::exists(abs(stale)));
-    EXPECT_EQ(messageOf<exception::SwapFileRemove>([&] { vfs.abandonFile(info); }),
-        "Can not remove swap file: " + stale.toStdString());
+    EXPECT_EQ(thrownBy([&] { vfs.abandonFile(info); }),
+        "exception::SwapFileRemove: Can not remove swap file: " + stale.toStdString());
     EXPECT_FALSE(vfs.isNotCommitted());
 }
 

@@ -1,0 +1,111 @@
+#include <zo/test/support.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <gtest/gtest.h>
+
+#include <cxxabi.h>
+#include <exception>
+#include <memory>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <typeinfo>
+#include <unistd.h>
+
+void PrintTo(const QString& text, std::ostream* out)
+{
+    *out << '"' << text.toStdString() << '"';
+}
+
+void PrintTo(const QByteArray& bytes, std::ostream* out)
+{
+    *out << '"' << bytes.toStdString() << '"';
+}
+
+namespace zo::test {
+
+namespace {
+
+std::string className(const std::type_info& type)
+{
+    int status = 0;
+    const std::unique_ptr<char, void (*)(void*)> demangled(
+        abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), std::free);
+    std::string name = status == 0 ? demangled.get() : type.name();
+    for (const std::string prefix : { "zo::project::", "std::" })
+        if (name.compare(0, prefix.size(), prefix) == 0)
+            return name.substr(prefix.size());
+    return name;
+}
+
+} // namespace
+
+std::string thrownBy(const std::function<void()>& body)
+{
+    try {
+        body();
+    } catch (const std::exception& error) {
+        return className(typeid(error)) + ": " + error.what();
+    } catch (...) {
+        const std::type_info* type = abi::__cxa_current_exception_type();
+        return (type ? className(*type) : std::string("unknown")) + ": (not a std::exception)";
+    }
+    return "nothing thrown";
+}
+
+void writeFile(const TestPath& path, const QByteArray& data, mode_t mode)
+{
+    QFileInfo(path.value).dir().mkpath(QStringLiteral("."));
+    QFile file(path.value);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate)) << path.value.toStdString();
+    ASSERT_EQ(file.write(data), data.size());
+    file.close();
+    ASSERT_EQ(::chmod(QFile::encodeName(path.value).constData(), mode), 0);
+}
+
+QByteArray readFile(const TestPath& path)
+{
+    QFile file(path.value);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArrayLiteral("<missing>");
+}
+
+LogCapture::LogCapture()
+    : previous(zo::log::setSink(
+        [this](const std::string& c, int l, const std::string& m) { lines.emplace_back(c, l, m); }))
+{
+}
+
+LogCapture::~LogCapture()
+{
+    zo::log::setSink(previous);
+}
+
+ScopedMount::ScopedMount(const TestPath& path, const char* tmpfsOptions)
+    : target(QFile::encodeName(path.value))
+{
+    const char* at = target.constData();
+    mounted = tmpfsOptions ? ::mount("tmpfs", at, "tmpfs", 0, tmpfsOptions) == 0
+                           : ::mount(at, at, nullptr, MS_BIND, nullptr) == 0
+            && ::mount(nullptr, at, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+}
+
+// Also undoes a bind whose read-only remount failed.
+ScopedMount::~ScopedMount()
+{
+    ::umount2(target.constData(), MNT_DETACH);
+}
+
+int runAsNobody(const std::function<int()>& body)
+{
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(::setgid(kNobody) != 0 || ::setuid(kNobody) != 0 ? 100 : body());
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 101;
+}
+
+} // namespace zo::test

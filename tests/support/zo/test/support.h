@@ -1,0 +1,81 @@
+#pragma once
+
+// Helpers shared by every test executable.
+
+#include <zo/log.h>
+
+#include <QByteArray>
+#include <QString>
+
+#include <functional>
+#include <ostream>
+#include <string>
+#include <sys/types.h>
+#include <tuple>
+#include <vector>
+
+// Readable failure messages for Qt strings; found by argument-dependent lookup.
+void PrintTo(const QString& text, std::ostream* out);
+void PrintTo(const QByteArray& bytes, std::ostream* out);
+
+namespace zo::test {
+
+// A file path given as a QString or as UTF-8 bytes.
+struct TestPath {
+    TestPath(const QString& path)
+        : value(path)
+    {
+    }
+    TestPath(const std::string& path)
+        : value(QString::fromStdString(path))
+    {
+    }
+    TestPath(const char* path)
+        : value(QString::fromUtf8(path))
+    {
+    }
+    QString value;
+};
+
+// "Class: message" of the exception body throws, the class named without a leading
+// "zo::project::" or "std::"; "nothing thrown" when body returns.
+std::string thrownBy(const std::function<void()>& body);
+
+// Creates the parent directories too; a failure fails the calling test.
+void writeFile(const TestPath& path, const QByteArray& data, mode_t mode = 0644);
+// The file's bytes, or "<missing>" so that assertions show what was not there.
+QByteArray readFile(const TestPath& path);
+
+// Collects every log line while alive.
+struct LogCapture {
+    using Line = std::tuple<std::string, int, std::string>;
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<Line> lines;
+
+private:
+    zo::log::Sink previous;
+};
+
+// A tmpfs (with its options) or, without options, a read-only bind of a path onto itself;
+// undone when the object goes. mounted is false where the system refuses.
+struct ScopedMount {
+    explicit ScopedMount(const TestPath& path, const char* tmpfsOptions = nullptr);
+    ~ScopedMount();
+    ScopedMount(const ScopedMount&) = delete;
+    ScopedMount& operator=(const ScopedMount&) = delete;
+
+    const QByteArray target;
+    bool mounted = false;
+};
+
+// Runs body in a forked child under the unprivileged uid "nobody"; the child's exit code is
+// body's result (0 for success). Root ignores permission bits, so tests of refused access
+// need a real unprivileged process.
+constexpr uid_t kNobody = 65534;
+int runAsNobody(const std::function<int()>& body);
+
+} // namespace zo::test
