@@ -1,3 +1,4 @@
+#include <zo/test/support.h>
 #include <zo/treewalk.h>
 
 #include <gtest/gtest.h>
@@ -24,12 +25,8 @@ protected:
     {
         ASSERT_TRUE(dir.isValid());
         const QDir root(dir.path());
-        root.mkdir("d");
-        for (const char* name : { "a", ".h", "d/x", "d/.y" }) {
-            QFile file(root.filePath(name));
-            ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-            file.write("abc");
-        }
+        for (const char* name : { "a", ".h", "d/x", "d/.y" })
+            zo::test::writeFile(root.filePath(name), "abc");
         QFile::link("..", root.filePath("d/up"));
         QFile::link("a", root.filePath("lf"));
         QFile::link("d", root.filePath("ld"));
