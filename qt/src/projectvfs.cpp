@@ -52,83 +52,69 @@ ProjectVFS::ProjectVFS(ProjectVFS&& other) noexcept = default;
 ProjectVFS& ProjectVFS::operator=(ProjectVFS&& other) noexcept = default;
 ProjectVFS::~ProjectVFS() = default;
 
-// Each forwarder holds its own owner of the engine for the length of the call.
 QString ProjectVFS::path() const
 {
-    const auto impl = _impl;
-    return impl->path();
+    return _impl->path();
 }
 
 QString ProjectVFS::filePath(const QString& path) const
 {
-    const auto impl = _impl;
-    return impl->filePath(path);
+    return _impl->filePath(path);
 }
 
 QString ProjectVFS::relativeFilePath(const QString& path) const
 {
-    const auto impl = _impl;
-    return impl->relativeFilePath(path);
+    return _impl->relativeFilePath(path);
 }
 
 QString ProjectVFS::absoluteFilePath(const QString& path) const
 {
-    const auto impl = _impl;
-    return impl->absoluteFilePath(path);
+    return _impl->absoluteFilePath(path);
 }
 
 bool ProjectVFS::mkpath(const QString& path) const
 {
-    const auto impl = _impl;
-    return impl->mkpath(path);
+    return _impl->mkpath(path);
 }
 
 bool ProjectVFS::mkdir(const QString& path) const
 {
-    const auto impl = _impl;
-    return impl->mkdir(path);
+    return _impl->mkdir(path);
 }
 
 bool ProjectVFS::exists() const
 {
-    const auto impl = _impl;
-    return impl->exists();
+    return _impl->exists();
 }
 
 bool ProjectVFS::isNotCommitted() const
 {
-    const auto impl = _impl;
-    return impl->isNotCommitted();
+    return _impl->isNotCommitted();
 }
 
 bool ProjectVFS::isNotCommitted(const QString& path) const
 {
-    const auto impl = _impl;
-    return impl->isNotCommitted(path);
+    return _impl->isNotCommitted(path);
 }
 
 bool ProjectVFS::hasFile(const QString& path) const
 {
-    const auto impl = _impl;
-    return impl->hasFile(path);
+    return _impl->hasFile(path);
 }
 
 bool ProjectVFS::hasPath(const QString& path) const
 {
-    const auto impl = _impl;
-    return impl->hasPath(path);
+    return _impl->hasPath(path);
 }
 
 QString ProjectVFS::makeSwapPath(const QString& path) const
 {
-    const auto impl = _impl;
-    return impl->makeSwapPath(path);
+    return _impl->makeSwapPath(path);
 }
 
 QString ProjectVFS::makeBackupPath(const QString& path) const
 {
-    const auto impl = _impl;
-    return impl->makeBackupPath(path);
+    return _impl->makeBackupPath(path);
 }
 
 std::unique_ptr<VFSFile> ProjectVFS::file(const QString& path)
@@ -164,6 +150,8 @@ FILE* ProjectVFS::fopen(const QString& path, const QString& mode)
 
 QString ProjectVFS::createSwapFile(const QString& path)
 {
+    // The committed-changed handler runs here with no handle holding the engine, and it may
+    // release this facade; the call keeps its own owner.
     const auto impl = _impl;
     return impl->createSwapFile(path, impl->makeSwapPath(path));
 }
@@ -183,43 +171,26 @@ void ProjectVFS::setPath(const QString& path)
 
 bool ProjectVFS::exists(const QString& path) const
 {
-    const auto impl = _impl;
-    if (impl->exists(path))
-        return true;
-    const auto& entries = impl->entries();
-    const auto it = entries.constFind(path);
-    return it != entries.cend() && impl->exists(it.value());
+    return _impl->existsOrPending(path);
 }
 
 void ProjectVFS::commit()
 {
-    const auto impl = _impl;
-    auto& entries = impl->entries();
-    for (auto it = entries.begin(); it != entries.end();) {
-        const auto handle = file(it.key());
-        QFile source(impl->filePath(handle->fileName()));
-        impl->commitFile(&source, handle.get());
-        it = entries.erase(it);
-    }
+    _impl->commitAll();
 }
 
 void ProjectVFS::discard()
 {
-    const auto impl = _impl;
-    auto& entries = impl->entries();
-    for (const QString& swap : qAsConst(entries))
-        impl->QDir::remove(swap);
-    entries.clear();
+    _impl->discardAll();
 }
 
 QStringList ProjectVFS::getFileList(
     const QString& path, bool showHidden, bool recursive, bool includeDirs) const
 {
-    const auto impl = _impl;
-    if (impl->hasFile(path))
-        return { impl->relativeFilePath(path) };
+    if (_impl->hasFile(path))
+        return { _impl->relativeFilePath(path) };
     // Listed below the project root, whatever the process's working directory is.
-    QStringList list = listDirectory(impl->filePath(path), showHidden, recursive, includeDirs);
+    QStringList list = listDirectory(_impl->filePath(path), showHidden, recursive, includeDirs);
     list.removeAll(kMetadataFile);
     return list;
 }
@@ -234,11 +205,10 @@ void ProjectVFS::importFile(const QString& source, const QString& destination, b
         throw PathNotFound(
             (destination + QStringLiteral(" is not a relative path.")).toStdString());
 
-    const auto impl = _impl;
     const QString parent = QFileInfo(destination).path();
     if (!parent.isEmpty())
-        impl->mkpath(parent);
-    zo::project::copy(source, impl->filePath(destination), overwrite);
+        _impl->mkpath(parent);
+    zo::project::copy(source, _impl->filePath(destination), overwrite);
 }
 
 void ProjectVFS::exportFile(const QString& path, const QString& destination, bool overwrite)
@@ -263,7 +233,7 @@ void ProjectVFS::move(const QString& source, const QString& destination, bool ov
 
 void ProjectVFS::remove(const QString& path)
 {
-    const auto impl = _impl;
+    const auto impl = _impl; // outlives a handler that releases this facade, as above
     if (impl->hasFile(path)) {
         impl->remove(*file(path));
         return;
@@ -291,24 +261,19 @@ void ProjectVFS::remove(const QString& path)
 
 void ProjectVFS::updateFromSource(const QString& path)
 {
-    const auto impl = _impl;
-    const auto& entries = impl->entries();
-    const auto it = entries.constFind(path);
-    if (it != entries.cend())
-        zo::project::copy(impl->filePath(it.key()), it.value(), true);
+    _impl->updateFromSource(path);
 }
 
 std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
 {
-    const auto impl = _impl;
-    QStringList directories { impl->path() };
-    QDirIterator subdirectories(impl->path(),
+    QStringList directories { _impl->path() };
+    QDirIterator subdirectories(_impl->path(),
         QDir::Dirs | QDir::Readable | QDir::Writable | QDir::NoDotAndDotDot,
         QDirIterator::Subdirectories);
     while (subdirectories.hasNext())
         directories << subdirectories.next();
 
-    const QString extension = impl->swapExtension();
+    const QString extension = _impl->swapExtension();
     const QStringList nameFilters { QStringLiteral("*.") + extension };
     // The lazy first group is the whole source name, dots included; the name filter already
     // guarantees the real ending.
@@ -325,8 +290,8 @@ std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
             if (!match.hasMatch())
                 continue;
             // An id that does not fit in 16 bits parses as 0, which never counts as running.
-            found.push_back({ impl->relativeFilePath(dir.filePath(name)),
-                impl->relativeFilePath(dir.filePath(match.captured(1))),
+            found.push_back({ _impl->relativeFilePath(dir.filePath(name)),
+                _impl->relativeFilePath(dir.filePath(match.captured(1))),
                 match.captured(2).toUShort() });
         }
     }
@@ -335,7 +300,7 @@ std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
 
 void ProjectVFS::recoverFile(const RecoverableInfo& info)
 {
-    const auto impl = _impl;
+    const auto impl = _impl; // outlives a handler that releases this facade, as above
     const QString newSwap = impl->absoluteFilePath(impl->makeSwapPath(info.sourcePath));
     QFile swap(impl->absoluteFilePath(info.swapPath));
 
@@ -354,12 +319,11 @@ void ProjectVFS::recoverFile(const RecoverableInfo& info)
 
 void ProjectVFS::abandonFile(const RecoverableInfo& info)
 {
-    const auto impl = _impl;
     if (isProcessRunning(info.pid, programName())) {
         logStillRunning(info);
         return;
     }
-    if (!impl->QDir::remove(info.swapPath))
+    if (!_impl->QDir::remove(info.swapPath))
         throw exception::SwapFileRemove(info.swapPath.toStdString());
 }
 

@@ -82,9 +82,9 @@ ProjectVFS_Impl::Entries::iterator ProjectVFS_Impl::removeEntry(const Entries::i
     return next;
 }
 
-ProjectVFS_Impl::Entries::iterator ProjectVFS_Impl::removeEntry(const QString& path)
+void ProjectVFS_Impl::removeEntry(const QString& path)
 {
-    return removeEntry(_entries.find(path));
+    removeEntry(_entries.find(path));
 }
 
 void ProjectVFS_Impl::moveEntry(const VFSFile& file, const QString& oldPath)
@@ -93,7 +93,7 @@ void ProjectVFS_Impl::moveEntry(const VFSFile& file, const QString& oldPath)
     addEntry(file.fileName(), filePath(file.swapName()));
 }
 
-QString ProjectVFS_Impl::existingTarget(const QString& path) const
+QString ProjectVFS_Impl::currentPath(const QString& path) const
 {
     const auto it = _entries.constFind(path);
     return it != _entries.cend() ? it.value() : absoluteFilePath(path);
@@ -101,12 +101,20 @@ QString ProjectVFS_Impl::existingTarget(const QString& path) const
 
 bool ProjectVFS_Impl::hasFile(const QString& path) const
 {
-    return QFileInfo(existingTarget(path)).isFile();
+    return QFileInfo(currentPath(path)).isFile();
 }
 
 bool ProjectVFS_Impl::hasPath(const QString& path) const
 {
-    return QFileInfo::exists(existingTarget(path));
+    return QFileInfo::exists(currentPath(path));
+}
+
+bool ProjectVFS_Impl::existsOrPending(const QString& path) const
+{
+    if (exists(path))
+        return true;
+    const auto it = _entries.constFind(path);
+    return it != _entries.cend() && exists(it.value());
 }
 
 QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swapPath)
@@ -137,9 +145,9 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
 // Commit protocol. Until the swap file has replaced the source, the old content is always on
 // disk as the source or as its backup, and the new content as the swap file; the backup is
 // removed only once the new content is in place and the renames are durable.
-void ProjectVFS_Impl::commitFile(QFile* file, VFSFile* vfsFile)
+void ProjectVFS_Impl::commitFile(const QString& source, const QString& swapName)
 {
-    const QString source = file->fileName();
+    QFile file(source);
     const QString backup = makeBackupPath(source);
 
     // A leftover backup of an interrupted commit whose source is back in place. Removing it
@@ -147,28 +155,27 @@ void ProjectVFS_Impl::commitFile(QFile* file, VFSFile* vfsFile)
     if (exists(backup) && exists(source) && QDir::remove(backup))
         throw exception::SourceFileBackupRemove(utf8(relativeFilePath(backup)));
 
-    if (file->exists() && !file->rename(backup))
+    if (file.exists() && !file.rename(backup))
         throw exception::SourceFileRename(utf8(source));
 
-    const QString swapName = vfsFile->swapName();
     if (exists(swapName)) {
         const QString swap = filePath(swapName);
         // The swap data must reach the disk before the rename does: otherwise a crash could
         // leave the new name on an empty or partial file while the backup is already gone.
         if (!syncFile(swap) || !QFile::rename(swap, source)) {
-            file->rename(absoluteFilePath(source));
+            file.rename(absoluteFilePath(source));
             throw exception::SwapFileRename(utf8(relativeFilePath(source)));
         }
         // Both renames must be durable before the backup goes; if they cannot be made so,
         // undo them so that the table's entry still matches a swap file on disk.
         if (!syncParentDirectory(source)) {
             QFile::rename(source, swap);
-            file->rename(absoluteFilePath(source));
+            file.rename(absoluteFilePath(source));
             throw exception::SwapFileRename(utf8(relativeFilePath(source)));
         }
     } else {
-        zo::log::log(kEngineLog, zo::log::Warning,
-            "A swap file doesn't exist anymore: " + utf8(vfsFile->swapName()));
+        zo::log::log(
+            kEngineLog, zo::log::Warning, "A swap file doesn't exist anymore: " + utf8(swapName));
     }
     QDir::remove(backup);
 }
@@ -182,9 +189,30 @@ void ProjectVFS_Impl::commit(VFSFile& file)
         throw exception::SourceFileDoesNotExists(utf8(name));
     }
     file.close();
-    QFile source(absoluteFilePath(name));
-    commitFile(&source, &file);
+    commitFile(absoluteFilePath(name), file.swapName());
     removeEntry(name);
+}
+
+void ProjectVFS_Impl::commitAll()
+{
+    for (auto it = _entries.begin(); it != _entries.end();) {
+        commitFile(filePath(it.key()), makeSwapPath(it.key()));
+        it = _entries.erase(it);
+    }
+}
+
+void ProjectVFS_Impl::discardAll()
+{
+    for (const QString& swap : qAsConst(_entries))
+        QDir::remove(swap);
+    _entries.clear();
+}
+
+void ProjectVFS_Impl::updateFromSource(const QString& path)
+{
+    const auto it = _entries.constFind(path);
+    if (it != _entries.cend())
+        zo::project::copy(filePath(it.key()), it.value(), true);
 }
 
 void ProjectVFS_Impl::discard(VFSFile& file)
@@ -212,8 +240,7 @@ void ProjectVFS_Impl::remove(VFSFile& file)
 
 void ProjectVFS_Impl::copy(VFSFile& file, const QString& newPath, bool overwrite)
 {
-    const QString from
-        = isNotCommitted(file.fileName()) ? filePath(file.swapName()) : filePath(file.fileName());
+    const QString from = currentPath(file.fileName());
     if (!overwrite && hasFile(newPath))
         throw AlreadyExists(utf8(newPath));
 

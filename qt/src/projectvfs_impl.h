@@ -18,17 +18,13 @@ class VFSFile;
 
 namespace zo::project::detail {
 
-// Exported only for the unit tests; no public header declares it.
 // The shared state of one swap-file file system: the project root, the table of files that
 // have a swap file, and the handler told whether the table holds anything.
 //
 // Swap files are named ".<name>.<pid>.csp" beside their source, backups "<path>bck"; crash
 // recovery and outside tools look for exactly these names.
-class ZOPROJECTQT_EXPORT ProjectVFS_Impl : public QDir,
-                                           public std::enable_shared_from_this<ProjectVFS_Impl> {
+class ProjectVFS_Impl : public QDir, public std::enable_shared_from_this<ProjectVFS_Impl> {
 public:
-    using Entries = QMap<QString, QString>;
-
     explicit ProjectVFS_Impl(const QString& path);
 
     bool isNotCommitted() const;
@@ -42,37 +38,51 @@ public:
     // leaves it empty; both may repeat. Must never be empty.
     std::function<void(bool)> notCommittedChanged;
 
-    // Key: the file's path as given; value: its swap file joined to the root. The facade's
-    // whole-project operations walk and erase it directly, without the handler.
-    Entries& entries() { return _entries; }
+    // The pending paths as given, in order.
+    QStringList pendingPaths() const { return _entries.keys(); }
+    // The swap file of a pending path joined to the root; empty when nothing is pending.
+    QString pendingSwap(const QString& path) const { return _entries.value(path); }
+    // Where the path's current content lives: its pending swap file, else the file itself.
+    QString currentPath(const QString& path) const;
 
     void addEntry(const QString& path, const QString& swapPath);
-    Entries::iterator removeEntry(const Entries::iterator& it);
-    Entries::iterator removeEntry(const QString& path);
+    void removeEntry(const QString& path);
     void moveEntry(const VFSFile& file, const QString& oldPath);
 
     // Existence through the pending swap file when there is one.
     bool hasFile(const QString& path) const;
     bool hasPath(const QString& path) const;
+    // The file is on disk, or pending with its swap file on disk.
+    bool existsOrPending(const QString& path) const;
 
     QString createSwapFile(const QString& path, const QString& swapPath);
-    void commitFile(QFile* file, VFSFile* vfsFile);
     void commit(VFSFile& file);
     void discard(VFSFile& file);
     void remove(VFSFile& file);
     void copy(VFSFile& file, const QString& newPath, bool overwrite);
     void move(VFSFile& file, const QString& newPath, bool overwrite);
+    // Replaces a pending swap file by the current content of its source.
+    void updateFromSource(const QString& path);
+
+    // Every pending file in path order, without telling the handler. commitAll stops at the
+    // first failure, which leaves that file and every later one pending.
+    void commitAll();
+    void discardAll();
 
 private:
-    QString existingTarget(const QString& path) const;
+    using Entries = QMap<QString, QString>;
 
+    Entries::iterator removeEntry(const Entries::iterator& it);
+    void commitFile(const QString& source, const QString& swapName);
+
+    // Key: the file's path as given; value: its swap file joined to the root.
     Entries _entries;
     QString _swapExt;
     QString _bckExt;
 };
 
 // The device flags that a C fopen mode stands for.
-ZOPROJECTQT_EXPORT QIODevice::OpenMode openModeOfStreamMode(const QString& mode);
+QIODevice::OpenMode openModeOfStreamMode(const QString& mode);
 
 // Reopens the file a handle chose (its openedPath) as a C stream. The device open already prepared
 // (and, for "w" modes, truncated) the swap file, so "w" becomes "r+" to keep the stream from doing
