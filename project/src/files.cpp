@@ -67,7 +67,7 @@ std::string parentDirectory(const std::string& path)
 
 void syncDirectory(const std::string& directory, const std::string& target)
 {
-    if (!zo::os::sync(directory.c_str()))
+    if (!zo::os::syncDirectory(directory.c_str()))
         fail(target, "cannot sync directory '" + directory + "': " + systemError());
 }
 
@@ -80,7 +80,7 @@ std::string tempTemplateBeside(const std::string& path)
 
 void renameInto(const std::string& temp, const std::string& target)
 {
-    if (::rename(temp.c_str(), target.c_str()) != 0)
+    if (!zo::os::rename(temp.c_str(), target.c_str()))
         fail(target, "cannot replace: " + systemError());
     syncDirectory(parentDirectory(target), target);
 }
@@ -109,7 +109,7 @@ void AtomicFile::write(std::string_view data)
 void AtomicFile::commit()
 {
     // mkstemp creates the file private; the result is an ordinary shared file.
-    if (::fchmod(_fd.get(), 0644) != 0 || ::fsync(_fd.get()) != 0 || !_fd.close())
+    if (::fchmod(_fd.get(), 0644) != 0 || !zo::os::syncFile(_fd.get()) || !_fd.close())
         fail(_target, "cannot write '" + _temp + "': " + systemError());
     renameInto(_temp, _target);
     _temp.clear();
