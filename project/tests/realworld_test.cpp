@@ -8,9 +8,13 @@
 #include <archive_entry.h>
 #include <gtest/gtest.h>
 
+#include <QDir>
+
 #include <filesystem>
 #include <memory>
 #include <random>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -61,6 +65,44 @@ QByteArray gzipped(const QByteArray& data, int layers)
         },
         data);
 }
+
+// A tar member in ustar form: header with name, type and size, then data padded to whole blocks.
+QByteArray tarMember(const QByteArray& name, char type, const QByteArray& data)
+{
+    QByteArray header(512, '\0');
+    const auto put
+        = [&](int at, const QByteArray& field) { header.replace(at, field.size(), field); };
+    const auto octal = [](int value, int digits) {
+        return QByteArray::number(value, 8).rightJustified(digits, '0');
+    };
+    put(0, name);
+    put(100, octal(0644, 7));
+    put(124, octal(data.size(), 11));
+    put(136, octal(1500000000, 11));
+    header[156] = type;
+    put(257,
+        QByteArray("ustar\0"
+                   "00",
+            8));
+    put(148, QByteArray(8, ' '));
+    int sum = 0;
+    for (const char byte : header)
+        sum += static_cast<unsigned char>(byte);
+    put(148, octal(sum, 6) + '\0');
+    const int padding = (512 - data.size() % 512) % 512;
+    return header + data + QByteArray(padding, '\0');
+}
+
+QByteArray paxRecord(const QByteArray& key, const QByteArray& value)
+{
+    const QByteArray body = " " + key + "=" + value + "\n";
+    int length = body.size();
+    while (QByteArray::number(length).size() + body.size() != length)
+        ++length;
+    return QByteArray::number(length) + body;
+}
+
+const QByteArray tarEnd(1024, '\0');
 
 class RealWorld : public testing::Test {
 protected:
@@ -126,6 +168,43 @@ TEST_F(RealWorld, ZipsWithDataInFrontImportTheirFiles)
     importProject(path("sfx.zip"), path("sfx"), ArchiveFormat::Zip);
     EXPECT_EQ(listing(path("sfx"), zo::project::test::Everything),
         listing(path("source"), zo::project::test::Everything));
+}
+
+TEST_F(RealWorld, SparseFilesImportWithTheirHoles)
+{
+    // The pax record tells where data and hole lie within what is stored.
+    const QByteArray content = QByteArray(512, 'a') + QByteArray(512, '\0') + QByteArray(512, 'b');
+    writeFile(path("sparse.tar"),
+        tarMember("PaxHeaders/hole", 'x', paxRecord("SUN.holesdata", " 0 512 1024 1536"))
+            + tarMember("hole", '0', content) + tarEnd);
+    importProject(path("sparse.tar"), imported, ArchiveFormat::Auto);
+    EXPECT_EQ(readFile(imported + "/hole"), content);
+}
+
+TEST_F(RealWorld, DeepTreesImportWithTheModesAndTimesOfEveryLevel)
+{
+    // Deep enough to be slow when each level is walked from the root, short of the longest path.
+    constexpr int depth = 2000;
+    QByteArray tar;
+    for (QByteArray name = "d"; name.size() < 2 * depth; name += "/d") {
+        if (name.size() > 100)
+            tar += tarMember("PaxHeaders/d", 'x', paxRecord("path", name));
+        tar += tarMember(name.left(100), '5', {});
+    }
+    writeFile(path("deep.tar"), tar + tarEnd);
+    // Removing a deep tree is slow on some file systems; a tmpfs goes at once.
+    ASSERT_TRUE(QDir().mkpath(QString::fromStdString(imported)));
+    const zo::test::ScopedMount volume(imported, "size=64m");
+    importProject(path("deep.tar"), imported, ArchiveFormat::Auto);
+    // Level by level: the deepest name is too long for the tools of the file system.
+    ASSERT_EQ(::chdir(imported.c_str()), 0);
+    int levels = 0;
+    struct stat status { };
+    while (::lstat("d", &status) == 0 && (status.st_mode & 07777) == 0644
+        && status.st_mtime == 1500000000 && ::chdir("d") == 0)
+        ++levels;
+    EXPECT_EQ(levels, depth);
+    ASSERT_EQ(::chdir("/"), 0);
 }
 
 } // namespace
