@@ -48,6 +48,8 @@ ProjectDir::ProjectDir(ProjectDir&& other)
     , _saved(std::exchange(other._saved, true))
     , _watching(std::exchange(other._watching, false))
 {
+    // The object moved from becomes a project without a path rather than one without an engine.
+    static_cast<ProjectVFS&>(other) = ProjectVFS(QString());
     if (_watcher) {
         // Those connections call back into the object moved from.
         QObject::disconnect(_watcher.get(), nullptr, _notifier.get(), nullptr);

@@ -81,6 +81,8 @@ TEST_F(DirectoryProject, SavedFlagFollowsWritesSavesOutsideChangesAndMoves)
     EXPECT_TRUE(heardByMovedFrom.empty());
     EXPECT_EQ(thrownBy([&] { project.readFile("a.txt"); }),
         "exception::ProjectPathDoesNotExists: Project path '' does not exist");
+    project.load(dir.path());
+    EXPECT_EQ(project.readFile("a.txt"), "new") << "a moved-from project can be given a path again";
 }
 
 TEST_F(DirectoryProject, OutsideRemovalOfAPendingFileIsDroppedAndMissingPathsChangeNothing)
