@@ -44,6 +44,7 @@ struct Command {
 
 // The command table, one function per command source file, in the order help lists them.
 Command statusCommand();
+Command recoverCommand();
 Command demoCommand();
 
 // Options more than one command takes.

@@ -16,7 +16,7 @@ const QString kTopUsage
 
 QList<Command> commandTable()
 {
-    return { statusCommand(), demoCommand() };
+    return { statusCommand(), recoverCommand(), demoCommand() };
 }
 
 QCommandLineOption helpOption()
