@@ -45,6 +45,8 @@ struct Command {
 // The command table, one function per command source file, in the order help lists them.
 Command statusCommand();
 Command recoverCommand();
+Command packCommand();
+Command unpackCommand();
 Command demoCommand();
 
 // Options more than one command takes.

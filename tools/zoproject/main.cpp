@@ -16,7 +16,7 @@ const QString kTopUsage
 
 QList<Command> commandTable()
 {
-    return { statusCommand(), recoverCommand(), demoCommand() };
+    return { statusCommand(), recoverCommand(), packCommand(), unpackCommand(), demoCommand() };
 }
 
 QCommandLineOption helpOption()
