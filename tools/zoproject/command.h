@@ -47,6 +47,8 @@ Command statusCommand();
 Command recoverCommand();
 Command packCommand();
 Command unpackCommand();
+Command lsCommand();
+Command metaCommand();
 Command demoCommand();
 
 // Options more than one command takes.

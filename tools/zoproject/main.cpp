@@ -16,7 +16,8 @@ const QString kTopUsage
 
 QList<Command> commandTable()
 {
-    return { statusCommand(), recoverCommand(), packCommand(), unpackCommand(), demoCommand() };
+    return { statusCommand(), recoverCommand(), packCommand(), unpackCommand(), lsCommand(),
+        metaCommand(), demoCommand() };
 }
 
 QCommandLineOption helpOption()
