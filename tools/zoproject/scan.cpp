@@ -12,9 +12,9 @@ namespace {
 // The library's own liveness test is private and judges by this program's name, which tells
 // nothing about other applications; any process with a command line counts here. Zombies
 // and kernel threads have none.
-Owner ownerOf(unsigned short pid)
+Owner ownerOf(qint64 pid)
 {
-    if (pid == 0)
+    if (pid <= 0)
         return {};
     QFile commandLine(QStringLiteral("/proc/%1/cmdline").arg(pid));
     if (!commandLine.open(QIODevice::ReadOnly))
