@@ -6,8 +6,10 @@ packages=(
   g++ cmake ninja-build pkg-config
   qtbase5-dev libboost-filesystem-dev libarchive-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  # the formatting check
+  clang-format
   # tools the archive interoperability tests compare against
-  libarchive-tools unzip zip p7zip-full python3
+  libarchive-tools unzip zip p7zip-full
 )
 
 missing=()

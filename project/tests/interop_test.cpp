@@ -5,60 +5,16 @@
 #include <QProcess>
 #include <QStandardPaths>
 
-#include <filesystem>
-
 namespace {
 
 using namespace zo::project;
 using namespace zo::project::test;
 
-// Prints an archive's entries as listing() does with Modes | Links, or with "create" packs a
-// directory's files and directories (its links left out) into a zip or a compressed tar.
-constexpr const char* pythonScript = R"(
-import hashlib, os, stat, sys, tarfile, zipfile
-def line(kind, name, mode, data):
-    name = name.rstrip('/').removeprefix('./')
-    if kind == 'l':
-        return f'l {name} -> {data.decode()}'
-    text = f'{kind} {name} mode {stat.S_IMODE(mode)}'
-    return text + f' sha1 {hashlib.sha1(data).hexdigest()}' if kind == 'f' else text
-def show(path):
-    lines = []
-    if zipfile.is_zipfile(path):
-        with zipfile.ZipFile(path) as z:
-            for i in z.infolist():
-                mode = i.external_attr >> 16
-                kind = 'd' if i.is_dir() else 'l' if stat.S_ISLNK(mode) else 'f'
-                lines.append(line(kind, i.filename, mode, b'' if kind == 'd' else z.read(i)))
-    else:
-        with tarfile.open(path) as t:
-            for m in t:
-                kind = 'd' if m.isdir() else 'l' if m.issym() else 'f'
-                data = m.linkname.encode() if kind == 'l' else b'' if kind == 'd' else t.extractfile(m).read()
-                lines.append(line(kind, m.name, m.mode, data))
-    print('\n'.join(sorted(lines)))
-def create(path, root):
-    if path.endswith('.zip'):
-        with zipfile.ZipFile(path, 'w', zipfile.ZIP_DEFLATED) as z:
-            for dir, dirs, files in os.walk(root):
-                for name in dirs + files:
-                    full = os.path.join(dir, name)
-                    if not os.path.islink(full):
-                        z.write(full, os.path.relpath(full, root))
-    else:
-        with tarfile.open(path, 'w:' + {'tgz': 'gz', 'txz': 'xz'}[path[-3:]]) as t:
-            t.add(root, arcname='.')
-if sys.argv[1] == 'create':
-    create(sys.argv[2], sys.argv[3])
-else:
-    show(sys.argv[1])
-)";
-
 struct Tool {
     const char* program; // the case is skipped when it is not installed
     ArchiveFormat format;
     const char* archive;
-    const char* command; // sh: $A the archive, $D the directory, $PY the script above
+    const char* command; // sh: $A the archive, $D the directory
     int details; // what the tool keeps
 };
 
@@ -67,21 +23,18 @@ void PrintTo(const Tool& tool, std::ostream* out)
     *out << tool.program << " " << tool.archive;
 }
 
-// Runs the tool's command, failing the test on a non-zero exit; returns standard output.
-QString run(const Tool& tool, const std::string& archive, const std::string& directory)
+// Runs the tool's command, failing the test on a non-zero exit.
+void run(const Tool& tool, const std::string& archive, const std::string& directory)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("A", QString::fromStdString(archive));
     environment.insert("D", QString::fromStdString(directory));
-    environment.insert("PY", pythonScript);
     environment.insert("LC_ALL", "C.UTF-8");
-    environment.insert("PYTHONIOENCODING", "utf-8");
     QProcess process;
     process.setProcessEnvironment(environment);
     process.start("sh", { "-c", tool.command });
     EXPECT_TRUE(process.waitForFinished(60000));
     EXPECT_EQ(process.exitCode(), 0) << process.readAllStandardError().toStdString();
-    return QString::fromUtf8(process.readAllStandardOutput());
 }
 
 class Interop : public testing::TestWithParam<Tool> {
@@ -105,15 +58,8 @@ using WeRead = Interop;
 TEST_P(TheyRead, WhatWeWrite)
 {
     exportProject(source, archive, GetParam().format);
-    const QString output = run(GetParam(), archive, unpacked);
-    if (std::filesystem::exists(unpacked)) {
-        EXPECT_EQ(listing(unpacked, GetParam().details), listing(source, GetParam().details));
-        return;
-    }
-    std::vector<std::string> lines;
-    for (const QString& line : output.split('\n', Qt::SkipEmptyParts))
-        lines.push_back(line.toStdString());
-    EXPECT_EQ(lines, listing(source, Modes | Links));
+    run(GetParam(), archive, unpacked);
+    EXPECT_EQ(listing(unpacked, GetParam().details), listing(source, GetParam().details));
 }
 
 TEST_P(WeRead, WhatTheyWrite)
@@ -149,7 +95,6 @@ std::vector<Tool> readers()
     add(tools, "unzip", R"(unzip -q "$A" -d "$D")", Everything, { zip, native });
     // 7-Zip ignores every link with "..", even one that stays inside, unless -snld allows it.
     add(tools, "7z", R"(7z x -snld -bd -y -o"$D" "$A" >/dev/null)", Everything, { zip, sevenZip });
-    add(tools, "python3", R"(python3 -c "$PY" "$A")", 0, { zip, tar, tarGz, tarBz2, tarXz });
     return tools;
 }
 
@@ -162,8 +107,6 @@ std::vector<Tool> writers()
     add(tools, "7z", R"(cd "$D" && 7z a -snl -bd "$A" . >/dev/null)", Everything, { sevenZip });
     // 7-Zip's zips keep times in two-second steps; the script leaves links out of zips.
     add(tools, "7z", R"(cd "$D" && 7z a -snl -bd -tzip "$A" . >/dev/null)", Modes | Links, { zip });
-    add(tools, "python3", R"(python3 -c "$PY" create "$A" "$D")", Everything, { tarGz, tarXz });
-    add(tools, "python3", R"(python3 -c "$PY" create "$A" "$D")", Modes, { zip });
     return tools;
 }
 

@@ -34,8 +34,8 @@ namespace {
 
 using detail::ProjectVFS_Impl;
 using test::LogCapture;
-using test::thrownBy;
 using test::readFile;
+using test::thrownBy;
 using test::writeFile;
 
 class Engine : public ::testing::Test {
@@ -330,88 +330,6 @@ TEST_F(Handles, FirstWriteMovesEveryLaterOpenToTheSwapFile)
     EXPECT_FALSE(blocked->open(QIODevice::WriteOnly));
     EXPECT_EQ(blocked->errorString(), "A swap file already exists for: b.txt");
     EXPECT_EQ(readFile(swapOf("b.txt")), "foreign");
-}
-
-TEST_F(Handles, StreamModesTranslateToDeviceFlags)
-{
-    using M = QIODevice;
-    const auto flags = [](const char* mode) { return detail::openModeOfStreamMode(mode); };
-    EXPECT_EQ(flags("r"), M::ReadOnly | M::Text);
-    EXPECT_EQ(flags("rb"), M::OpenMode(M::ReadOnly));
-    EXPECT_EQ(flags("r+b"), M::OpenMode(M::ReadWrite));
-    EXPECT_EQ(flags("w"), M::WriteOnly | M::Truncate | M::Text);
-    EXPECT_EQ(flags("wb+"), M::ReadWrite | M::Truncate);
-    EXPECT_EQ(flags("a"), M::WriteOnly | M::Append | M::Text);
-    EXPECT_EQ(flags("ab+"), M::ReadWrite | M::Append);
-    EXPECT_EQ(flags("rw"), M::ReadOnly | M::Text) << "r is tested first";
-    EXPECT_EQ(flags("+"), M::ReadWrite | M::Text);
-    EXPECT_EQ(flags("b"), M::OpenMode(M::NotOpen));
-}
-
-TEST_F(Handles, StreamsDoNotTruncateTwice)
-{
-    writeFile(abs("a.txt"), "0123456789");
-    FILE* stream = handle("a.txt")->fopen("w+");
-    ASSERT_NE(stream, nullptr);
-    std::fputs("new", stream);
-    std::fclose(stream);
-    EXPECT_EQ(readFile(swapOf("a.txt")), "new");
-
-    // Once a swap file is pending, "w" truncates it once through the device, and the stream
-    // reopened with "r+" writes into the emptied file.
-    stream = handle("a.txt")->fopen("w");
-    ASSERT_NE(stream, nullptr);
-    std::fputs("xy", stream);
-    std::fclose(stream);
-    EXPECT_EQ(readFile(swapOf("a.txt")), "xy");
-    EXPECT_EQ(readFile(abs("a.txt")), "0123456789");
-
-    writeFile(abs("b.txt"), "read only");
-    EXPECT_EQ(handle("missing.txt")->fopen("rb"), nullptr);
-    stream = handle("b.txt")->fopen("rb");
-    ASSERT_NE(stream, nullptr);
-    std::fclose(stream);
-    EXPECT_FALSE(QFile::exists(swapOf("b.txt")));
-}
-
-TEST_F(Handles, MoveTakesFileAndSwapFileAlong)
-{
-    auto file = pending("a.txt", "old", "new");
-    QDir(dir.path()).mkdir("d");
-    reports.clear();
-
-    file->move("d/b.txt", false);
-    EXPECT_EQ(file->fileName(), "d/b.txt");
-    EXPECT_EQ(readFile(abs("d/b.txt")), "old");
-    EXPECT_EQ(readFile(swapOf("d/b.txt")), "new");
-    EXPECT_FALSE(QFile::exists(abs("a.txt")));
-    EXPECT_FALSE(QFile::exists(swapOf("a.txt")));
-    EXPECT_EQ(engine->pendingPaths(), QStringList { "d/b.txt" });
-    EXPECT_EQ(reports, (std::vector<bool> { false, true }));
-
-    auto ghost = handle("ghost.txt");
-    EXPECT_EQ(thrownBy([&] { ghost->move("elsewhere.txt", false); }), "PathNotFound: ghost.txt");
-    EXPECT_EQ(ghost->fileName(), "elsewhere.txt");
-}
-
-TEST_F(Handles, CopyBecomesAnUncommittedNewFile)
-{
-    writeFile(abs("a.txt"), "committed");
-    writeFile(abs("b.txt"), "existing");
-    auto file = handle("a.txt");
-    EXPECT_THROW(engine->copy(*file, "b.txt", false), AlreadyExists);
-
-    file->copy("b.txt");
-    EXPECT_EQ(readFile(abs("b.txt")), "existing");
-    EXPECT_EQ(readFile(swapOf("b.txt")), "committed");
-    EXPECT_TRUE(engine->isNotCommitted("b.txt"));
-
-    // The pending content is what gets copied.
-    file->createSwapFile();
-    writeFile(swapOf("a.txt"), "pending");
-    file->copy("c.txt");
-    EXPECT_EQ(readFile(swapOf("c.txt")), "pending");
-    EXPECT_FALSE(QFile::exists(abs("c.txt")));
 }
 
 } // namespace

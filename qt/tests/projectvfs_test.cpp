@@ -19,8 +19,8 @@ namespace zo::project {
 namespace {
 
 using test::LogCapture;
-using test::thrownBy;
 using test::readFile;
+using test::thrownBy;
 using test::writeFile;
 
 class Facade : public ::testing::Test {
@@ -48,7 +48,8 @@ TEST_F(Facade, SetPathRefusesTheCurrentAndMissingPaths)
 {
     EXPECT_THROW(vfs.setPath(dir.path()), exception::ProjectPathDoesNotExists);
     EXPECT_EQ(thrownBy([&] { vfs.setPath(abs("missing")); }),
-        "exception::ProjectPathDoesNotExists: Project path '" + abs("missing").toStdString() + "' does not exist");
+        "exception::ProjectPathDoesNotExists: Project path '" + abs("missing").toStdString()
+            + "' does not exist");
     ASSERT_TRUE(vfs.mkdir("sub"));
     vfs.setPath(abs("sub"));
     EXPECT_EQ(vfs.path(), abs("sub"));
@@ -103,23 +104,25 @@ TEST_F(Facade, CommitAllStopsAtTheFirstFailure)
 TEST_F(Facade, OpenFailureIsReportedWithThePath)
 {
     writeFile(swapOf("taken.txt"), "someone else's");
-    EXPECT_EQ(
-        thrownBy([&] { vfs.open("taken.txt", QIODevice::WriteOnly); }),
+    EXPECT_EQ(thrownBy([&] { vfs.open("taken.txt", QIODevice::WriteOnly); }),
         "exception::OpenSwapFile: Can not open swap file for: taken.txt");
     EXPECT_THROW(vfs.open("absent.txt", QIODevice::ReadOnly), exception::OpenSwapFile);
     EXPECT_THROW(vfs.fopen("absent.txt", "r"), exception::OpenSwapFile);
     EXPECT_FALSE(vfs.isNotCommitted());
 }
 
-TEST_F(Facade, StreamsWriteToTheSwapFileOnce)
+TEST_F(Facade, StreamsWriteToTheSwapFileAndTruncateItOnce)
 {
     writeFile(abs("a.txt"), "old content");
-    FILE* out = vfs.fopen("a.txt", "w");
-    ASSERT_NE(out, nullptr);
-    std::fputs("new", out);
-    std::fclose(out);
-    // Appending continues the pending content.
-    out = vfs.fopen("a.txt", "ab");
+    for (const auto& [mode, text] : { std::pair { "w+", "0123456789" }, { "w", "new" } }) {
+        // Over a pending swap file "w" truncates once, through the device; the stream itself
+        // must not truncate again after writing.
+        FILE* out = vfs.fopen("a.txt", mode);
+        ASSERT_NE(out, nullptr) << mode;
+        std::fputs(text, out);
+        std::fclose(out);
+    }
+    FILE* out = vfs.fopen("a.txt", "ab");
     ASSERT_NE(out, nullptr);
     std::fputs("+more", out);
     std::fclose(out);
@@ -174,7 +177,9 @@ TEST_F(Facade, ExportCopyAndMoveWorkOnPendingContent)
     EXPECT_EQ(readFile(swapOf("copy.txt")), "new");
     EXPECT_THROW(vfs.copy("a.txt", "copy.txt", false), AlreadyExists);
 
+    reports.clear();
     vfs.move("a.txt", "moved.txt", false);
+    EXPECT_EQ(reports, (std::vector<bool> {})) << "the table never became empty";
     EXPECT_EQ(readFile(abs("moved.txt")), "old");
     EXPECT_EQ(readFile(swapOf("moved.txt")), "new");
     EXPECT_FALSE(QFile::exists(abs("a.txt")));
@@ -185,8 +190,8 @@ TEST_F(Facade, ExportCopyAndMoveWorkOnPendingContent)
     EXPECT_EQ(readFile(abs("copy.txt")), "new");
 
     EXPECT_EQ(thrownBy([&] { vfs.copy("nope", "x", false); }), "PathNotFound: nope");
-    EXPECT_EQ(
-        thrownBy([&] { vfs.move("nope", "x", false); }), std::string("PathNotFound: ") + abs("nope").toStdString());
+    EXPECT_EQ(thrownBy([&] { vfs.move("nope", "x", false); }),
+        std::string("PathNotFound: ") + abs("nope").toStdString());
 }
 
 TEST_F(Facade, RemoveTakesSwapFilesAndNeverFollowsLinks)

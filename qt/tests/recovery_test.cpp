@@ -29,8 +29,8 @@ static bool operator==(const ProjectVFS::RecoverableInfo& a, const ProjectVFS::R
 namespace {
 
 using test::LogCapture;
-using test::thrownBy;
 using test::readFile;
+using test::thrownBy;
 using test::writeFile;
 using Info = ProjectVFS::RecoverableInfo;
 

@@ -1,0 +1,228 @@
+#include <zo/treewalk.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace zo::os {
+namespace {
+
+EntryType typeOfMode(mode_t mode)
+{
+    if (S_ISREG(mode))
+        return EntryType::File;
+    if (S_ISDIR(mode))
+        return EntryType::Directory;
+    if (S_ISLNK(mode))
+        return EntryType::Link;
+    return EntryType::Other;
+}
+
+FileStatus fileStatusOf(const struct stat& status)
+{
+    return FileStatus { typeOfMode(status.st_mode), static_cast<std::uint64_t>(status.st_size),
+        static_cast<std::int64_t>(status.st_mtim.tv_sec),
+        static_cast<std::int32_t>(status.st_mtim.tv_nsec),
+        static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino) };
+}
+
+std::optional<FileStatus> statAt(int directory, const char* name, bool followLinks)
+{
+    struct stat status { };
+    if (::fstatat(directory, name, &status, followLinks ? 0 : AT_SYMLINK_NOFOLLOW) != 0)
+        return std::nullopt;
+    return fileStatusOf(status);
+}
+
+struct DirectoryCloser {
+    void operator()(DIR* directory) const { ::closedir(directory); }
+};
+using DirectoryStream = std::unique_ptr<DIR, DirectoryCloser>;
+
+// Takes the descriptor over, also when the stream cannot be made.
+DirectoryStream streamOf(int descriptor)
+{
+    DIR* directory = ::fdopendir(descriptor);
+    if (directory == nullptr)
+        ::close(descriptor);
+    return DirectoryStream(directory);
+}
+
+bool isDotOrDotDot(const char* name)
+{
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+class TreeWalker {
+public:
+    TreeWalker(const WalkOptions& options, const WalkVisitor& visit)
+        : _options(options)
+        , _visit(visit)
+    {
+    }
+
+    // Walks the directory that descriptor names; false when the visitor stopped the walk.
+    bool walkFrom(int descriptor, int depth)
+    {
+        struct stat status { };
+        if (::fstat(descriptor, &status) != 0) {
+            reportError(errno);
+            ::close(descriptor);
+            return true;
+        }
+        const Identity identity { status.st_dev, status.st_ino };
+        if (std::find(_descent.begin(), _descent.end(), identity) != _descent.end()) {
+            ::close(descriptor);
+            return true;
+        }
+        const DirectoryStream stream = streamOf(descriptor);
+        if (!stream) {
+            reportError(errno);
+            return true;
+        }
+        _descent.push_back(identity);
+        const bool goOn = walkEntries(stream.get(), depth);
+        _descent.pop_back();
+        return goOn;
+    }
+
+private:
+    using Identity = std::pair<dev_t, ino_t>;
+
+    bool walkEntries(DIR* stream, int depth)
+    {
+        const int directory = ::dirfd(stream);
+        const std::size_t parentLength = _path.size();
+        const std::size_t nameStart = parentLength == 0 ? 0 : parentLength + 1;
+        for (;;) {
+            errno = 0;
+            const dirent* entry = ::readdir(stream);
+            if (entry == nullptr) {
+                if (errno != 0)
+                    reportError(errno);
+                break;
+            }
+            const char* name = entry->d_name;
+            if (isDotOrDotDot(name) || (name[0] == '.' && !_options.includeHidden))
+                continue;
+
+            _path.resize(parentLength);
+            if (parentLength != 0)
+                _path += '/';
+            _path += name;
+
+            std::optional<FileStatus> knownStatus;
+            bool isLink = false;
+            EntryType type = EntryType::Other;
+            switch (entry->d_type) {
+            case DT_REG:
+                type = EntryType::File;
+                break;
+            case DT_DIR:
+                type = EntryType::Directory;
+                break;
+            case DT_LNK:
+                isLink = true;
+                break;
+            case DT_UNKNOWN: // some file systems do not fill d_type
+                knownStatus = statAt(directory, name, false);
+                if (!knownStatus) {
+                    reportError(errno);
+                    continue;
+                }
+                isLink = knownStatus->type == EntryType::Link;
+                type = knownStatus->type;
+                break;
+            default:
+                break;
+            }
+            if (isLink) {
+                type = EntryType::Link;
+                if (_options.followLinks) {
+                    knownStatus = statAt(directory, name, true);
+                    if (knownStatus)
+                        type = knownStatus->type;
+                }
+            }
+
+            const std::string_view path = _path;
+            const WalkEntry walkEntry(path, path.substr(nameStart), type, isLink, depth, directory,
+                _options.followLinks, knownStatus);
+            const WalkStep step = _visit(walkEntry);
+            if (step == WalkStep::Stop)
+                return false;
+            if (type == EntryType::Directory && _options.recursive
+                && step != WalkStep::SkipDirectory) {
+                const int flags
+                    = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (_options.followLinks ? 0 : O_NOFOLLOW);
+                const int child = ::openat(directory, name, flags);
+                if (child < 0)
+                    reportError(errno);
+                else if (!walkFrom(child, depth + 1))
+                    return false;
+            }
+        }
+        _path.resize(parentLength);
+        return true;
+    }
+
+    void reportError(int error) const
+    {
+        if (_options.onError)
+            _options.onError(_path, error);
+    }
+
+    const WalkOptions& _options;
+    const WalkVisitor& _visit;
+    std::string _path;
+    std::vector<Identity> _descent;
+};
+
+} // namespace
+
+std::optional<FileStatus> status(const char* path)
+{
+    return statAt(AT_FDCWD, path, true);
+}
+
+WalkEntry::WalkEntry(std::string_view path, std::string_view name, EntryType type, bool isLink,
+    int depth, int directory, bool followLinks, std::optional<FileStatus> knownStatus)
+    : path(path)
+    , name(name)
+    , type(type)
+    , isLink(isLink)
+    , depth(depth)
+    , _directory(directory)
+    , _followLinks(followLinks)
+    , _statusRead(knownStatus.has_value())
+    , _status(knownStatus)
+{
+}
+
+const FileStatus* WalkEntry::status() const
+{
+    if (!_statusRead) {
+        // name is a view into the walk's path buffer, which ends right after it.
+        _status = statAt(_directory, name.data(), _followLinks);
+        _statusRead = true;
+    }
+    return _status ? &*_status : nullptr;
+}
+
+bool walkTree(const std::string& root, const WalkOptions& options, const WalkVisitor& visit)
+{
+    const int descriptor = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0)
+        return false;
+    TreeWalker(options, visit).walkFrom(descriptor, 0);
+    return true;
+}
+
+} // namespace zo::os
