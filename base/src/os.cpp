@@ -1,12 +1,105 @@
+#include <zo/fault.h>
 #include <zo/os.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <ctime>
 #include <fcntl.h>
+#include <fstream>
+#include <iterator>
+#include <sstream>
 #include <unistd.h>
+#include <utility>
 
 namespace zo::os {
 namespace {
+
+// The armed fault: its step (-1 when none), how many calls of it still pass, and its errno.
+std::atomic<int> faultStep { -1 };
+std::atomic<int> faultCountdown { 0 };
+std::atomic<int> faultError { 0 };
+
+// Whether this call of step is the one a test asked to fail; errno is set when it is.
+bool failsOnPurpose(fault::Step step)
+{
+    if (faultStep.load() != static_cast<int>(step) || faultCountdown.fetch_sub(1) != 1)
+        return false;
+    faultStep.store(-1);
+    errno = faultError.load();
+    return true;
+}
+
+bool syncPath(const char* path)
+{
+    const int descriptor = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0)
+        return false;
+    const bool synced = ::fsync(descriptor) == 0;
+    const int syncError = errno;
+    const bool closed = ::close(descriptor) == 0;
+    if (!synced)
+        errno = syncError;
+    return synced && closed;
+}
+
+std::string procFile(pid_t pid, const char* name)
+{
+    return "/proc/" + std::to_string(pid) + "/" + name;
+}
+
+// A process whose command line reads empty may be between fork and exec; a few more reads
+// catch it, while a zombie or kernel thread, empty for good, must not stall the caller.
+constexpr int kEmptyCommandLineReads = 100;
+
+std::optional<std::string> programOf(pid_t pid)
+{
+    const std::string path = procFile(pid, "cmdline");
+    std::string commandLine;
+    for (int read = 0; read < kEmptyCommandLineReads && commandLine.empty(); ++read) {
+        std::ifstream in(path, std::ios::binary);
+        if (!in)
+            return std::nullopt;
+        commandLine.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    // A program that rewrites its command line may separate its words with blanks.
+    return commandLine.substr(0, commandLine.find_first_of(std::string(" \t\n\0", 4)));
+}
+
+std::chrono::nanoseconds sinceEpochOf(clockid_t clock)
+{
+    timespec now {};
+    ::clock_gettime(clock, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+// Field 22 of /proc/<pid>/stat, the start in clock ticks since boot, in the system clock.
+std::optional<std::chrono::system_clock::time_point> startOf(pid_t pid)
+{
+    std::ifstream in(procFile(pid, "stat"));
+    const std::string stat((std::istreambuf_iterator<char>(in)), {});
+    // The command name in parentheses may itself hold blanks and parentheses.
+    const auto nameEnd = stat.rfind(')');
+    if (nameEnd == std::string::npos)
+        return std::nullopt;
+    std::istringstream fields(stat.substr(nameEnd + 1));
+    constexpr int kFieldsBeforeStart = 19; // fields 3 (state) to 21
+    std::string skipped;
+    for (int field = 0; field < kFieldsBeforeStart; ++field)
+        fields >> skipped;
+    unsigned long long ticks = 0;
+    if (!(fields >> ticks))
+        return std::nullopt;
+    const auto ticksPerSecond = static_cast<unsigned long long>(::sysconf(_SC_CLK_TCK));
+    const std::chrono::nanoseconds sinceBoot = std::chrono::seconds(ticks / ticksPerSecond)
+        + std::chrono::nanoseconds(ticks % ticksPerSecond * 1000000000ULL / ticksPerSecond);
+    // The boot clock counts suspended time, as the start field does.
+    const std::chrono::nanoseconds age = sinceEpochOf(CLOCK_BOOTTIME) - sinceBoot;
+    return std::chrono::system_clock::time_point(
+        std::chrono::duration_cast<std::chrono::system_clock::duration>(
+            sinceEpochOf(CLOCK_REALTIME) - age));
+}
 
 int signalPipeWriteEnd = -1;
 
@@ -32,18 +125,53 @@ FILE* fopen(const char* path, const char* mode)
     return std::fopen(path, mode);
 }
 
-bool sync(const char* path)
+bool syncFile(const char* path)
 {
-    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    const bool synced = ::fsync(fd) == 0;
-    const int syncError = errno;
-    const bool closed = ::close(fd) == 0;
-    if (!synced)
-        errno = syncError;
-    return synced && closed;
+    return !failsOnPurpose(fault::Step::SyncFile) && syncPath(path);
 }
+
+bool syncFile(int descriptor)
+{
+    return !failsOnPurpose(fault::Step::SyncFile) && ::fsync(descriptor) == 0;
+}
+
+bool syncDirectory(const char* path)
+{
+    return !failsOnPurpose(fault::Step::SyncDirectory) && syncPath(path);
+}
+
+bool rename(const char* from, const char* to)
+{
+    return !failsOnPurpose(fault::Step::Rename) && std::rename(from, to) == 0;
+}
+
+std::optional<Process> findProcess(pid_t pid)
+{
+    if (pid <= 0)
+        return std::nullopt;
+    std::optional<std::string> program = programOf(pid);
+    const auto started = program ? startOf(pid) : std::nullopt;
+    if (!started)
+        return std::nullopt;
+    return Process { std::move(*program), *started };
+}
+
+namespace fault {
+
+void inject(Step step, int nth, int error)
+{
+    faultStep.store(-1);
+    faultCountdown.store(nth);
+    faultError.store(error);
+    faultStep.store(static_cast<int>(step));
+}
+
+void clear()
+{
+    faultStep.store(-1);
+}
+
+} // namespace fault
 
 int signalPipe(std::initializer_list<int> signalNumbers)
 {

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace zo::project::internal {
 
@@ -55,6 +56,21 @@ bool writeAll(int fd, const void* data, size_t size, off_t offset)
     return true;
 }
 
+bool copyContent(int from, int to)
+{
+    std::vector<char> buffer(128 * 1024);
+    for (off_t offset = 0;;) {
+        const ssize_t count = ::pread(from, buffer.data(), buffer.size(), offset);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return count == 0;
+        if (!writeAll(to, buffer.data(), static_cast<size_t>(count), offset))
+            return false;
+        offset += count;
+    }
+}
+
 namespace {
 
 std::string parentDirectory(const std::string& path)
@@ -67,7 +83,7 @@ std::string parentDirectory(const std::string& path)
 
 void syncDirectory(const std::string& directory, const std::string& target)
 {
-    if (!zo::os::sync(directory.c_str()))
+    if (!zo::os::syncDirectory(directory.c_str()))
         fail(target, "cannot sync directory '" + directory + "': " + systemError());
 }
 
@@ -80,7 +96,7 @@ std::string tempTemplateBeside(const std::string& path)
 
 void renameInto(const std::string& temp, const std::string& target)
 {
-    if (::rename(temp.c_str(), target.c_str()) != 0)
+    if (!zo::os::rename(temp.c_str(), target.c_str()))
         fail(target, "cannot replace: " + systemError());
     syncDirectory(parentDirectory(target), target);
 }
@@ -109,7 +125,7 @@ void AtomicFile::write(std::string_view data)
 void AtomicFile::commit()
 {
     // mkstemp creates the file private; the result is an ordinary shared file.
-    if (::fchmod(_fd.get(), 0644) != 0 || ::fsync(_fd.get()) != 0 || !_fd.close())
+    if (::fchmod(_fd.get(), 0644) != 0 || !zo::os::syncFile(_fd.get()) || !_fd.close())
         fail(_target, "cannot write '" + _temp + "': " + systemError());
     renameInto(_temp, _target);
     _temp.clear();

@@ -3,6 +3,14 @@
 #include <utility>
 
 namespace zo::project::exception {
+namespace {
+
+std::string withReason(const std::string& message, const std::string& reason)
+{
+    return reason.empty() ? message : message + ": " + reason;
+}
+
+} // namespace
 
 // The odd spacing in some prefixes is part of the messages other programs match on.
 ProjectVFS::ProjectVFS(const std::string& message)
@@ -29,14 +37,14 @@ SwapFileAlreadyExists::SwapFileAlreadyExists(const std::string& path)
 }
 SwapFileAlreadyExists::~SwapFileAlreadyExists() = default;
 
-CreateSwapFile::CreateSwapFile(const std::string& path)
-    : ProjectVFS("Can not create swap file for: " + path)
+CreateSwapFile::CreateSwapFile(const std::string& path, const std::string& reason)
+    : ProjectVFS(withReason("Can not create swap file for: " + path, reason))
 {
 }
 CreateSwapFile::~CreateSwapFile() = default;
 
-CopySwapFile::CopySwapFile(const std::string& path, QString tempPath)
-    : ProjectVFS("Can not copy swap file for: " + path)
+CopySwapFile::CopySwapFile(const std::string& path, QString tempPath, const std::string& reason)
+    : ProjectVFS(withReason("Can not copy swap file for: " + path, reason))
     , _tempPath(std::move(tempPath))
 {
 }
@@ -47,8 +55,9 @@ QString CopySwapFile::tempPath() const
     return _tempPath;
 }
 
-OpenSwapFile::OpenSwapFile(const std::string& path, QFileDevice::FileError fileError)
-    : ProjectVFS("Can not open swap file for: " + path)
+OpenSwapFile::OpenSwapFile(
+    const std::string& path, QFileDevice::FileError fileError, const std::string& reason)
+    : ProjectVFS(withReason("Can not open swap file for: " + path, reason))
     , _fileError(fileError)
 {
 }
@@ -88,6 +97,12 @@ SwapFileRemove::SwapFileRemove(const std::string& path)
 {
 }
 SwapFileRemove::~SwapFileRemove() = default;
+
+SwapFileDamaged::SwapFileDamaged(const std::string& path)
+    : SwapFileCommit("Can not commit swap file after a failed write: " + path)
+{
+}
+SwapFileDamaged::~SwapFileDamaged() = default;
 
 SourceFileDoesNotExists::SourceFileDoesNotExists(const std::string& path)
     : SwapFileCommit("Source file does not exist for:" + path)

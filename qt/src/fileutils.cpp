@@ -1,5 +1,6 @@
 #include <zo/project/fileutils.h>
 
+#include <zo/treewalk.h>
 #include <zo/unicode.h>
 
 #include <QByteArray>
@@ -153,36 +154,9 @@ private:
     bool _entered = false;
 };
 
-struct ListingOptions {
-    bool showHidden;
-    bool recursive;
-    bool includeDirs;
-};
-
-void appendListing(const QDir& dir, const QString& prefix, const ListingOptions& options,
-    DescentPath& descent, QStringList& listing)
+QString decodedPath(std::string_view path)
 {
-    QDir::Filters filters = QDir::AllEntries | QDir::NoDotAndDotDot;
-    if (options.showHidden) {
-        filters |= QDir::Hidden;
-    }
-    for (const QString& name : dir.entryList(filters, QDir::NoSort)) {
-        const QString childPath = dir.filePath(name);
-        if (!QDir(childPath).exists()) {
-            listing.append(prefix + name);
-            continue;
-        }
-        if (options.includeDirs) {
-            listing.append(prefix + name);
-        }
-        if (options.recursive) {
-            const DescentStep step(descent, childPath);
-            if (step.entered()) {
-                appendListing(
-                    QDir(childPath), prefix + name + QLatin1Char('/'), options, descent, listing);
-            }
-        }
-    }
+    return QFile::decodeName(QByteArray(path.data(), static_cast<int>(path.size())));
 }
 
 struct FolderLimits {
@@ -195,21 +169,46 @@ struct FolderLimits {
     }
 };
 
-// Returns whether a limit was reached, which ends the whole walk at once.
-bool addFolderSize(
-    const QString& path, unsigned long long& size, unsigned int& count, const FolderLimits& limits)
+struct SizedEntry {
+    std::string name;
+    QString sortKey;
+    bool isDirectory;
+    unsigned long long size;
+};
+
+// A directory's visible entries, links left out, directories first and then by name: the
+// order decides where a limit stops the count.
+std::vector<SizedEntry> sizedEntries(const std::string& directory)
 {
-    const QFileInfoList entries = QDir(path).entryInfoList(
-        QDir::Files | QDir::AllDirs | QDir::NoDotAndDotDot, QDir::DirsFirst);
-    for (const QFileInfo& entry : entries) {
-        if (entry.isSymLink()) {
-            continue;
-        }
-        if (entry.isDir()) {
+    std::vector<SizedEntry> entries;
+    zo::os::WalkOptions options;
+    options.followLinks = false;
+    options.recursive = false;
+    zo::os::walkTree(directory, options, [&](const zo::os::WalkEntry& entry) {
+        const bool isDirectory = entry.type == zo::os::EntryType::Directory;
+        const zo::os::FileStatus* status
+            = entry.type == zo::os::EntryType::File ? entry.status() : nullptr;
+        if (isDirectory || status)
+            entries.push_back({ std::string(entry.name), decodedPath(entry.name), isDirectory,
+                status ? status->size : 0 });
+        return zo::os::WalkStep::Continue;
+    });
+    std::sort(entries.begin(), entries.end(), [](const SizedEntry& a, const SizedEntry& b) {
+        return a.isDirectory != b.isDirectory ? a.isDirectory : a.sortKey < b.sortKey;
+    });
+    return entries;
+}
+
+// Returns whether a limit was reached, which ends the whole walk at once.
+bool addFolderSize(const std::string& path, unsigned long long& size, unsigned int& count,
+    const FolderLimits& limits)
+{
+    for (const SizedEntry& entry : sizedEntries(path)) {
+        if (entry.isDirectory) {
             // A nested walk that stops leaves the totals at a limit; the test below sees it.
-            addFolderSize(entry.filePath(), size, count, limits);
+            addFolderSize(path + '/' + entry.name, size, count, limits);
         } else {
-            size += static_cast<unsigned long long>(entry.size());
+            size += entry.size;
             ++count;
         }
         if (limits.reached(size, count)) {
@@ -442,10 +441,18 @@ QStringList listDirectory(const QString& path, bool showHidden, bool recursive, 
 QStringList xListFiles(
     const QDir& dir, const QString& prefix, bool showHidden, bool recursive, bool includeDirs)
 {
-    DescentPath descent;
-    const DescentStep root(descent, dir.absolutePath());
+    zo::os::WalkOptions options;
+    options.includeHidden = showHidden;
+    options.recursive = recursive;
     QStringList listing;
-    appendListing(dir, prefix, { showHidden, recursive, includeDirs }, descent, listing);
+    zo::os::walkTree(
+        QFile::encodeName(dir.path()).toStdString(), options, [&](const zo::os::WalkEntry& entry) {
+            // Dangling links, fifos, sockets and devices are not listed.
+            if (entry.type == zo::os::EntryType::File
+                || (includeDirs && entry.type == zo::os::EntryType::Directory))
+                listing.append(prefix + decodedPath(entry.path));
+            return zo::os::WalkStep::Continue;
+        });
     return listing;
 }
 
@@ -459,7 +466,8 @@ void folderSize(const QString& path, unsigned long long* pSize, unsigned int* pC
     bool localAborted = false;
     unsigned int& count = pCount != nullptr ? *pCount : localCount;
     bool& aborted = pAborted != nullptr ? *pAborted : localAborted;
-    aborted = addFolderSize(path, *pSize, count, { maxCount, maxSize });
+    aborted = addFolderSize(
+        QFile::encodeName(path).toStdString(), *pSize, count, { maxCount, maxSize });
 }
 
 bool hasEnoughSpaceDiskToCopyTo(const QString& path, long long size, long long* pMissing)

@@ -4,7 +4,7 @@
 #include "projectvfs_impl.h"
 
 #include <zo/log.h>
-#include <zo/path.h>
+#include <zo/os.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/vfsfile.h>
@@ -14,7 +14,9 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
-#include <fstream>
+#include <chrono>
+#include <limits>
+#include <optional>
 #include <utility>
 
 namespace zo::project {
@@ -22,9 +24,9 @@ namespace {
 
 const QString kMetadataFile = QStringLiteral(".metadata");
 
-// A process whose command line reads empty is usually between fork and exec; a few more reads
-// catch it, while a zombie or kernel thread, empty for good, must not stall the caller.
-constexpr int kEmptyCommandLineReads = 100;
+// A process that started up to this long after a swap file was last modified may still be the
+// one that wrote it: clock ticks and coarse file times blur both by some milliseconds.
+constexpr std::chrono::milliseconds kStartTolerance(500);
 
 std::string programName()
 {
@@ -32,6 +34,14 @@ std::string programName()
     if (arguments.isEmpty())
         qFatal("Crash recovery needs a QCoreApplication with its command line");
     return QFileInfo(arguments.first()).baseName().toStdString();
+}
+
+// Without an application object any running process counts as the owner, so that nothing is
+// taken from a process that may still use it.
+std::string programNameIfKnown()
+{
+    const bool known = QCoreApplication::instance() && !QCoreApplication::arguments().isEmpty();
+    return known ? programName() : std::string();
 }
 
 void logStillRunning(const ProjectVFS::RecoverableInfo& info)
@@ -46,6 +56,7 @@ void logStillRunning(const ProjectVFS::RecoverableInfo& info)
 ProjectVFS::ProjectVFS(const QString& path)
     : _impl(std::make_shared<detail::ProjectVFS_Impl>(path))
 {
+    xRestoreInterruptedCommits();
 }
 
 ProjectVFS::ProjectVFS(ProjectVFS&& other) noexcept = default;
@@ -136,7 +147,8 @@ std::unique_ptr<VFSFile> ProjectVFS::open(const QString& path, QIODevice::OpenMo
 {
     auto handle = file(path);
     if (!handle->open(mode))
-        throw exception::OpenSwapFile(path.toStdString(), handle->error());
+        throw exception::OpenSwapFile(
+            path.toStdString(), handle->error(), handle->errorString().toStdString());
     return handle;
 }
 
@@ -167,6 +179,7 @@ void ProjectVFS::setPath(const QString& path)
     if (path == _impl->path() || !_impl->exists(path))
         throw exception::ProjectPathDoesNotExists(path.toStdString());
     _impl->setPath(path);
+    xRestoreInterruptedCommits();
 }
 
 bool ProjectVFS::exists(const QString& path) const
@@ -238,12 +251,17 @@ void ProjectVFS::remove(const QString& path)
         impl->remove(*file(path));
         return;
     }
+    // A link, to a directory too, goes as a link: a walk from it would empty its target.
+    const QString absolute = impl->absoluteFilePath(QDir::cleanPath(path));
+    if (QFileInfo(absolute).isSymLink()) {
+        zo::project::remove(absolute);
+        return;
+    }
 
     // Files are removed with their swap files first. The walk does not follow symbolic links,
     // so nothing outside the tree is reached through one; links themselves go with the tree.
     bool allRemoved = true;
-    const QString root = impl->filePath(path);
-    QDirIterator files(root, QDir::Files | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    QDirIterator files(absolute, QDir::Files | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
     while (files.hasNext()) {
         const QString entry = impl->relativeFilePath(files.next());
         try {
@@ -254,7 +272,6 @@ void ProjectVFS::remove(const QString& path)
         }
     }
 
-    const QString absolute = impl->absoluteFilePath(path);
     if (!allRemoved || QFileInfo(absolute).isDir())
         zo::project::remove(absolute);
 }
@@ -289,10 +306,13 @@ std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
             const QRegularExpressionMatch match = swapName.match(name);
             if (!match.hasMatch())
                 continue;
-            // An id that does not fit in 16 bits parses as 0, which never counts as running.
+            // An id too large for any process parses as 0, which never counts as running.
+            bool parsed = false;
+            const qlonglong id = match.captured(2).toLongLong(&parsed);
+            const bool fits = parsed && id <= std::numeric_limits<pid_t>::max();
             found.push_back({ _impl->relativeFilePath(dir.filePath(name)),
                 _impl->relativeFilePath(dir.filePath(match.captured(1))),
-                match.captured(2).toUShort() });
+                fits ? static_cast<pid_t>(id) : 0 });
         }
     }
     return found;
@@ -305,12 +325,18 @@ void ProjectVFS::recoverFile(const RecoverableInfo& info)
     QFile swap(impl->absoluteFilePath(info.swapPath));
 
     bool transferred;
-    if (isProcessRunning(info.pid, programName())) {
+    if (isOwnerRunning(info, programName())) {
         // The owner still works on its file; take a copy and leave its swap file alone.
         logStillRunning(info);
         transferred = swap.copy(newSwap);
     } else {
         transferred = swap.rename(newSwap);
+        // The moved file keeps the time of its dead owner's last write, from before this
+        // process started; stamped now, it names this process as its live owner.
+        if (transferred && swap.open(QIODevice::ReadWrite)) {
+            swap.setFileTime(QDateTime::currentDateTimeUtc(), QFileDevice::FileModificationTime);
+            swap.close();
+        }
     }
     if (!transferred)
         throw exception::SwapFileRename(impl->relativeFilePath(info.swapPath).toStdString());
@@ -319,7 +345,7 @@ void ProjectVFS::recoverFile(const RecoverableInfo& info)
 
 void ProjectVFS::abandonFile(const RecoverableInfo& info)
 {
-    if (isProcessRunning(info.pid, programName())) {
+    if (isOwnerRunning(info, programName())) {
         logStillRunning(info);
         return;
     }
@@ -327,23 +353,56 @@ void ProjectVFS::abandonFile(const RecoverableInfo& info)
         throw exception::SwapFileRemove(info.swapPath.toStdString());
 }
 
-// The first whitespace-delimited token of the command line, NUL separators and all, is
-// compared by its last path component with the program's name.
-bool ProjectVFS::isProcessRunning(int pid, const std::string& programName)
+// A commit killed between its two renames leaves no source: the old content is in the backup
+// and the new one in the swap file. The backup is put back so that abandoning the swap file
+// loses nothing; a swap file of a live owner may belong to a commit in progress and is left
+// to it. A file that merely ends like a backup has no swap file and is never touched.
+void ProjectVFS::xRestoreInterruptedCommits()
 {
-    if (pid <= 0)
-        return false;
-    const std::string commandLinePath = "/proc/" + std::to_string(pid) + "/cmdline";
-    std::string token;
-    for (int read = 0; read < kEmptyCommandLineReads && token.empty(); ++read) {
-        std::ifstream commandLine(commandLinePath, std::ios::binary);
-        if (!commandLine)
-            return false;
-        if (programName.empty())
-            return true;
-        commandLine >> token;
+    const std::string program = programNameIfKnown();
+    for (const RecoverableInfo& info : recoverableFiles()) {
+        const QString source = _impl->absoluteFilePath(info.sourcePath);
+        const QString backup = _impl->makeBackupPath(source);
+        const QFileInfo sourceInfo(source);
+        const QFileInfo backupInfo(backup);
+        if (sourceInfo.exists() || sourceInfo.isSymLink()
+            || !(backupInfo.exists() || backupInfo.isSymLink()) || isOwnerRunning(info, program))
+            continue;
+        const std::string names = "'" + _impl->relativeFilePath(backup).toStdString() + "' to '"
+            + info.sourcePath.toStdString() + "'";
+        if (QFile::rename(backup, source))
+            zo::log::log(detail::kFacadeLog, zo::log::Info,
+                "Renamed the backup " + names + " after an interrupted commit");
+        else
+            zo::log::log(detail::kFacadeLog, zo::log::Warning,
+                "Can not rename the backup " + names + " after an interrupted commit");
     }
-    return zo::Path(token).filename() == programName;
+}
+
+bool ProjectVFS::isOwnerRunning(const RecoverableInfo& info, const std::string& programName) const
+{
+    return isProcessRunning(
+        info.pid, programName, QFileInfo(_impl->absoluteFilePath(info.swapPath)).lastModified());
+}
+
+// The first word of the command line is compared as the application's own name is taken, by
+// its base name, so that "/usr/bin/name", "name" and "name --option" all match.
+bool ProjectVFS::isProcessRunning(
+    pid_t pid, const std::string& programName, const QDateTime& swapModified)
+{
+    const std::optional<zo::os::Process> process = zo::os::findProcess(pid);
+    if (!process)
+        return false;
+    if (swapModified.isValid()) {
+        const std::chrono::system_clock::time_point modified(
+            std::chrono::milliseconds(swapModified.toMSecsSinceEpoch()));
+        if (process->started > modified + kStartTolerance)
+            return false;
+    }
+    if (programName.empty())
+        return true;
+    const QString program = QFile::decodeName(QByteArray::fromStdString(process->program));
+    return QFileInfo(program).baseName().toStdString() == programName;
 }
 
 } // namespace zo::project

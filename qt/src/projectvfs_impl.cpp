@@ -10,6 +10,7 @@
 
 #include <QCoreApplication>
 #include <QFileInfo>
+#include <QSaveFile>
 
 namespace zo::project::detail {
 namespace {
@@ -22,14 +23,54 @@ std::string utf8(const QString& text)
     return text.toStdString();
 }
 
+QByteArray encoded(const QString& path)
+{
+    return QFile::encodeName(path);
+}
+
 bool syncFile(const QString& path)
 {
-    return zo::os::sync(QFile::encodeName(path).constData());
+    return zo::os::syncFile(encoded(path).constData());
 }
 
 bool syncParentDirectory(const QString& path)
 {
-    return syncFile(QFileInfo(path).absolutePath());
+    return zo::os::syncDirectory(encoded(QFileInfo(path).absolutePath()).constData());
+}
+
+bool renameFile(const QString& from, const QString& to)
+{
+    return zo::os::rename(encoded(from).constData(), encoded(to).constData());
+}
+
+// Anything under that name, a dangling link included.
+bool isOnDisk(const QString& path)
+{
+    const QFileInfo info(path);
+    return info.exists() || info.isSymLink();
+}
+
+constexpr qint64 kCopyBlockSize = 1024 * 1024;
+
+// Copies source to target through a file that gets its name only once it is complete, so that
+// neither a failure nor a crash leaves a short swap file behind. Returns why it failed, or an
+// empty text.
+QString copyToNewFile(const QString& source, const QString& target)
+{
+    QFile in(source);
+    if (!in.open(QIODevice::ReadOnly))
+        return in.errorString();
+    QSaveFile out(target);
+    // The permissions are set before any content, so that a private file stays private.
+    if (!out.open(QIODevice::WriteOnly) || !out.setPermissions(in.permissions()))
+        return out.errorString();
+    for (QByteArray block; !(block = in.read(kCopyBlockSize)).isEmpty();) {
+        if (out.write(block) != block.size())
+            return out.errorString();
+    }
+    if (in.error() != QFileDevice::NoError)
+        return in.errorString();
+    return out.commit() ? QString() : out.errorString();
 }
 
 } // namespace
@@ -76,6 +117,8 @@ void ProjectVFS_Impl::addEntry(const QString& path, const QString& swapPath)
 
 ProjectVFS_Impl::Entries::iterator ProjectVFS_Impl::removeEntry(const Entries::iterator& it)
 {
+    if (it != _entries.end())
+        _damaged.remove(it.key());
     const auto next = it == _entries.end() ? it : _entries.erase(it);
     if (_entries.isEmpty())
         notCommittedChanged(false);
@@ -89,8 +132,23 @@ void ProjectVFS_Impl::removeEntry(const QString& path)
 
 void ProjectVFS_Impl::moveEntry(const VFSFile& file, const QString& oldPath)
 {
+    const bool damaged = _damaged.contains(oldPath);
     removeEntry(oldPath);
-    addEntry(file.fileName(), filePath(file.swapName()));
+    addEntry(file.fileName(), absoluteFilePath(file.swapName()));
+    if (damaged)
+        _damaged.insert(file.fileName());
+}
+
+void ProjectVFS_Impl::markDamaged(const QString& path)
+{
+    if (_entries.contains(path))
+        _damaged.insert(path);
+}
+
+void ProjectVFS_Impl::throwIfDamaged(const QString& path) const
+{
+    if (_damaged.contains(path))
+        throw exception::SwapFileDamaged(utf8(path));
 }
 
 QString ProjectVFS_Impl::currentPath(const QString& path) const
@@ -123,19 +181,19 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
     if (known != _entries.cend())
         return known.value();
 
-    const QString source = filePath(path);
-    const QString swap = filePath(swapPath);
+    const QString source = absoluteFilePath(path);
+    const QString swap = absoluteFilePath(swapPath);
     if (QFile::exists(swap))
         throw exception::SwapFileAlreadyExists(utf8(path));
 
     if (QFile::exists(source)) {
-        // QFile::copy writes a temporary file and renames it, so a failure leaves no partial swap.
-        if (!QFile::copy(source, swap))
-            throw exception::CopySwapFile(utf8(path), swap);
+        const QString failure = copyToNewFile(source, swap);
+        if (!failure.isEmpty())
+            throw exception::CopySwapFile(utf8(path), swap, utf8(failure));
     } else {
         QFile created(swap);
         if (!created.open(QIODevice::WriteOnly | QIODevice::Truncate))
-            throw exception::CreateSwapFile(utf8(path));
+            throw exception::CreateSwapFile(utf8(path), utf8(created.errorString()));
         created.close();
     }
     addEntry(path, swap);
@@ -144,40 +202,47 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
 
 // Commit protocol. Until the swap file has replaced the source, the old content is always on
 // disk as the source or as its backup, and the new content as the swap file; the backup is
-// removed only once the new content is in place and the renames are durable.
-void ProjectVFS_Impl::commitFile(const QString& source, const QString& swapName)
+// removed only once the new content is in place and the renames are durable. A step that fails
+// undoes the ones before it, so that the entry still matches a swap file on disk.
+void ProjectVFS_Impl::commitFile(const QString& source, const QString& swap)
 {
-    QFile file(source);
     const QString backup = makeBackupPath(source);
 
     // A leftover backup of an interrupted commit whose source is back in place. Removing it
     // stops this commit on purpose; an unremovable one is tolerated.
-    if (exists(backup) && exists(source) && QDir::remove(backup))
+    if (QFileInfo::exists(backup) && QFileInfo::exists(source) && QFile::remove(backup))
         throw exception::SourceFileBackupRemove(utf8(relativeFilePath(backup)));
 
-    if (file.exists() && !file.rename(backup))
-        throw exception::SourceFileRename(utf8(source));
+    const bool swapExists = QFileInfo::exists(swap);
+    // The swap data must reach the disk before the rename does: otherwise a crash could leave
+    // the new name on an empty or partial file while the backup is already gone.
+    if (swapExists && !syncFile(swap))
+        throw exception::SwapFileRename(utf8(relativeFilePath(source)));
 
-    if (exists(swapName)) {
-        const QString swap = filePath(swapName);
-        // The swap data must reach the disk before the rename does: otherwise a crash could
-        // leave the new name on an empty or partial file while the backup is already gone.
-        if (!syncFile(swap) || !QFile::rename(swap, source)) {
-            file.rename(absoluteFilePath(source));
+    // A link in the source's place is moved aside and replaced as it is, never followed.
+    const bool backedUp = isOnDisk(source);
+    if (backedUp && !renameFile(source, backup))
+        throw exception::SourceFileRename(utf8(source));
+    const auto restoreSource = [&] {
+        if (backedUp)
+            renameFile(backup, source);
+    };
+
+    if (swapExists) {
+        if (!renameFile(swap, source)) {
+            restoreSource();
             throw exception::SwapFileRename(utf8(relativeFilePath(source)));
         }
-        // Both renames must be durable before the backup goes; if they cannot be made so,
-        // undo them so that the table's entry still matches a swap file on disk.
         if (!syncParentDirectory(source)) {
-            QFile::rename(source, swap);
-            file.rename(absoluteFilePath(source));
+            renameFile(source, swap);
+            restoreSource();
             throw exception::SwapFileRename(utf8(relativeFilePath(source)));
         }
     } else {
-        zo::log::log(
-            kEngineLog, zo::log::Warning, "A swap file doesn't exist anymore: " + utf8(swapName));
+        zo::log::log(kEngineLog, zo::log::Warning,
+            "A swap file doesn't exist anymore: " + utf8(relativeFilePath(swap)));
     }
-    QDir::remove(backup);
+    QFile::remove(backup);
 }
 
 void ProjectVFS_Impl::commit(VFSFile& file)
@@ -188,15 +253,18 @@ void ProjectVFS_Impl::commit(VFSFile& file)
             return;
         throw exception::SourceFileDoesNotExists(utf8(name));
     }
+    // Closing flushes, which may still fail and damage the entry.
     file.close();
-    commitFile(absoluteFilePath(name), file.swapName());
+    throwIfDamaged(name);
+    commitFile(absoluteFilePath(name), _entries.value(name));
     removeEntry(name);
 }
 
 void ProjectVFS_Impl::commitAll()
 {
     for (auto it = _entries.begin(); it != _entries.end();) {
-        commitFile(filePath(it.key()), makeSwapPath(it.key()));
+        throwIfDamaged(it.key());
+        commitFile(absoluteFilePath(it.key()), it.value());
         it = _entries.erase(it);
     }
 }
@@ -204,15 +272,18 @@ void ProjectVFS_Impl::commitAll()
 void ProjectVFS_Impl::discardAll()
 {
     for (const QString& swap : qAsConst(_entries))
-        QDir::remove(swap);
+        QFile::remove(swap);
     _entries.clear();
+    _damaged.clear();
 }
 
 void ProjectVFS_Impl::updateFromSource(const QString& path)
 {
     const auto it = _entries.constFind(path);
-    if (it != _entries.cend())
-        zo::project::copy(filePath(it.key()), it.value(), true);
+    if (it == _entries.cend())
+        return;
+    zo::project::copy(absoluteFilePath(it.key()), it.value(), true);
+    _damaged.remove(path);
 }
 
 void ProjectVFS_Impl::discard(VFSFile& file)
@@ -220,20 +291,21 @@ void ProjectVFS_Impl::discard(VFSFile& file)
     const auto it = _entries.find(file.fileName());
     if (it == _entries.end())
         return;
-    QDir::remove(it.value());
+    QFile::remove(it.value());
     removeEntry(it);
 }
 
 void ProjectVFS_Impl::remove(VFSFile& file)
 {
     const QString name = file.fileName();
-    if (exists(name) && !QDir::remove(name))
+    // A link goes as a link: QFile::remove unlinks the name, never what it points to.
+    if (isOnDisk(absoluteFilePath(name)) && !QFile::remove(absoluteFilePath(name)))
         throw IOWriteError(utf8(QStringLiteral("Can not remove file %1").arg(name)));
 
     const QString swap = file.swapName();
     if (!exists(swap))
         return;
-    if (!QDir::remove(swap))
+    if (!QFile::remove(absoluteFilePath(swap)))
         throw IOWriteError(utf8(QStringLiteral("Can not remove swap file %1").arg(swap)));
     removeEntry(name);
 }
@@ -244,9 +316,12 @@ void ProjectVFS_Impl::copy(VFSFile& file, const QString& newPath, bool overwrite
     if (!overwrite && hasFile(newPath))
         throw AlreadyExists(utf8(newPath));
 
-    const QString to = filePath(makeSwapPath(newPath));
+    const QString to = absoluteFilePath(makeSwapPath(newPath));
     zo::project::copy(from, to, overwrite);
     addEntry(newPath, to);
+    // The copy holds what the damaged swap file holds.
+    if (_damaged.contains(file.fileName()))
+        _damaged.insert(newPath);
 }
 
 void ProjectVFS_Impl::move(VFSFile& file, const QString& newPath, bool overwrite)

@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QIODevice>
 #include <QMap>
+#include <QSet>
 #include <QString>
 
 #include <cstdio>
@@ -37,6 +38,10 @@ public:
     // Called with true when the table gains its only entry and with false whenever a removal
     // leaves it empty; both may repeat. Must never be empty.
     std::function<void(bool)> notCommittedChanged;
+
+    // A handle whose write, flush or close failed left its swap file short of what was written;
+    // the entry cannot be committed until it is discarded or refreshed from its source.
+    void markDamaged(const QString& path);
 
     // The pending paths as given, in order.
     QStringList pendingPaths() const { return _entries.keys(); }
@@ -73,10 +78,14 @@ private:
     using Entries = QMap<QString, QString>;
 
     Entries::iterator removeEntry(const Entries::iterator& it);
-    void commitFile(const QString& source, const QString& swapName);
+    // Both paths absolute.
+    void commitFile(const QString& source, const QString& swap);
 
-    // Key: the file's path as given; value: its swap file joined to the root.
+    void throwIfDamaged(const QString& path) const;
+
+    // Key: the file's path as given; value: its swap file, absolute.
     Entries _entries;
+    QSet<QString> _damaged;
     QString _swapExt;
     QString _bckExt;
 };

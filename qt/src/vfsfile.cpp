@@ -17,7 +17,11 @@ VFSFile::VFSFile(std::shared_ptr<detail::ProjectVFS_Impl> impl, const QString& p
 {
 }
 
-VFSFile::~VFSFile() = default;
+VFSFile::~VFSFile()
+{
+    // Here, and not in the base's destructor, so that a failed final flush is noticed.
+    close();
+}
 
 bool VFSFile::open(QIODevice::OpenMode mode)
 {
@@ -34,8 +38,25 @@ bool VFSFile::open(QIODevice::OpenMode mode)
     } else {
         _opened = &VFSFile::_fileName;
     }
-    setFileName(_impl->filePath(openedPath()));
+    setFileName(_impl->absoluteFilePath(openedPath()));
     return QFile::open(mode);
+}
+
+void VFSFile::close()
+{
+    const bool writing = isOpen() && isWritable();
+    QFile::close();
+    // A close that flushed and closed cleanly clears the error; one still set means it failed.
+    if (writing && error() != QFileDevice::NoError)
+        _impl->markDamaged(_fileName);
+}
+
+qint64 VFSFile::writeData(const char* data, qint64 length)
+{
+    const qint64 written = QFile::writeData(data, length);
+    if (written != length)
+        _impl->markDamaged(_fileName);
+    return written;
 }
 
 FILE* VFSFile::fopen(const QString& mode)

@@ -153,7 +153,7 @@ TEST_F(Engine, CreateSwapFileCopiesOrCreatesOnceAndReportsFailures)
         engine->createSwapFile("folder", engine->makeSwapPath("folder"));
         ADD_FAILURE() << "no exception";
     } catch (const exception::CopySwapFile& e) {
-        EXPECT_STREQ(e.what(), "Can not copy swap file for: folder");
+        EXPECT_STREQ(e.what(), "Can not copy swap file for: folder: file to open is a directory");
         EXPECT_EQ(e.tempPath(), swapOf("folder"));
     }
 

@@ -105,7 +105,8 @@ TEST_F(Facade, OpenFailureIsReportedWithThePath)
 {
     writeFile(swapOf("taken.txt"), "someone else's");
     EXPECT_EQ(thrownBy([&] { vfs.open("taken.txt", QIODevice::WriteOnly); }),
-        "exception::OpenSwapFile: Can not open swap file for: taken.txt");
+        "exception::OpenSwapFile: Can not open swap file for: taken.txt: A swap file already "
+        "exists for: taken.txt");
     EXPECT_THROW(vfs.open("absent.txt", QIODevice::ReadOnly), exception::OpenSwapFile);
     EXPECT_THROW(vfs.fopen("absent.txt", "r"), exception::OpenSwapFile);
     EXPECT_FALSE(vfs.isNotCommitted());

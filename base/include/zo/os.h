@@ -2,8 +2,12 @@
 
 #include <zo/zo_export.h>
 
+#include <chrono>
 #include <cstdio>
 #include <initializer_list>
+#include <optional>
+#include <string>
+#include <sys/types.h>
 
 namespace zo::os {
 
@@ -12,9 +16,29 @@ ZO_EXPORT int getpid();
 // Opens a C stream on a UTF-8 path; null on failure, with errno set by the C library.
 ZO_EXPORT FILE* fopen(const char* path, const char* mode);
 
-// Flushes a file or a directory named by a UTF-8 path to the disk (fsync); false on failure,
-// with errno set.
-ZO_EXPORT bool sync(const char* path);
+// The durability steps of an atomic replacement; each returns false with errno set. A test can
+// make any of them fail on purpose through zo/fault.h.
+//
+// Flushes the data of a file, named by a UTF-8 path or open, to the disk (fsync).
+ZO_EXPORT bool syncFile(const char* path);
+ZO_EXPORT bool syncFile(int descriptor);
+// Flushes a directory, so that the renames and removals in it survive a crash.
+ZO_EXPORT bool syncDirectory(const char* path);
+// Renames from to to, replacing what to names (a link there is replaced, never followed).
+ZO_EXPORT bool rename(const char* from, const char* to);
+
+// A process as the system shows it.
+struct Process {
+    // The first NUL- or blank-delimited word of its command line: the program as it was
+    // started, with or without a directory. Empty for a process without a command line (a
+    // zombie, a kernel thread).
+    std::string program;
+    // When it started, by the system clock, to the kernel's clock tick.
+    std::chrono::system_clock::time_point started;
+};
+
+// The process with this id; none when there is none.
+ZO_EXPORT std::optional<Process> findProcess(pid_t pid);
 
 // Turns the given signals (SIGINT, SIGTERM, ...) into bytes on a pipe, for an event loop to
 // watch: each delivery writes the signal's number as one byte. Returns the pipe's read end,

@@ -9,8 +9,8 @@
 #include <string>
 
 // Errors of the swap-file engine and its facade. Each message is a fixed prefix followed by
-// the path concerned; catch the whole family as exception::ProjectVFS and the commit failures
-// as exception::SwapFileCommit.
+// the path concerned and, where the system gave one, ": " and the reason; catch the whole family
+// as exception::ProjectVFS and the commit failures as exception::SwapFileCommit.
 namespace zo::project::exception {
 
 class ZOPROJECTQT_EXPORT ProjectVFS : public std::runtime_error {
@@ -40,13 +40,13 @@ public:
 
 class ZOPROJECTQT_EXPORT CreateSwapFile : public ProjectVFS {
 public:
-    explicit CreateSwapFile(const std::string& path);
+    explicit CreateSwapFile(const std::string& path, const std::string& reason = {});
     ~CreateSwapFile() override;
 };
 
 class ZOPROJECTQT_EXPORT CopySwapFile : public ProjectVFS {
 public:
-    CopySwapFile(const std::string& path, QString tempPath);
+    CopySwapFile(const std::string& path, QString tempPath, const std::string& reason = {});
     ~CopySwapFile() override;
 
     // The swap file that could not be written.
@@ -58,7 +58,8 @@ private:
 
 class ZOPROJECTQT_EXPORT OpenSwapFile : public ProjectVFS {
 public:
-    OpenSwapFile(const std::string& path, QFileDevice::FileError fileError);
+    OpenSwapFile(
+        const std::string& path, QFileDevice::FileError fileError, const std::string& reason = {});
     ~OpenSwapFile() override;
 
     QFileDevice::FileError fileError();
@@ -96,6 +97,14 @@ class ZOPROJECTQT_EXPORT SwapFileRemove : public SwapFileCommit {
 public:
     explicit SwapFileRemove(const std::string& path);
     ~SwapFileRemove() override;
+};
+
+// A write, flush or close of the swap file failed, so it may hold less than was written; the
+// source and the swap file are left as they are until the change is discarded.
+class ZOPROJECTQT_EXPORT SwapFileDamaged : public SwapFileCommit {
+public:
+    explicit SwapFileDamaged(const std::string& path);
+    ~SwapFileDamaged() override;
 };
 
 class ZOPROJECTQT_EXPORT SourceFileDoesNotExists : public SwapFileCommit {

@@ -2,6 +2,7 @@
 
 #include <zo/project/zoprojectqt_export.h>
 
+#include <QDateTime>
 #include <QIODevice>
 #include <QString>
 #include <QStringList>
@@ -10,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace zo::project {
@@ -21,7 +23,8 @@ class ProjectVFS_Impl;
 
 // A project directory edited through swap files: nothing written through it reaches a project
 // file before commit(). Swap files left by crashed processes are found by recoverableFiles()
-// and taken over or dropped with recoverFile() and abandonFile().
+// and taken over or dropped with recoverFile() and abandonFile(). Opening a project (and
+// setPath) puts back the source of a commit that was killed between its two renames.
 //
 // Handles returned by file() and open() share the engine state and stay valid after the
 // ProjectVFS is gone. Use from one thread.
@@ -31,7 +34,7 @@ public:
     struct RecoverableInfo {
         QString swapPath;
         QString sourcePath;
-        unsigned short pid; // 0 when the name's process id does not fit
+        pid_t pid; // 0 when the name's process id does not fit
     };
 
     explicit ProjectVFS(const QString& path);
@@ -98,7 +101,13 @@ public:
     void abandonFile(const RecoverableInfo& info);
 
 private:
-    static bool isProcessRunning(int pid, const std::string& programName);
+    // Whether the process that made a swap file last modified at swapModified still runs: a
+    // process of that id which started later only reused it. An empty programName accepts any
+    // program; an invalid time skips the test of the start.
+    static bool isProcessRunning(
+        pid_t pid, const std::string& programName, const QDateTime& swapModified);
+    bool isOwnerRunning(const RecoverableInfo& info, const std::string& programName) const;
+    void xRestoreInterruptedCommits();
 
     std::shared_ptr<detail::ProjectVFS_Impl> _impl;
 };

@@ -26,6 +26,10 @@ public:
     // A failure to prepare the swap file gives false with the reason as errorString().
     bool open(QIODevice::OpenMode mode) override;
 
+    // A failed flush or close of the swap file marks the change as damaged: it can then only be
+    // discarded (commit throws exception::SwapFileDamaged).
+    void close() override;
+
     // The same choice as open(), as a C stream the caller owns; null on failure.
     FILE* fopen(const QString& mode);
 
@@ -45,6 +49,10 @@ public:
     void commit();
     void discard();
     void remove();
+
+protected:
+    // A write that fails marks the change as damaged, as a failed close does.
+    qint64 writeData(const char* data, qint64 length) override;
 
 private:
     std::shared_ptr<detail::ProjectVFS_Impl> _impl;
