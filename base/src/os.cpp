@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
@@ -100,6 +101,17 @@ std::optional<std::chrono::system_clock::time_point> startOf(pid_t pid)
             sinceEpochOf(CLOCK_REALTIME) - age));
 }
 
+int signalPipeWriteEnd = -1;
+
+void writeSignalNumber(int signalNumber)
+{
+    const int savedErrno = errno;
+    const char byte = static_cast<char>(signalNumber);
+    // A full pipe already holds enough to wake the reader.
+    [[maybe_unused]] const ssize_t written = ::write(signalPipeWriteEnd, &byte, 1);
+    errno = savedErrno;
+}
+
 } // namespace
 
 int getpid()
@@ -160,4 +172,26 @@ void clear()
 }
 
 } // namespace fault
+
+int signalPipe(std::initializer_list<int> signalNumbers)
+{
+    static int readEnd = -1;
+    if (readEnd < 0) {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+            return -1;
+        readEnd = ends[0];
+        signalPipeWriteEnd = ends[1];
+    }
+    struct sigaction action { };
+    action.sa_handler = writeSignalNumber;
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    for (const int signalNumber : signalNumbers) {
+        if (::sigaction(signalNumber, &action, nullptr) != 0)
+            return -1;
+    }
+    return readEnd;
+}
+
 } // namespace zo::os

@@ -14,14 +14,6 @@
 namespace zo::os {
 namespace {
 
-FileStatus fileStatusOf(const struct stat& status)
-{
-    return FileStatus { static_cast<std::uint64_t>(status.st_size),
-        static_cast<std::int64_t>(status.st_mtim.tv_sec),
-        static_cast<std::int32_t>(status.st_mtim.tv_nsec),
-        static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino) };
-}
-
 EntryType typeOfMode(mode_t mode)
 {
     if (S_ISREG(mode))
@@ -31,6 +23,14 @@ EntryType typeOfMode(mode_t mode)
     if (S_ISLNK(mode))
         return EntryType::Link;
     return EntryType::Other;
+}
+
+FileStatus fileStatusOf(const struct stat& status)
+{
+    return FileStatus { typeOfMode(status.st_mode), static_cast<std::uint64_t>(status.st_size),
+        static_cast<std::int64_t>(status.st_mtim.tv_sec),
+        static_cast<std::int32_t>(status.st_mtim.tv_nsec),
+        static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino) };
 }
 
 std::optional<FileStatus> statAt(int directory, const char* name, bool followLinks)
@@ -131,29 +131,24 @@ private:
             case DT_LNK:
                 isLink = true;
                 break;
-            case DT_UNKNOWN: {
-                // Some file systems do not fill d_type.
-                struct stat status { };
-                if (::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            case DT_UNKNOWN: // some file systems do not fill d_type
+                knownStatus = statAt(directory, name, false);
+                if (!knownStatus) {
                     reportError(errno);
                     continue;
                 }
-                isLink = S_ISLNK(status.st_mode);
-                type = typeOfMode(status.st_mode);
-                knownStatus = fileStatusOf(status);
+                isLink = knownStatus->type == EntryType::Link;
+                type = knownStatus->type;
                 break;
-            }
             default:
                 break;
             }
             if (isLink) {
                 type = EntryType::Link;
                 if (_options.followLinks) {
-                    struct stat target { };
-                    if (::fstatat(directory, name, &target, 0) == 0) {
-                        type = typeOfMode(target.st_mode);
-                        knownStatus = fileStatusOf(target);
-                    }
+                    knownStatus = statAt(directory, name, true);
+                    if (knownStatus)
+                        type = knownStatus->type;
                 }
             }
 

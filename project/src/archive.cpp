@@ -146,7 +146,8 @@ void exportTree(const std::string& source, const std::string& destination)
     TreeGuard guard(temp);
     const UniqueFd root = openDirectory(temp);
     const Inode skip = inodeOf(root.get(), destination);
-    unpack([&] { return std::make_unique<TreeReader>(source, skip); }, root.get(), destination);
+    TreeReader reader(source, skip);
+    unpack(reader, root.get(), destination);
     const auto status = statusOf(source);
     if (!status || ::fchmod(root.get(), status->st_mode & 0777) != 0)
         fail(destination, "cannot copy the mode of '" + source + "': " + systemError());
@@ -164,7 +165,7 @@ void importProject(const std::string& source, const std::string& destination, Ar
     Destination target(destination);
     if (resolved == ArchiveFormat::Directory)
         requireApart(source, destination);
-    unpack([&] { return openReader(source, resolved); }, target.fd(), source);
+    unpack(*openReader(source, resolved), target.fd(), source);
     target.keep();
 }
 

@@ -4,23 +4,38 @@
 #include "libarchive.h"
 
 #include <algorithm>
-#include <string_view>
 
 namespace zo::project::internal {
 namespace {
 
-// The components of a "/"-separated path without empty and "." ones.
-std::vector<std::string> components(std::string_view path)
+// Calls visit with each component of a "/"-separated path, empty and "." ones left out.
+template <typename Visit> void forEachComponent(std::string_view path, Visit&& visit)
 {
-    std::vector<std::string> parts;
     while (!path.empty()) {
-        const auto slash = std::min(path.find('/'), path.size());
+        const size_t slash = std::min(path.find('/'), path.size());
         const std::string_view part = path.substr(0, slash);
         if (!part.empty() && part != ".")
-            parts.emplace_back(part);
+            visit(part);
         path.remove_prefix(std::min(slash + 1, path.size()));
     }
-    return parts;
+}
+
+// Whether name has no empty, "." or ".." component. Most names are plain already; deep trees
+// make long ones of many short components, which one pass over the bytes checks quickly.
+bool isPlain(std::string_view name)
+{
+    size_t start = 0;
+    for (size_t end = 0; end <= name.size(); ++end) {
+        if (end < name.size() && name[end] != '/')
+            continue;
+        const size_t length = end - start;
+        const bool dots
+            = length <= 2 && name[start] == '.' && (length == 1 || name[start + 1] == '.');
+        if (length == 0 || dots)
+            return name.empty();
+        start = end + 1;
+    }
+    return true;
 }
 
 // A link may climb with leading ".." no higher than the destination. Once it has descended,
@@ -36,34 +51,59 @@ void checkLinkTarget(archive_entry* entry, size_t depth, const std::string& arch
         refuse("is refused: its target must be a relative path");
     size_t climbed = 0;
     bool descended = false;
-    for (const std::string& part : components(target)) {
+    forEachComponent(target, [&](std::string_view part) {
         if (part != "..")
             descended = true;
         else if (descended || ++climbed > depth)
             refuse("is refused: it may lead outside the destination");
-    }
+    });
 }
 
 } // namespace
 
-std::vector<std::string> checkEntry(archive_entry* entry, const std::string& archive)
+std::optional<std::string> nameBelow(std::string_view name)
+{
+    if (!name.empty() && name.front() == '/')
+        return std::nullopt;
+    while (!name.empty() && name.back() == '/')
+        name.remove_suffix(1);
+    if (isPlain(name))
+        return std::string(name);
+    std::string below;
+    bool climbs = false;
+    forEachComponent(name, [&](std::string_view part) {
+        climbs = climbs || part == "..";
+        below.append(below.empty() ? "" : "/").append(part);
+    });
+    if (climbs)
+        return std::nullopt;
+    return below;
+}
+
+std::string checkEntry(archive_entry* entry, const std::string& archive)
 {
     const std::string name = entryName(entry);
     const auto refuse = [&](const std::string& reason) { failEntry(archive, name, reason); };
     if (!name.empty() && name.front() == '/')
         refuse("absolute names are refused");
-    std::vector<std::string> parts = components(name);
-    if (std::find(parts.begin(), parts.end(), "..") != parts.end())
+    std::optional<std::string> below = nameBelow(name);
+    if (!below)
         refuse("names with '..' are refused");
-    if (archive_entry_hardlink(entry) != nullptr)
-        refuse("hard links are refused");
+    if (const char* target = archive_entry_hardlink(entry)) {
+        const std::optional<std::string> targetBelow = nameBelow(target);
+        if (!targetBelow || targetBelow->empty() || below->empty())
+            refuse(std::string("hard link to '") + target
+                + "' is refused: it must name an earlier file of the archive");
+        return *below;
+    }
     switch (archive_entry_filetype(entry)) {
     case AE_IFDIR:
-        return parts;
+        return *below;
     case AE_IFREG:
         break;
     case AE_IFLNK:
-        checkLinkTarget(entry, parts.empty() ? 0 : parts.size() - 1, archive);
+        checkLinkTarget(
+            entry, static_cast<size_t>(std::count(below->begin(), below->end(), '/')), archive);
         break;
     case AE_IFCHR:
     case AE_IFBLK:
@@ -75,9 +115,9 @@ std::vector<std::string> checkEntry(archive_entry* entry, const std::string& arc
     default:
         refuse("only files, directories and symbolic links are accepted");
     }
-    if (parts.empty())
+    if (below->empty())
         refuse("a file needs a name");
-    return parts;
+    return *below;
 }
 
 } // namespace zo::project::internal

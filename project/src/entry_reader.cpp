@@ -39,16 +39,20 @@ bool EntryReader::read(Block& block)
 }
 
 ArchiveFileReader::ArchiveFileReader(const std::string& path, ArchiveFormat format)
-    : EntryReader(path, newReadArchive())
+    : EntryReader(path, openArchive(path, format))
+    , _format(format)
 {
-    enableReading(_handle.get(), format, path);
-    if (archive_read_open_filename(_handle.get(), path.c_str(), 64 * 1024) != ARCHIVE_OK)
-        fail(path, errorText(_handle.get()));
 }
 
 archive_entry* ArchiveFileReader::next()
 {
-    return nextHeader() ? _entry.get() : nullptr;
+    const bool first = !_started;
+    _started = true;
+    if (nextHeader())
+        return _entry.get();
+    if (first && !isSoundEmpty(_path, _format))
+        fail(_path, "not an archive of the expected format");
+    return nullptr;
 }
 
 namespace {

@@ -47,6 +47,10 @@ class ArchiveFileReader final : public EntryReader {
 public:
     ArchiveFileReader(const std::string& path, ArchiveFormat format);
     archive_entry* next() override;
+
+private:
+    ArchiveFormat _format;
+    bool _started = false;
 };
 
 struct Inode {

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace zo::project::internal {
 
@@ -53,6 +54,21 @@ bool writeAll(int fd, const void* data, size_t size, off_t offset)
         offset += written;
     }
     return true;
+}
+
+bool copyContent(int from, int to)
+{
+    std::vector<char> buffer(128 * 1024);
+    for (off_t offset = 0;;) {
+        const ssize_t count = ::pread(from, buffer.data(), buffer.size(), offset);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return count == 0;
+        if (!writeAll(to, buffer.data(), static_cast<size_t>(count), offset))
+            return false;
+        offset += count;
+    }
 }
 
 namespace {

@@ -31,6 +31,9 @@ private:
 // Writes all of data at offset; false with errno set on failure.
 bool writeAll(int fd, const void* data, size_t size, off_t offset);
 
+// Copies the whole content of the file from into to; false with errno set on failure.
+bool copyContent(int from, int to);
+
 // "dir/.name.XXXXXX": a hidden name beside path for mkstemp and mkdtemp.
 std::string tempTemplateBeside(const std::string& path);
 

@@ -2,46 +2,62 @@
 
 #include "errors.h"
 #include "libarchive.h"
+#include "zip_start.h"
+
+#include <zo/os.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
+#include <functional>
 #include <iterator>
+#include <memory>
+#include <string_view>
 
 namespace zo::project::internal {
 namespace {
 
-// A container format or a compression filter, with its libarchive code and set-up calls.
-struct Codec {
+// An archive format proper, with its libarchive code and set-up calls.
+struct Container {
     int code;
     int (*read)(archive*);
     int (*write)(archive*);
 };
 
-constexpr Codec zip { ARCHIVE_FORMAT_ZIP, archive_read_support_format_zip,
+// The seekable zip reader finds the entries through the central directory at the end, which
+// also holds for zips with data in front (self-extracting archives) and for zip64.
+constexpr Container zip { ARCHIVE_FORMAT_ZIP, archive_read_support_format_zip_seekable,
     archive_write_set_format_zip };
 // Restricted pax writes plain ustar headers unless a name or size needs an extension.
-constexpr Codec tar { ARCHIVE_FORMAT_TAR, archive_read_support_format_tar,
+constexpr Container tar { ARCHIVE_FORMAT_TAR, archive_read_support_format_tar,
     archive_write_set_format_pax_restricted };
-constexpr Codec sevenZip { ARCHIVE_FORMAT_7ZIP, archive_read_support_format_7zip,
+constexpr Container sevenZip { ARCHIVE_FORMAT_7ZIP, archive_read_support_format_7zip,
     archive_write_set_format_7zip };
 
-constexpr Codec uncompressed { ARCHIVE_FILTER_NONE, nullptr, nullptr };
-constexpr Codec gzip { ARCHIVE_FILTER_GZIP, archive_read_support_filter_gzip,
-    archive_write_add_filter_gzip };
-constexpr Codec bzip2 { ARCHIVE_FILTER_BZIP2, archive_read_support_filter_bzip2,
-    archive_write_add_filter_bzip2 };
-constexpr Codec xz { ARCHIVE_FILTER_XZ, archive_read_support_filter_xz,
-    archive_write_add_filter_xz };
-constexpr Codec zstd { ARCHIVE_FILTER_ZSTD, archive_read_support_filter_zstd,
-    archive_write_add_filter_zstd };
+// A compression filter: its libarchive code, the bytes its streams start with and its writer.
+struct Filter {
+    int code;
+    std::string_view magic;
+    int (*write)(archive*);
+};
 
-constexpr const Codec* containers[] = { &zip, &tar, &sevenZip };
-constexpr const Codec* filters[] = { &gzip, &bzip2, &xz, &zstd };
+constexpr Filter uncompressed { ARCHIVE_FILTER_NONE, {}, nullptr };
+constexpr Filter gzip { ARCHIVE_FILTER_GZIP, "\x1f\x8b", archive_write_add_filter_gzip };
+constexpr Filter bzip2 { ARCHIVE_FILTER_BZIP2, "BZh", archive_write_add_filter_bzip2 };
+constexpr Filter xz { ARCHIVE_FILTER_XZ,
+    { "\xfd"
+      "7zXZ\0",
+        6 },
+    archive_write_add_filter_xz };
+constexpr Filter zstd { ARCHIVE_FILTER_ZSTD, "\x28\xb5\x2f\xfd", archive_write_add_filter_zstd };
+
+constexpr const Container* containers[] = { &zip, &tar, &sevenZip };
+constexpr const Filter* filters[] = { &gzip, &bzip2, &xz, &zstd };
 
 struct Traits {
     ArchiveFormat format;
-    const Codec* container;
-    const Codec* filter;
+    const Container* container;
+    const Filter* filter;
 };
 
 // Zip precedes Native: content alone tells a plain zip.
@@ -93,14 +109,86 @@ void check(int status, archive* handle, const std::string& path)
         fail(path, errorText(handle));
 }
 
-// Calls the container's and then the filter's set-up function for reading or for writing.
-void setUp(
-    archive* handle, ArchiveFormat format, const std::string& path, int (*Codec::*call)(archive*))
+// The bytes a file starts with, as many as the longest magic number.
+std::string leadingBytes(const std::string& path)
 {
-    const Traits& traits = traitsOf(format, path);
-    check((traits.container->*call)(handle), handle, path);
-    if (traits.filter->*call != nullptr)
-        check((traits.filter->*call)(handle), handle, path);
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(
+        zo::os::fopen(path.c_str(), "rb"), std::fclose);
+    if (!file)
+        fail(path, systemError());
+    std::string bytes(8, '\0');
+    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file.get()));
+    return bytes;
+}
+
+const Filter& filterOf(const std::string& path)
+{
+    const std::string bytes = leadingBytes(path);
+    for (const Filter* filter : filters) {
+        if (bytes.compare(0, filter->magic.size(), filter->magic) == 0)
+            return *filter;
+    }
+    return uncompressed;
+}
+
+// Opens path, from start on, through exactly one filter or none: libarchive's own filter
+// bidding would peel layer after layer, without end for a file that decompresses to itself.
+ReadArchive openThrough(const Filter& filter, const std::string& path,
+    const std::function<void(archive*)>& enableFormats, uint64_t start = 0)
+{
+    ReadArchive reader = newReadArchive();
+    enableFormats(reader.get());
+    if (filter.code != ARCHIVE_FILTER_NONE)
+        check(archive_read_append_filter(reader.get(), filter.code), reader.get(), path);
+    const int status = start == 0
+        ? archive_read_open_filename(reader.get(), path.c_str(), 64 * 1024)
+        : openFrom(reader.get(), path, start);
+    if (status != ARCHIVE_OK)
+        fail(path, errorText(reader.get()));
+    return reader;
+}
+
+// A tar reader takes any zero block for the end of an archive; a tar program writing no entry
+// writes nothing but zero blocks, at least the two that end an archive.
+bool holdsOnlyTarEnd(const std::string& path, const Filter& filter)
+{
+    const ReadArchive reader = openThrough(filter, path, archive_read_support_format_raw);
+    archive_entry* entry = nullptr;
+    if (archive_read_next_header(reader.get(), &entry) != ARCHIVE_OK)
+        return false;
+    la_int64_t size = 0;
+    const void* data = nullptr;
+    size_t length = 0;
+    la_int64_t offset = 0;
+    while (archive_read_data_block(reader.get(), &data, &length, &offset) == ARCHIVE_OK) {
+        const char* bytes = static_cast<const char*>(data);
+        if (std::any_of(bytes, bytes + length, [](char byte) { return byte != 0; }))
+            return false;
+        size = offset + static_cast<la_int64_t>(length);
+    }
+    return size >= 2 * 512;
+}
+
+ArchiveFormat formatOf(const std::string& path)
+{
+    const Filter& filter = filterOf(path);
+    // A container that cannot be enabled leaves its archives unrecognised, which is the answer.
+    const ReadArchive reader = openThrough(filter, path, [](archive* handle) {
+        for (const Container* container : containers)
+            container->read(handle);
+    });
+    archive_entry* entry = nullptr;
+    const int status = archive_read_next_header(reader.get(), &entry);
+    if (status < ARCHIVE_WARN)
+        fail(path, errorText(reader.get()));
+    const int container = archive_format(reader.get()) & ARCHIVE_FORMAT_BASE_MASK;
+    const auto found
+        = std::find_if(std::begin(formats), std::end(formats), [&](const Traits& traits) {
+              return traits.container->code == container && traits.filter == &filter;
+          });
+    if (found == std::end(formats) || (status == ARCHIVE_EOF && !isSoundEmpty(path, found->format)))
+        fail(path, "not an archive of a supported format");
+    return found->format;
 }
 
 bool endsWith(const std::string& text, const std::string& suffix)
@@ -116,11 +204,6 @@ std::string lowerCase(std::string text)
     return text;
 }
 
-[[noreturn]] void unsupported(const std::string& path, const std::string& reason)
-{
-    throw UnsupportedFormat("'" + path + "': " + reason);
-}
-
 } // namespace
 
 ArchiveFormat formatFromName(const std::string& path)
@@ -130,45 +213,42 @@ ArchiveFormat formatFromName(const std::string& path)
         if (endsWith(name, extension.suffix))
             return extension.format;
     }
-    unsupported(path, "the name tells no archive format");
+    throw UnsupportedFormat("'" + path + "': the name tells no archive format");
 }
 
 ArchiveFormat formatFromContent(const std::string& path)
 {
-    const ReadArchive reader = newReadArchive();
-    // A codec that cannot be enabled leaves its archives unrecognised, which is the answer.
-    for (const Codec* codec : containers)
-        codec->read(reader.get());
-    for (const Codec* codec : filters)
-        codec->read(reader.get());
-    archive_entry* entry = nullptr;
-    if (archive_read_open_filename(reader.get(), path.c_str(), 64 * 1024) != ARCHIVE_OK
-        || archive_read_next_header(reader.get(), &entry) < ARCHIVE_WARN)
-        unsupported(path, errorText(reader.get()));
-
-    const int container = archive_format(reader.get()) & ARCHIVE_FORMAT_BASE_MASK;
-    const int filter = archive_filter_code(reader.get(), 0);
-    // One filter over the file itself; anything compressed twice is not ours.
-    const int expectedFilters = filter == ARCHIVE_FILTER_NONE ? 1 : 2;
-    const auto found
-        = std::find_if(std::begin(formats), std::end(formats), [&](const Traits& traits) {
-              return traits.container->code == container && traits.filter->code == filter;
-          });
-    if (found == std::end(formats) || archive_filter_count(reader.get()) != expectedFilters)
-        unsupported(path, "not an archive of a supported format");
-    if (found->format == ArchiveFormat::Zip && endsWith(lowerCase(path), ".zop"))
-        return ArchiveFormat::Native;
-    return found->format;
+    try {
+        const ArchiveFormat format = formatOf(path);
+        if (format == ArchiveFormat::Zip && endsWith(lowerCase(path), ".zop"))
+            return ArchiveFormat::Native;
+        return format;
+    } catch (const ArchiveError& error) {
+        throw UnsupportedFormat(error.what());
+    }
 }
 
-void enableReading(archive* reader, ArchiveFormat format, const std::string& path)
+bool isSoundEmpty(const std::string& path, ArchiveFormat format)
 {
-    setUp(reader, format, path, &Codec::read);
+    const Traits& traits = traitsOf(format, path);
+    return traits.container != &tar || holdsOnlyTarEnd(path, *traits.filter);
+}
+
+ReadArchive openArchive(const std::string& path, ArchiveFormat format)
+{
+    const Traits& traits = traitsOf(format, path);
+    return openThrough(
+        *traits.filter, path,
+        [&](archive* handle) { check(traits.container->read(handle), handle, path); },
+        traits.container == &zip ? zipStart(path) : 0);
 }
 
 void enableWriting(archive* writer, ArchiveFormat format, const std::string& path)
 {
-    setUp(writer, format, path, &Codec::write);
+    const Traits& traits = traitsOf(format, path);
+    check(traits.container->write(writer), writer, path);
+    if (traits.filter->write != nullptr)
+        check(traits.filter->write(writer), writer, path);
 }
 
 } // namespace zo::project::internal

@@ -2,7 +2,7 @@
 
 #include <zo/project/archive.h>
 
-#include <archive.h>
+#include "libarchive.h"
 
 #include <string>
 
@@ -14,8 +14,13 @@ ArchiveFormat formatFromName(const std::string& path);
 // The format of an existing archive file judged by its content; throws UnsupportedFormat.
 ArchiveFormat formatFromContent(const std::string& path);
 
-// Makes reader accept exactly format, one of the archive formats (not Auto or Directory).
-void enableReading(archive* reader, ArchiveFormat format, const std::string& path);
+// Whether an archive of format in which no entry was found is an empty archive rather than
+// other data its reader took for one.
+bool isSoundEmpty(const std::string& path, ArchiveFormat format);
+
+// Opens path for reading as format, one of the archive formats (not Auto or Directory): only its
+// container is enabled and its filter, if any, is the one layer peeled.
+ReadArchive openArchive(const std::string& path, ArchiveFormat format);
 
 // Makes writer produce format, one of the archive formats.
 void enableWriting(archive* writer, ArchiveFormat format, const std::string& path);

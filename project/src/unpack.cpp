@@ -1,5 +1,6 @@
 #include "unpack.h"
 
+#include "directory_tree.h"
 #include "entry_check.h"
 #include "errors.h"
 #include "files.h"
@@ -10,14 +11,16 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
+#include <unordered_set>
 #include <vector>
 
 namespace zo::project::internal {
 namespace {
 
-constexpr uint64_t reserve = 10 * 1024 * 1024;
-
+using Node = DirectoryTree::Node;
 using Times = std::array<timespec, 2>;
+
+constexpr uint64_t reserve = 10 * 1024 * 1024;
 
 // The bytes that may be unpacked onto the volume of fd.
 uint64_t spaceBudget(int fd, const std::string& archive)
@@ -27,13 +30,6 @@ uint64_t spaceBudget(int fd, const std::string& archive)
         fail(archive, "cannot query the destination's free space: " + systemError());
     const uint64_t available = static_cast<uint64_t>(volume.f_bavail) * volume.f_frsize;
     return available > reserve ? available - reserve : 0;
-}
-
-[[noreturn]] void failSpace(const std::string& archive, archive_entry* entry, uint64_t budget)
-{
-    failEntry(archive, entryName(entry),
-        "unpacking needs more than the " + std::to_string(budget)
-            + " bytes free on the destination volume beyond a 10 MiB reserve");
 }
 
 Times timesOf(archive_entry* entry)
@@ -61,30 +57,45 @@ uint64_t declaredSize(archive_entry* entry)
     return static_cast<uint64_t>(std::max<la_int64_t>(archive_entry_size(entry), 0));
 }
 
-void checkDeclaredSizes(EntryReader& reader, uint64_t budget, const std::string& archive)
+// "a/b/c" split into "a/b" and "c".
+std::pair<std::string_view, std::string_view> splitLast(std::string_view path)
 {
-    uint64_t declared = 0;
-    while (archive_entry* entry = reader.next()) {
-        checkEntry(entry, archive);
-        if (archive_entry_filetype(entry) != AE_IFREG)
-            continue;
-        const uint64_t size = declaredSize(entry);
-        if (size > budget - declared)
-            failSpace(archive, entry, budget);
-        declared += size;
-    }
+    const size_t slash = path.rfind('/');
+    if (slash == std::string_view::npos)
+        return { {}, path };
+    return { path.substr(0, slash), path.substr(slash + 1) };
 }
 
-// Writes entries below a root directory through descriptors opened without following links,
-// so that no link, whether from the archive or already there, leads a write outside.
+// A name in a directory of the tree.
+struct Place {
+    Node parent;
+    std::string name;
+    bool operator==(const Place& other) const
+    {
+        return parent == other.parent && name == other.name;
+    }
+};
+
+struct PlaceHash {
+    size_t operator()(const Place& place) const
+    {
+        return std::hash<std::string>()(place.name) ^ (place.parent * 0x9e3779b97f4a7c15);
+    }
+};
+
+// Writes entries below a root directory through descriptors opened without following links.
+// What it created is removed again unless it finished.
 class DiskWriter {
 public:
-    DiskWriter(int rootFd, std::string archive, uint64_t budget)
-        : _root(rootFd)
+    DiskWriter(int rootFd, std::string archive)
+        : _tree(rootFd, archive)
         , _archive(std::move(archive))
-        , _budget(budget)
+        , _budget(spaceBudget(rootFd, _archive))
     {
     }
+    DiskWriter(const DiskWriter&) = delete;
+    DiskWriter& operator=(const DiskWriter&) = delete;
+    ~DiskWriter();
 
     void write(EntryReader& reader, archive_entry* entry);
     // Gives directories their modes and times once nothing more is written into them.
@@ -92,112 +103,123 @@ public:
 
 private:
     struct Target {
-        std::string entry;
-        std::vector<std::string> parts;
-        int parent;
+        const std::string& entry;
+        const std::string& path; // the entry's name as checkEntry gives it
+        Place place;
+        int parentFd;
     };
     struct PendingDirectory {
-        std::string entry;
-        std::vector<std::string> parts;
+        Node node;
         mode_t mode;
         Times times;
     };
 
-    int openParent(const std::vector<std::string>& parts, const std::string& entry);
-    UniqueFd openDirectory(
-        int parent, const std::string& name, const std::string& entry, bool create) const;
+    UniqueFd openHardLinkTarget(archive_entry* entry, const std::string& name);
     void removeExisting(const Target& target) const;
     void writeDirectory(const Target& target, archive_entry* entry);
-    void writeSymlink(const Target& target, archive_entry* entry) const;
-    void writeFile(const Target& target, EntryReader& reader, archive_entry* entry);
-    void charge(uint64_t bytes, archive_entry* entry);
+    void writeSymlink(const Target& target, archive_entry* entry);
+    void writeFile(
+        const Target& target, EntryReader& reader, archive_entry* entry, const UniqueFd& source);
+    UniqueFd createFile(const Target& target);
+    void requireSpace(uint64_t bytes, const std::string& entry) const;
+    void charge(uint64_t bytes, const std::string& entry);
     [[noreturn]] void failSystem(const std::string& entry, const std::string& what) const;
 
-    int _root;
+    DirectoryTree _tree;
     std::string _archive;
     uint64_t _budget;
     uint64_t _written = 0;
-    // The parent directory of the last entry: archives list siblings together.
-    std::vector<std::string> _cachedParts;
-    UniqueFd _cachedParent;
     std::vector<PendingDirectory> _pending;
+    // The regular files written so far: the only names a hard link may point to.
+    std::unordered_set<Place, PlaceHash> _files;
+    // Files and links in creation order, for removal when unpacking fails.
+    std::vector<Place> _created;
+    bool _finished = false;
 };
+
+DiskWriter::~DiskWriter()
+{
+    if (_finished)
+        return;
+    try {
+        for (auto place = _created.rbegin(); place != _created.rend(); ++place)
+            ::unlinkat(_tree.open(place->parent, {}, false), place->name.c_str(), 0);
+        for (const Node node : _tree.created())
+            ::unlinkat(
+                _tree.open(_tree.parent(node), {}, false), _tree.name(node).c_str(), AT_REMOVEDIR);
+    } catch (const std::exception&) {
+        // A directory that cannot be reached any more keeps what it holds.
+    }
+}
 
 void DiskWriter::write(EntryReader& reader, archive_entry* entry)
 {
-    std::vector<std::string> parts = checkEntry(entry, _archive);
-    if (parts.empty())
+    const std::string path = checkEntry(entry, _archive);
+    if (path.empty())
         return; // the destination itself keeps its own mode
     const std::string name = entryName(entry);
-    const int parent = openParent(parts, name);
-    const Target target { name, std::move(parts), parent };
+    const UniqueFd linked = openHardLinkTarget(entry, name);
+    const auto [parentPath, leaf] = splitLast(path);
+    const Node parent = _tree.node(parentPath);
+    const Target target { name, path, { parent, std::string(leaf) },
+        _tree.open(parent, name, true) };
+    // Whatever was at the place is replaced, and a hard link may no longer name it.
+    _files.erase(target.place);
+    if (linked)
+        return writeFile(target, reader, entry, linked);
     switch (archive_entry_filetype(entry)) {
     case AE_IFDIR:
         return writeDirectory(target, entry);
     case AE_IFLNK:
         return writeSymlink(target, entry);
     default:
-        return writeFile(target, reader, entry);
+        return writeFile(target, reader, entry, linked);
     }
 }
 
 void DiskWriter::finish()
 {
-    // Deepest first: a parent made unsearchable must not lock its children out.
-    std::stable_sort(
-        _pending.begin(), _pending.end(), [](const PendingDirectory& a, const PendingDirectory& b) {
-            return a.parts.size() > b.parts.size();
+    // Deepest first, each through its parent: a directory made unsearchable must not lock out
+    // the way to the others.
+    std::stable_sort(_pending.begin(), _pending.end(),
+        [this](const PendingDirectory& a, const PendingDirectory& b) {
+            return _tree.depth(a.node) > _tree.depth(b.node);
         });
     for (const PendingDirectory& directory : _pending) {
-        const int parent = openParent(directory.parts, directory.entry);
-        const UniqueFd fd = openDirectory(parent, directory.parts.back(), directory.entry, false);
-        if (::fchmod(fd.get(), directory.mode) != 0
+        const int parent = _tree.open(_tree.parent(directory.node), {}, false);
+        const std::string& name = _tree.name(directory.node);
+        const UniqueFd fd(
+            ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!fd || ::fchmod(fd.get(), directory.mode) != 0
             || ::futimens(fd.get(), directory.times.data()) != 0)
-            failSystem(directory.entry, "cannot set the directory's mode and times");
+            failSystem(name, "cannot set the directory's mode and times");
     }
+    _finished = true;
 }
 
-int DiskWriter::openParent(const std::vector<std::string>& parts, const std::string& entry)
+// A hard link is unpacked as a copy of a regular file this unpacking wrote before.
+UniqueFd DiskWriter::openHardLinkTarget(archive_entry* entry, const std::string& name)
 {
-    const std::vector<std::string> parentParts(parts.begin(), parts.end() - 1);
-    if (parentParts.empty())
-        return _root;
-    if (_cachedParent && parentParts == _cachedParts)
-        return _cachedParent.get();
-    UniqueFd directory;
-    for (const std::string& part : parentParts)
-        directory = openDirectory(directory ? directory.get() : _root, part, entry, true);
-    _cachedParts = parentParts;
-    _cachedParent = std::move(directory);
-    return _cachedParent.get();
-}
-
-UniqueFd DiskWriter::openDirectory(
-    int parent, const std::string& name, const std::string& entry, bool create) const
-{
-    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    UniqueFd fd(::openat(parent, name.c_str(), flags));
-    if (!fd && errno == ENOENT && create) {
-        if (::mkdirat(parent, name.c_str(), 0755) != 0 && errno != EEXIST)
-            failSystem(entry, "cannot create directory '" + name + "'");
-        fd = UniqueFd(::openat(parent, name.c_str(), flags));
-    }
-    if (fd)
-        return fd;
-    const int error = errno;
-    struct stat status { };
-    if ((error == ELOOP || error == ENOTDIR)
-        && ::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
-        failEntry(_archive, entry,
-            S_ISLNK(status.st_mode) ? "writing through the symbolic link '" + name + "' is refused"
-                                    : "'" + name + "' is in the way of a directory");
-    }
-    failEntry(_archive, entry, "cannot open directory '" + name + "': " + systemError(error));
+    const char* target = archive_entry_hardlink(entry);
+    if (target == nullptr)
+        return {};
+    const std::string below = nameBelow(target).value_or("");
+    const auto [parentPath, leaf] = splitLast(below);
+    const std::optional<Node> parent = _tree.find(parentPath);
+    if (!parent || _files.count({ *parent, std::string(leaf) }) == 0)
+        failEntry(_archive, name,
+            std::string("hard link to '") + target
+                + "' is refused: it must name an earlier file of the archive");
+    UniqueFd fd(::openat(_tree.open(*parent, name, false), std::string(leaf).c_str(),
+        O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd)
+        failSystem(name, std::string("cannot open the hard link's target '") + target + "'");
+    return fd;
 }
 
 void DiskWriter::removeExisting(const Target& target) const
 {
-    if (::unlinkat(target.parent, target.parts.back().c_str(), 0) == 0 || errno == ENOENT)
+    if (::unlinkat(target.parentFd, target.place.name.c_str(), 0) == 0 || errno == ENOENT)
         return;
     if (errno == EISDIR)
         failEntry(_archive, target.entry, "a directory is in the way");
@@ -206,54 +228,90 @@ void DiskWriter::removeExisting(const Target& target) const
 
 void DiskWriter::writeDirectory(const Target& target, archive_entry* entry)
 {
-    const char* name = target.parts.back().c_str();
+    const char* name = target.place.name.c_str();
+    const Node node = _tree.node(target.path);
     // Owner-only until finish: a read-only directory would refuse its own contents.
-    if (::mkdirat(target.parent, name, 0700) != 0) {
+    if (::mkdirat(target.parentFd, name, 0700) == 0) {
+        _tree.markCreated(node);
+    } else {
         struct stat status { };
-        if (errno != EEXIST || ::fstatat(target.parent, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        if (errno != EEXIST || ::fstatat(target.parentFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
             failSystem(target.entry, "cannot create the directory");
         if (!S_ISDIR(status.st_mode)) {
             removeExisting(target);
-            if (::mkdirat(target.parent, name, 0700) != 0)
+            if (::mkdirat(target.parentFd, name, 0700) != 0)
                 failSystem(target.entry, "cannot create the directory");
+            _tree.markCreated(node);
         }
     }
-    _pending.push_back({ target.entry, target.parts, permissionsOf(entry), timesOf(entry) });
+    _pending.push_back({ node, permissionsOf(entry), timesOf(entry) });
 }
 
-void DiskWriter::writeSymlink(const Target& target, archive_entry* entry) const
+void DiskWriter::writeSymlink(const Target& target, archive_entry* entry)
 {
-    removeExisting(target);
-    const char* name = target.parts.back().c_str();
+    const char* name = target.place.name.c_str();
+    const char* linkTarget = archive_entry_symlink(entry);
+    if (::symlinkat(linkTarget, target.parentFd, name) != 0) {
+        if (errno != EEXIST)
+            failSystem(target.entry, "cannot create the symbolic link");
+        removeExisting(target);
+        if (::symlinkat(linkTarget, target.parentFd, name) != 0)
+            failSystem(target.entry, "cannot create the symbolic link");
+    }
+    _created.push_back(target.place);
     const Times times = timesOf(entry);
-    if (::symlinkat(archive_entry_symlink(entry), target.parent, name) != 0
-        || ::utimensat(target.parent, name, times.data(), AT_SYMLINK_NOFOLLOW) != 0)
-        failSystem(target.entry, "cannot create the symbolic link");
+    if (::utimensat(target.parentFd, name, times.data(), AT_SYMLINK_NOFOLLOW) != 0)
+        failSystem(target.entry, "cannot set the symbolic link's times");
 }
 
-void DiskWriter::writeFile(const Target& target, EntryReader& reader, archive_entry* entry)
+UniqueFd DiskWriter::createFile(const Target& target)
 {
-    removeExisting(target);
-    UniqueFd fd(::openat(target.parent, target.parts.back().c_str(),
-        O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    const auto create = [&] {
+        return UniqueFd(::openat(target.parentFd, target.place.name.c_str(),
+            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    };
+    UniqueFd fd = create();
+    if (!fd && errno == EEXIST) {
+        removeExisting(target);
+        fd = create();
+    }
     if (!fd)
         failSystem(target.entry, "cannot create the file");
+    _created.push_back(target.place);
+    return fd;
+}
+
+void DiskWriter::writeFile(
+    const Target& target, EntryReader& reader, archive_entry* entry, const UniqueFd& source)
+{
+    // Checked before anything is written, then held to what is really written.
+    const uint64_t declared = declaredSize(entry);
+    requireSpace(declared, target.entry);
+    UniqueFd fd = createFile(target);
     // Offsets may skip holes, so the file's extent is what counts against the budget.
     uint64_t extent = 0;
+    if (source) {
+        struct stat status { };
+        if (::fstat(source.get(), &status) != 0)
+            failSystem(target.entry, "cannot query the hard link's target");
+        extent = static_cast<uint64_t>(status.st_size);
+        charge(extent, target.entry);
+        if (!copyContent(source.get(), fd.get()))
+            failSystem(target.entry, "cannot copy the hard link's target");
+    }
     Block block;
     while (reader.read(block)) {
         const uint64_t end = static_cast<uint64_t>(block.offset) + block.size;
         if (end > extent) {
-            charge(end - extent, entry);
+            charge(end - extent, target.entry);
             extent = end;
         }
         if (!writeAll(fd.get(), block.data, block.size, block.offset))
             failSystem(target.entry, "cannot write the file");
     }
     // A hole at the end shows only in the declared size.
-    const uint64_t declared = declaredSize(entry);
     if (declared > extent) {
-        charge(declared - extent, entry);
+        charge(declared - extent, target.entry);
         if (::ftruncate(fd.get(), static_cast<off_t>(declared)) != 0)
             failSystem(target.entry, "cannot extend the file");
     }
@@ -261,12 +319,20 @@ void DiskWriter::writeFile(const Target& target, EntryReader& reader, archive_en
     if (::fchmod(fd.get(), permissionsOf(entry)) != 0 || ::futimens(fd.get(), times.data()) != 0
         || !fd.close())
         failSystem(target.entry, "cannot finish the file");
+    _files.insert(target.place);
 }
 
-void DiskWriter::charge(uint64_t bytes, archive_entry* entry)
+void DiskWriter::requireSpace(uint64_t bytes, const std::string& entry) const
 {
     if (bytes > _budget - _written)
-        failSpace(_archive, entry, _budget);
+        failEntry(_archive, entry,
+            "unpacking needs more than the " + std::to_string(_budget)
+                + " bytes free on the destination volume beyond a 10 MiB reserve");
+}
+
+void DiskWriter::charge(uint64_t bytes, const std::string& entry)
+{
+    requireSpace(bytes, entry);
     _written += bytes;
 }
 
@@ -277,14 +343,11 @@ void DiskWriter::failSystem(const std::string& entry, const std::string& what) c
 
 } // namespace
 
-void unpack(const ReaderFactory& open, int rootFd, const std::string& archive)
+void unpack(EntryReader& reader, int rootFd, const std::string& archive)
 {
-    const uint64_t budget = spaceBudget(rootFd, archive);
-    checkDeclaredSizes(*open(), budget, archive);
-    const std::unique_ptr<EntryReader> reader = open();
-    DiskWriter writer(rootFd, archive, budget);
-    while (archive_entry* entry = reader->next())
-        writer.write(*reader, entry);
+    DiskWriter writer(rootFd, archive);
+    while (archive_entry* entry = reader.next())
+        writer.write(reader, entry);
     writer.finish();
 }
 

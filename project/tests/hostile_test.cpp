@@ -107,6 +107,28 @@ TEST_F(Hostile, LinksLeavingTheDestinationAreRefused)
     expectRefused({ { "alias", AE_IFREG, outside + "/canary", true } }, "alias");
 }
 
+TEST_F(Hostile, HardLinksToAnythingButAnEarlierFileAreRefused)
+{
+    expectRefused({ { "alias", AE_IFREG, "file", true }, { "file", AE_IFREG, "x" } }, "alias");
+    expectRefused({ { "dir", AE_IFDIR }, { "alias", AE_IFREG, "dir", true } }, "alias");
+    expectRefused({ { "link", AE_IFLNK, "x" }, { "alias", AE_IFREG, "link", true } }, "alias");
+    expectRefused(
+        { { "f", AE_IFREG, "x" }, { "f", AE_IFDIR }, { "alias", AE_IFREG, "f", true } }, "alias");
+    expectRefused({ { "f", AE_IFREG, "x" }, { "alias", AE_IFREG, "d/../f", true } }, "alias");
+}
+
+TEST_F(Hostile, HardLinksToEarlierFilesBecomeCopies)
+{
+    writeArchive(archive,
+        { { "d/f", AE_IFREG, "content" }, { "g", AE_IFREG, "d/f", true },
+            { "d/h", AE_IFREG, "./d/f", true }, { "d/f", AE_IFREG, "d/f", true } });
+    importProject(archive, destination, ArchiveFormat::Auto);
+    for (const char* name : { "/d/f", "/g", "/d/h" }) {
+        EXPECT_EQ(readFile(destination + name), "content") << name;
+        EXPECT_EQ(std::filesystem::hard_link_count(destination + name), 1u) << name;
+    }
+}
+
 TEST_F(Hostile, DevicesAndFifosAreRefused)
 {
     expectRefused({ { "null", AE_IFCHR } }, "null");

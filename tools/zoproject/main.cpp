@@ -1,16 +1,23 @@
 // zoproject: a small command-line front end to the project libraries.
+#include <zo/os.h>
 #include <zo/project/archive.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/project.h>
 #include <zo/project/projectvfs.h>
+#include <zo/project/projectwatcher.h>
 #include <zo/project/vfsfile.h>
 
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSocketNotifier>
 #include <QTemporaryDir>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
@@ -19,7 +26,9 @@
 
 namespace {
 
+using zo::project::FileSystemEvent;
 using zo::project::ProjectVFS;
+using zo::project::ProjectWatcher;
 
 void say(const QString& text)
 {
@@ -141,11 +150,90 @@ int demo(const QString& root)
     return intact ? 0 : 1;
 }
 
-void usage()
+int usageError(const QCommandLineParser& parser, const char* message)
 {
-    std::fprintf(stderr,
-        "usage: zoproject demo [DIRECTORY]   edit, crash and recover in a scratch project\n"
-        "       zoproject --version\n");
+    std::fprintf(stderr, "zoproject: %s\n\n%s\n", message, qUtf8Printable(parser.helpText()));
+    return 1;
+}
+
+// Prints each batch of changes as it is found, one line per path relative to root.
+void printChanges(const QDir& root, const QMap<QString, FileSystemEvent>& changes, bool json)
+{
+    static const char* const kinds[] = { "added", "removed", "modified" };
+    for (auto change = changes.cbegin(); change != changes.cend(); ++change) {
+        const QString path = root.relativeFilePath(change.key());
+        const char* kind = kinds[change.value()];
+        if (json) {
+            const QJsonObject line { { QStringLiteral("event"), QLatin1String(kind) },
+                { QStringLiteral("path"), path } };
+            std::printf("%s\n", QJsonDocument(line).toJson(QJsonDocument::Compact).constData());
+        } else {
+            std::printf("%s %s\n", kind, path.toUtf8().constData());
+        }
+    }
+    std::fflush(stdout);
+}
+
+// Watches directory until SIGINT or SIGTERM.
+int watch(QCoreApplication& app, const QString& directory, int intervalMs, bool json)
+{
+    if (!QFileInfo(directory).isDir()) {
+        std::fprintf(
+            stderr, "zoproject: watch: no such directory: %s\n", qUtf8Printable(directory));
+        return 1;
+    }
+    const int stopSignals = zo::os::signalPipe({ SIGINT, SIGTERM });
+    if (stopSignals < 0)
+        throw std::runtime_error("cannot catch SIGINT and SIGTERM");
+    QSocketNotifier stopRequest(stopSignals, QSocketNotifier::Read);
+    QObject::connect(&stopRequest, &QSocketNotifier::activated, &app, &QCoreApplication::quit);
+
+    // Keys of an absolute root are absolute, which relativeFilePath takes as they are.
+    const QDir root(QDir(directory).absolutePath());
+    ProjectWatcher watcher(root.path(), false, nullptr);
+    QObject::connect(&watcher,
+        qOverload<const QMap<QString, FileSystemEvent>&>(&ProjectWatcher::contentChanged),
+        [&root, json](
+            const QMap<QString, FileSystemEvent>& changes) { printChanges(root, changes, json); });
+    watcher.setInterval(intervalMs);
+    watcher.enableWatching(true);
+    return app.exec();
+}
+
+// The command's own options and arguments, after the command name.
+int runWatch(QCoreApplication& app, QCommandLineParser& parser)
+{
+    const QCommandLineOption interval(QStringLiteral("interval"),
+        QStringLiteral("Seconds between two checks (default 5)."), QStringLiteral("seconds"),
+        QStringLiteral("5"));
+    const QCommandLineOption json(
+        QStringLiteral("json"), QStringLiteral("One JSON object per line: {\"event\", \"path\"}."));
+    parser.addOptions({ interval, json });
+    parser.clearPositionalArguments();
+    parser.addPositionalArgument(QStringLiteral("watch"),
+        QStringLiteral("Print changes as they happen."), QStringLiteral("watch"));
+    parser.addPositionalArgument(
+        QStringLiteral("directory"), QStringLiteral("The directory to watch."));
+    parser.process(app);
+    const QStringList arguments = parser.positionalArguments();
+    if (arguments.size() != 2)
+        return usageError(parser, "watch takes one directory");
+    bool isNumber = false;
+    const double seconds = parser.value(interval).toDouble(&isNumber);
+    if (!isNumber || !(seconds > 0) || seconds > 86400)
+        return usageError(parser, "--interval takes a number of seconds above 0, at most 86400");
+    return watch(app, arguments[1], std::max(1, qRound(seconds * 1000)), parser.isSet(json));
+}
+
+int runDemo(QCommandLineParser& parser)
+{
+    const QStringList arguments = parser.positionalArguments();
+    if (arguments.size() > 1) {
+        QDir().mkpath(arguments[1]);
+        return demo(QDir(arguments[1]).absolutePath());
+    }
+    QTemporaryDir scratch;
+    return demo(scratch.path());
 }
 
 } // namespace
@@ -153,24 +241,29 @@ void usage()
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
-    const QStringList args = QCoreApplication::arguments().mid(1);
+    QCoreApplication::setApplicationVersion(QStringLiteral(ZO_VERSION));
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        QStringLiteral("Crash-safe editing of project files.\n\n"
+                       "Commands:\n"
+                       "  demo [DIRECTORY]   edit, crash and recover in a scratch project\n"
+                       "  watch DIRECTORY    print the changes others make to a directory"));
+    parser.addHelpOption();
+    parser.addVersionOption();
+    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("demo or watch"));
+    // Options belong to the command; the first pass only finds which one it is.
+    parser.parse(QCoreApplication::arguments());
+    const QString command = parser.positionalArguments().value(0);
     try {
-        if (args.value(0) == QLatin1String("--version")) {
-            std::printf("zoproject %s\n", ZO_VERSION);
-            return 0;
-        }
-        if (args.value(0) == QLatin1String("demo")) {
-            if (args.size() > 1) {
-                QDir().mkpath(args[1]);
-                return demo(QDir(args[1]).absolutePath());
-            }
-            QTemporaryDir scratch;
-            return demo(scratch.path());
-        }
+        if (command == QLatin1String("watch"))
+            return runWatch(app, parser);
+        parser.process(app);
+        if (command == QLatin1String("demo"))
+            return runDemo(parser);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "zoproject: %s\n", e.what());
         return 1;
     }
-    usage();
+    std::fprintf(stderr, "%s\n", qUtf8Printable(parser.helpText()));
     return 2;
 }

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -38,5 +39,11 @@ struct Process {
 
 // The process with this id; none when there is none.
 ZO_EXPORT std::optional<Process> findProcess(pid_t pid);
+
+// Turns the given signals (SIGINT, SIGTERM, ...) into bytes on a pipe, for an event loop to
+// watch: each delivery writes the signal's number as one byte. Returns the pipe's read end,
+// the same one on every call; -1 on failure, with errno set. The handlers stay for the life
+// of the process.
+ZO_EXPORT int signalPipe(std::initializer_list<int> signalNumbers);
 
 } // namespace zo::os

@@ -21,6 +21,7 @@ enum class EntryType : unsigned char {
 };
 
 struct FileStatus {
+    EntryType type = EntryType::Other;
     std::uint64_t size = 0;
     std::int64_t modifiedSeconds = 0;
     std::int32_t modifiedNanoseconds = 0; // always 0 to 999999999, also before 1970

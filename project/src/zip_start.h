@@ -1,0 +1,21 @@
+#pragma once
+
+#include <archive.h>
+
+#include <cstdint>
+#include <string>
+
+namespace zo::project::internal {
+
+// Where the zip archive in path starts: after the data in front of it, if any (a self-extracting
+// archive), as its end-of-central-directory records tell; 0 when they tell nothing.
+uint64_t zipStart(const std::string& path);
+
+// Opens reader on the bytes of path from start on, as a seekable file of their own; returns
+// libarchive's status.
+//
+// libarchive's seekable zip reader allows for data in front of a zip, but not of a zip64, whose
+// end record it looks for at the offset the archive states.
+int openFrom(archive* reader, const std::string& path, uint64_t start);
+
+} // namespace zo::project::internal

@@ -1,0 +1,210 @@
+// Archives as other programs write them, and data that only looks like an archive.
+
+#include "sample_tree.h"
+
+#include <zo/test/support.h>
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <gtest/gtest.h>
+
+#include <QDir>
+
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace zo::project;
+using zo::project::test::listing;
+using zo::project::test::makeSampleTree;
+using zo::project::test::pathIn;
+using zo::test::readFile;
+using zo::test::writeFile;
+using Writer = std::unique_ptr<archive, int (*)(archive*)>;
+
+QByteArray randomBytes(int size)
+{
+    std::mt19937 generator(size);
+    QByteArray bytes(size, '\0');
+    for (char& byte : bytes)
+        byte = static_cast<char>(generator());
+    return bytes;
+}
+
+// Writes one file entry "a" with data; configure picks format, filters and options.
+QByteArray writtenBy(const std::function<void(archive*)>& configure, const QByteArray& data)
+{
+    const Writer writer(archive_write_new(), archive_write_free);
+    configure(writer.get());
+    QByteArray out(data.size() * 2 + 64 * 1024, '\0');
+    size_t used = 0;
+    archive_write_open_memory(writer.get(), out.data(), static_cast<size_t>(out.size()), &used);
+    const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(
+        archive_entry_new(), archive_entry_free);
+    archive_entry_set_pathname(entry.get(), "a");
+    archive_entry_set_filetype(entry.get(), AE_IFREG);
+    archive_entry_set_perm(entry.get(), 0644);
+    archive_entry_set_size(entry.get(), data.size());
+    EXPECT_EQ(archive_write_header(writer.get(), entry.get()), ARCHIVE_OK);
+    archive_write_data(writer.get(), data.data(), static_cast<size_t>(data.size()));
+    EXPECT_EQ(archive_write_close(writer.get()), ARCHIVE_OK);
+    return out.left(static_cast<int>(used));
+}
+
+QByteArray gzipped(const QByteArray& data, int layers)
+{
+    return writtenBy(
+        [&](archive* writer) {
+            archive_write_set_format_raw(writer);
+            for (int layer = 0; layer < layers; ++layer)
+                archive_write_add_filter_gzip(writer);
+        },
+        data);
+}
+
+// A tar member in ustar form: header with name, type and size, then data padded to whole blocks.
+QByteArray tarMember(const QByteArray& name, char type, const QByteArray& data)
+{
+    QByteArray header(512, '\0');
+    const auto put
+        = [&](int at, const QByteArray& field) { header.replace(at, field.size(), field); };
+    const auto octal = [](int value, int digits) {
+        return QByteArray::number(value, 8).rightJustified(digits, '0');
+    };
+    put(0, name);
+    put(100, octal(0644, 7));
+    put(124, octal(data.size(), 11));
+    put(136, octal(1500000000, 11));
+    header[156] = type;
+    put(257,
+        QByteArray("ustar\0"
+                   "00",
+            8));
+    put(148, QByteArray(8, ' '));
+    int sum = 0;
+    for (const char byte : header)
+        sum += static_cast<unsigned char>(byte);
+    put(148, octal(sum, 6) + '\0');
+    const int padding = (512 - data.size() % 512) % 512;
+    return header + data + QByteArray(padding, '\0');
+}
+
+QByteArray paxRecord(const QByteArray& key, const QByteArray& value)
+{
+    const QByteArray body = " " + key + "=" + value + "\n";
+    int length = body.size();
+    while (QByteArray::number(length).size() + body.size() != length)
+        ++length;
+    return QByteArray::number(length) + body;
+}
+
+const QByteArray tarEnd(1024, '\0');
+
+class RealWorld : public testing::Test {
+protected:
+    std::string path(const char* name) const { return pathIn(dir, name); }
+
+    QTemporaryDir dir;
+    const std::string imported = path("imported");
+};
+
+TEST_F(RealWorld, OneCompressionLayerIsReadAndNoMore)
+{
+    makeSampleTree(path("source"));
+    exportProject(path("source"), path("p.tar"), ArchiveFormat::Tar);
+    const QByteArray tar = readFile(path("p.tar"));
+    writeFile(path("once.tgz"), gzipped(tar, 1));
+    EXPECT_EQ(detectFormat(path("once.tgz")), ArchiveFormat::TarGz);
+    for (const int layers : { 2, 30 }) {
+        SCOPED_TRACE(layers);
+        writeFile(path("layers.tgz"), gzipped(tar, layers));
+        EXPECT_THROW(detectFormat(path("layers.tgz")), UnsupportedFormat);
+        EXPECT_THROW(
+            importProject(path("layers.tgz"), imported, ArchiveFormat::TarGz), ArchiveError);
+        EXPECT_FALSE(std::filesystem::exists(imported));
+    }
+}
+
+TEST_F(RealWorld, LeadingZeroBlocksAreAnEmptyTarOnlyWhenNothingElseFollows)
+{
+    writeFile(path("image.iso"), QByteArray(512, '\0') + randomBytes(8192));
+    EXPECT_THROW(detectFormat(path("image.iso")), UnsupportedFormat);
+    for (const ArchiveFormat format : { ArchiveFormat::Auto, ArchiveFormat::Tar })
+        EXPECT_THROW(importProject(path("image.iso"), imported, format), ArchiveError);
+    EXPECT_FALSE(std::filesystem::exists(imported));
+
+    // What a tar program writes for no files at all.
+    const QByteArray empty(10240, '\0');
+    writeFile(path("empty.tar"), empty);
+    writeFile(path("empty.tgz"), gzipped(empty, 1));
+    EXPECT_EQ(detectFormat(path("empty.tar")), ArchiveFormat::Tar);
+    EXPECT_EQ(detectFormat(path("empty.tgz")), ArchiveFormat::TarGz);
+    importProject(path("empty.tgz"), imported, ArchiveFormat::Auto);
+    EXPECT_TRUE(std::filesystem::is_empty(imported));
+}
+
+TEST_F(RealWorld, ZipsWithDataInFrontImportTheirFiles)
+{
+    const QByteArray stub = "#!/bin/sh\nexec unzip \"$0\"\n" + randomBytes(4000);
+    const QByteArray data = "zip64 member";
+    writeFile(path("sfx64.zip"),
+        stub
+            + writtenBy(
+                [](archive* writer) {
+                    archive_write_set_format_zip(writer);
+                    archive_write_set_format_option(writer, "zip", "zip64", "1");
+                },
+                data));
+    importProject(path("sfx64.zip"), imported, ArchiveFormat::Auto);
+    EXPECT_EQ(readFile(imported + "/a"), data);
+
+    makeSampleTree(path("source"));
+    exportProject(path("source"), path("p.zip"), ArchiveFormat::Zip);
+    writeFile(path("sfx.zip"), stub + readFile(path("p.zip")));
+    importProject(path("sfx.zip"), path("sfx"), ArchiveFormat::Zip);
+    EXPECT_EQ(listing(path("sfx"), zo::project::test::Everything),
+        listing(path("source"), zo::project::test::Everything));
+}
+
+TEST_F(RealWorld, SparseFilesImportWithTheirHoles)
+{
+    // The pax record tells where data and hole lie within what is stored.
+    const QByteArray content = QByteArray(512, 'a') + QByteArray(512, '\0') + QByteArray(512, 'b');
+    writeFile(path("sparse.tar"),
+        tarMember("PaxHeaders/hole", 'x', paxRecord("SUN.holesdata", " 0 512 1024 1536"))
+            + tarMember("hole", '0', content) + tarEnd);
+    importProject(path("sparse.tar"), imported, ArchiveFormat::Auto);
+    EXPECT_EQ(readFile(imported + "/hole"), content);
+}
+
+TEST_F(RealWorld, DeepTreesImportWithTheModesAndTimesOfEveryLevel)
+{
+    // Deep enough to be slow when each level is walked from the root, short of the longest path.
+    constexpr int depth = 2000;
+    QByteArray tar;
+    for (QByteArray name = "d"; name.size() < 2 * depth; name += "/d") {
+        if (name.size() > 100)
+            tar += tarMember("PaxHeaders/d", 'x', paxRecord("path", name));
+        tar += tarMember(name.left(100), '5', {});
+    }
+    writeFile(path("deep.tar"), tar + tarEnd);
+    // Removing a deep tree is slow on some file systems; a tmpfs goes at once.
+    ASSERT_TRUE(QDir().mkpath(QString::fromStdString(imported)));
+    const zo::test::ScopedMount volume(imported, "size=64m");
+    importProject(path("deep.tar"), imported, ArchiveFormat::Auto);
+    // Level by level: the deepest name is too long for the tools of the file system.
+    ASSERT_EQ(::chdir(imported.c_str()), 0);
+    int levels = 0;
+    struct stat status { };
+    while (::lstat("d", &status) == 0 && (status.st_mode & 07777) == 0644
+        && status.st_mtime == 1500000000 && ::chdir("d") == 0)
+        ++levels;
+    EXPECT_EQ(levels, depth);
+    ASSERT_EQ(::chdir("/"), 0);
+}
+
+} // namespace

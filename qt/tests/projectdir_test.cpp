@@ -1,0 +1,174 @@
+#include <zo/project/exceptions.h>
+#include <zo/project/notifier.h>
+#include <zo/project/projectdir.h>
+#include <zo/test/support.h>
+
+#include <QMetaMethod>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace zo::project {
+namespace {
+
+using Events = QMap<QString, FileSystemEvent>;
+using test::readFile;
+using test::thrownBy;
+using test::writeFile;
+
+// What one notifier said, in order: "saved", "unsaved", or the event map as {path:kind ...}.
+struct Heard : std::vector<std::string> {
+    explicit Heard(detail::Notifier2* notifier)
+    {
+        QObject::connect(notifier, &detail::Notifier2::saved,
+            [this](bool saved) { push_back(saved ? "saved" : "unsaved"); });
+        QObject::connect(notifier, &detail::Notifier2::sourceProjectEvent, [this](const Events& e) {
+            std::string all;
+            for (auto event = e.begin(); event != e.end(); ++event)
+                all += " " + event.key().toStdString() + ":" + std::to_string(event.value());
+            push_back("{" + all + "}");
+        });
+    }
+    std::vector<std::string> take()
+    {
+        std::vector<std::string> said(begin(), end());
+        clear();
+        return said;
+    }
+};
+using Said = std::vector<std::string>;
+
+class DirectoryProject : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(dir.isValid()); }
+    QString at(const QString& name) const { return dir.filePath(name); }
+
+    QTemporaryDir dir;
+};
+
+TEST_F(DirectoryProject, SavedFlagFollowsWritesSavesOutsideChangesAndMoves)
+{
+    writeFile(at("a.txt"), "old");
+    ProjectDir project(dir.path());
+    Heard heard(project.notifier());
+    EXPECT_TRUE(project.isSaved());
+
+    project.writeFile("a.txt", "new");
+    EXPECT_EQ(heard.take(), Said { "unsaved" }) << "once, from the engine or from writeFile";
+    EXPECT_EQ(readFile(at("a.txt")), "old");
+    EXPECT_EQ(project.readFile("a.txt"), "new");
+    project.save();
+    EXPECT_EQ(heard.take(), Said { "saved" });
+    EXPECT_EQ(readFile(at("a.txt")), "new");
+
+    project.setWatching(true);
+    writeFile(at("b.txt"), "outside");
+    project.checkSourcePendingChanges({});
+    EXPECT_EQ(heard.take(), (Said { "unsaved", "{ b.txt:0}" }));
+
+    project.load(dir.path());
+    ProjectDir moved(std::move(project));
+    EXPECT_TRUE(project.isSaved());
+    EXPECT_TRUE(moved.isWatching());
+    Heard heardByMovedFrom(project.notifier());
+    writeFile(at("b.txt"), "changed outside");
+    moved.checkSourcePendingChanges({});
+    EXPECT_EQ(heard.take(), (Said { "saved", "unsaved", "{ b.txt:2}" }));
+    EXPECT_TRUE(heardByMovedFrom.empty());
+    EXPECT_EQ(thrownBy([&] { project.readFile("a.txt"); }),
+        "exception::ProjectPathDoesNotExists: Project path '' does not exist");
+    project.load(dir.path());
+    EXPECT_EQ(project.readFile("a.txt"), "new") << "a moved-from project can be given a path again";
+}
+
+TEST_F(DirectoryProject, OutsideRemovalOfAPendingFileIsDroppedAndMissingPathsChangeNothing)
+{
+    writeFile(at("a.txt"), "saved");
+    ProjectDir project(dir.path());
+    project.setWatching(true);
+    project.writeFile("a.txt", "pending");
+    Heard heard(project.notifier());
+    QFile::remove(at("a.txt"));
+    project.checkSourcePendingChanges({});
+    EXPECT_EQ(heard.take(), Said { "{}" }) << "still there through its swap file";
+
+    EXPECT_THROW(project.createNew(at("missing")), exception::ProjectPathDoesNotExists);
+    EXPECT_THROW(project.setPath(at("missing")), exception::ProjectPathDoesNotExists);
+    EXPECT_EQ(project.path(), dir.path());
+    EXPECT_EQ(project.readFile("a.txt"), "pending");
+    writeFile(at("c.txt"), "still watched");
+    project.checkSourcePendingChanges({});
+    EXPECT_EQ(heard.take(), Said { "{ c.txt:0}" });
+
+    EXPECT_EQ(thrownBy([&] { project.mkdir("x/y", false); }), "PathNotFound: ");
+    project.mkdir("x/y", true);
+    project.mkdir("x/y", false);
+    EXPECT_EQ(thrownBy([&] { project.exportFile("a.txt", "", true); }),
+        "PathNotFound: exporting file to an empty path.");
+    EXPECT_TRUE(heard.empty()) << "directories and exports leave the flag alone";
+}
+
+TEST_F(DirectoryProject, WithoutAPathFileOperationsThrowUntilOneIsSet)
+{
+    ProjectDir project;
+    const std::vector<std::pair<const char*, std::function<void()>>> operations {
+        { "read", [&] { project.readFile("a"); } },
+        { "write", [&] { project.writeFile("a", "x"); } },
+        { "save", [&] { project.save(); } },
+        { "remove", [&] { project.remove("a"); } },
+        { "mkdir", [&] { project.mkdir("a", true); } },
+        { "scan", [&] { project.recoverableFiles(); } },
+    };
+    for (const auto& [name, operation] : operations) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(thrownBy(operation),
+            "exception::ProjectPathDoesNotExists: Project path '' does not exist");
+    }
+    EXPECT_TRUE(project.path().isEmpty());
+    project.setWatching(true);
+    project.load(dir.path());
+    EXPECT_TRUE(project.isWatching());
+    project.writeFile("a", "x");
+    EXPECT_EQ(readFile(at("a")), "<missing>");
+}
+
+TEST_F(DirectoryProject, ShortWriteOnAFullFileSystemKeepsTheMessageAsItIs)
+{
+    const test::ScopedMount tmpfs(dir.path(), "size=64k");
+    if (!tmpfs.mounted)
+        GTEST_SKIP() << "cannot mount a tmpfs here";
+    ProjectDir project(dir.path());
+    const std::string message
+        = thrownBy([&] { project.writeFile("big", QByteArray((1 << 20) + '*', 'x')); });
+    // The path is padded on the left to the number of bytes written, with the character whose
+    // code is the size of the data.
+    EXPECT_EQ(
+        message.rfind("IOWriteError: Project write file error: failed to write file at: ", 0), 0u);
+    EXPECT_NE(
+        message.find(at("big").toStdString() + " (%2 bytes written out of %3)"), std::string::npos)
+        << message.size() << message.substr(message.size() - 200);
+}
+
+TEST(Notifiers, AreTwoTypesWithTheSameSignals)
+{
+    detail::Notifier model;
+    detail::Notifier2 directory;
+    EXPECT_STREQ(model.metaObject()->className(), "zo::project::detail::Notifier");
+    EXPECT_STREQ(directory.metaObject()->className(), "zo::project::detail::Notifier2");
+    for (const QObject* notifier :
+        { static_cast<QObject*>(&model), static_cast<QObject*>(&directory) }) {
+        const QMetaObject* meta = notifier->metaObject();
+        EXPECT_EQ(meta->indexOfSignal("saved(bool)"), meta->methodOffset());
+        EXPECT_EQ(
+            meta->indexOfSignal("sourceProjectEvent(QMap<QString,zo::project::FileSystemEvent>)"),
+            meta->methodOffset() + 1);
+    }
+    EXPECT_EQ(qobject_cast<detail::Notifier2*>(static_cast<QObject*>(&model)), nullptr);
+}
+
+} // namespace
+} // namespace zo::project
