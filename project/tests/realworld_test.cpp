@@ -216,20 +216,20 @@ TEST_F(RealWorld, WarningsAreLoggedAndReadingGoesOnWhateverTheLocale)
 
 TEST_F(RealWorld, DeepTreesImportWithTheModesAndTimesOfEveryLevel)
 {
-    // Deep enough to be slow when each level is walked from the root, short of the longest path.
-    constexpr int depth = 2000;
+    constexpr int depth = 5000;
     QByteArray tar;
     for (QByteArray name = "d"; name.size() < 2 * depth; name += "/d") {
         if (name.size() > 100)
             tar += tarMember("PaxHeaders/d", 'x', paxRecord("path", name));
         tar += tarMember(name.left(100), '5', {});
     }
-    writeFile(path("deep.tar"), tar + tarEnd);
-    // Removing a deep tree is slow on some file systems; a tmpfs goes at once.
+    writeFile(path("deep.tgz"), gzipped(tar + tarEnd, 1));
+    // Names far beyond the longest path are more than most tools can remove; a tmpfs just goes.
     ASSERT_TRUE(QDir().mkpath(QString::fromStdString(imported)));
     const zo::test::ScopedMount volume(imported, "size=64m");
-    importProject(path("deep.tar"), imported, ArchiveFormat::Auto);
-    // Level by level: the deepest name is too long for the tools of the file system.
+    if (!volume.mounted)
+        GTEST_SKIP() << "cannot mount a tmpfs here";
+    importProject(path("deep.tgz"), imported, ArchiveFormat::Auto);
     ASSERT_EQ(::chdir(imported.c_str()), 0);
     int levels = 0;
     struct stat status { };
