@@ -1,5 +1,6 @@
 #include <zo/project/projectvfs.h>
 
+#include "liveness.h"
 #include "logging.h"
 #include "projectvfs_impl.h"
 
@@ -9,40 +10,17 @@
 #include <zo/project/fileutils.h>
 #include <zo/project/vfsfile.h>
 
-#include <QCoreApplication>
 #include <QDirIterator>
 #include <QFileInfo>
 #include <QRegularExpression>
 
-#include <chrono>
 #include <limits>
-#include <optional>
 #include <utility>
 
 namespace zo::project {
 namespace {
 
 const QString kMetadataFile = QStringLiteral(".metadata");
-
-// A process that started up to this long after a swap file was last modified may still be the
-// one that wrote it: clock ticks and coarse file times blur both by some milliseconds.
-constexpr std::chrono::milliseconds kStartTolerance(500);
-
-std::string programName()
-{
-    const QStringList arguments = QCoreApplication::arguments();
-    if (arguments.isEmpty())
-        qFatal("Crash recovery needs a QCoreApplication with its command line");
-    return QFileInfo(arguments.first()).baseName().toStdString();
-}
-
-// Without an application object any running process counts as the owner, so that nothing is
-// taken from a process that may still use it.
-std::string programNameIfKnown()
-{
-    const bool known = QCoreApplication::instance() && !QCoreApplication::arguments().isEmpty();
-    return known ? programName() : std::string();
-}
 
 void logStillRunning(const ProjectVFS::RecoverableInfo& info)
 {
@@ -325,7 +303,7 @@ void ProjectVFS::recoverFile(const RecoverableInfo& info)
     QFile swap(impl->absoluteFilePath(info.swapPath));
 
     bool transferred;
-    if (isOwnerRunning(info, programName())) {
+    if (isOwnerRunning(info, detail::programName())) {
         // The owner still works on its file; take a copy and leave its swap file alone.
         logStillRunning(info);
         transferred = swap.copy(newSwap);
@@ -345,7 +323,7 @@ void ProjectVFS::recoverFile(const RecoverableInfo& info)
 
 void ProjectVFS::abandonFile(const RecoverableInfo& info)
 {
-    if (isOwnerRunning(info, programName())) {
+    if (isOwnerRunning(info, detail::programName())) {
         logStillRunning(info);
         return;
     }
@@ -359,7 +337,7 @@ void ProjectVFS::abandonFile(const RecoverableInfo& info)
 // to it. A file that merely ends like a backup has no swap file and is never touched.
 void ProjectVFS::xRestoreInterruptedCommits()
 {
-    const std::string program = programNameIfKnown();
+    const std::string program = detail::programNameIfKnown();
     for (const RecoverableInfo& info : recoverableFiles()) {
         const QString source = _impl->absoluteFilePath(info.sourcePath);
         const QString backup = _impl->makeBackupPath(source);
@@ -385,24 +363,10 @@ bool ProjectVFS::isOwnerRunning(const RecoverableInfo& info, const std::string& 
         info.pid, programName, QFileInfo(_impl->absoluteFilePath(info.swapPath)).lastModified());
 }
 
-// The first word of the command line is compared as the application's own name is taken, by
-// its base name, so that "/usr/bin/name", "name" and "name --option" all match.
 bool ProjectVFS::isProcessRunning(
     pid_t pid, const std::string& programName, const QDateTime& swapModified)
 {
-    const std::optional<zo::os::Process> process = zo::os::findProcess(pid);
-    if (!process)
-        return false;
-    if (swapModified.isValid()) {
-        const std::chrono::system_clock::time_point modified(
-            std::chrono::milliseconds(swapModified.toMSecsSinceEpoch()));
-        if (process->started > modified + kStartTolerance)
-            return false;
-    }
-    if (programName.empty())
-        return true;
-    const QString program = QFile::decodeName(QByteArray::fromStdString(process->program));
-    return QFileInfo(program).baseName().toStdString() == programName;
+    return detail::isProcessRunning(pid, programName, swapModified);
 }
 
 } // namespace zo::project
