@@ -9,7 +9,6 @@
 
 #include <map>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -17,6 +16,7 @@ using zo::os::EntryType;
 using zo::os::WalkEntry;
 using zo::os::WalkOptions;
 using zo::os::WalkStep;
+using Seen = std::map<std::string, std::string>;
 
 // root: a (3 bytes), .h, d/x, d/.y, d/up -> .., lf -> a, ld -> d, lb -> missing
 class TreeWalk : public ::testing::Test {
@@ -33,11 +33,11 @@ protected:
         QFile::link("missing", root.filePath("lb"));
     }
 
-    // path -> type letter (F, D, L, O), upper case when the entry is a link itself.
-    std::map<std::string, std::string> walk(
+    // path -> type letter (F, D, L, O), with "@" when the entry is a link itself.
+    Seen walk(
         const WalkOptions& options, const std::function<WalkStep(const WalkEntry&)>& step = nullptr)
     {
-        std::map<std::string, std::string> seen;
+        Seen seen;
         EXPECT_TRUE(zo::os::walkTree(dir.path().toStdString(), options, [&](const WalkEntry& e) {
             EXPECT_EQ(seen.count(std::string(e.path)), 0u) << e.path;
             EXPECT_EQ(e.path.substr(e.path.size() - e.name.size()), e.name);
@@ -53,9 +53,8 @@ protected:
 
 TEST_F(TreeWalk, FiltersHiddenNamesAndFollowsLinksOutsideItsOwnDescentPath)
 {
-    const std::map<std::string, std::string> followed { { "a", "F" }, { "d", "D" }, { "d/x", "F" },
-        { "d/up", "D@" }, { "lf", "F@" }, { "ld", "D@" }, { "ld/x", "F" }, { "ld/up", "D@" },
-        { "lb", "L@" } };
+    const Seen followed { { "a", "F" }, { "d", "D" }, { "d/x", "F" }, { "d/up", "D@" },
+        { "lf", "F@" }, { "ld", "D@" }, { "ld/x", "F" }, { "ld/up", "D@" }, { "lb", "L@" } };
     EXPECT_EQ(walk(WalkOptions {}), followed);
 
     WalkOptions hidden;
@@ -67,8 +66,8 @@ TEST_F(TreeWalk, FiltersHiddenNamesAndFollowsLinksOutsideItsOwnDescentPath)
     WalkOptions unfollowed;
     unfollowed.followLinks = false;
     EXPECT_EQ(walk(unfollowed),
-        (std::map<std::string, std::string> { { "a", "F" }, { "d", "D" }, { "d/x", "F" },
-            { "d/up", "L@" }, { "lf", "L@" }, { "ld", "L@" }, { "lb", "L@" } }));
+        (Seen { { "a", "F" }, { "d", "D" }, { "d/x", "F" }, { "d/up", "L@" }, { "lf", "L@" },
+            { "ld", "L@" }, { "lb", "L@" } }));
 
     WalkOptions flat;
     flat.recursive = false;

@@ -20,9 +20,12 @@ bool EntryReader::nextHeader()
     const int status = archive_read_next_header2(_handle.get(), _entry.get());
     if (status == ARCHIVE_EOF)
         return false;
-    // Warnings too: a header libarchive had to guess at is not trusted.
-    if (status != ARCHIVE_OK)
+    if (status < ARCHIVE_WARN)
         fail(_path, errorText(_handle.get()));
+    // Other readers pass over what libarchive warns about (a malformed extension, a name not
+    // valid in its charset); the entry's checks still apply.
+    if (status == ARCHIVE_WARN)
+        warnEntry(_path, entryName(_entry.get()), errorText(_handle.get()));
     return true;
 }
 
@@ -32,8 +35,10 @@ bool EntryReader::read(Block& block)
     const int status = archive_read_data_block(_handle.get(), &block.data, &block.size, &offset);
     if (status == ARCHIVE_EOF)
         return false;
-    if (status != ARCHIVE_OK || offset < 0)
+    if (status < ARCHIVE_WARN || offset < 0)
         failEntry(_path, entryName(_entry.get()), errorText(_handle.get()));
+    if (status == ARCHIVE_WARN)
+        warnEntry(_path, entryName(_entry.get()), errorText(_handle.get()));
     block.offset = offset;
     return true;
 }

@@ -10,7 +10,9 @@
 
 #include <QDir>
 
+#include <clocale>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <random>
 #include <sys/stat.h>
@@ -179,6 +181,37 @@ TEST_F(RealWorld, SparseFilesImportWithTheirHoles)
             + tarMember("hole", '0', content) + tarEnd);
     importProject(path("sparse.tar"), imported, ArchiveFormat::Auto);
     EXPECT_EQ(readFile(imported + "/hole"), content);
+}
+
+TEST_F(RealWorld, WarningsAreLoggedAndReadingGoesOnWhateverTheLocale)
+{
+    const std::string locale = setlocale(LC_ALL, nullptr);
+    setlocale(LC_ALL, "C");
+    const std::string invalid = "abc\xfcxyz", valid = "caf\xc3\xa9";
+    writeFile(path("warned.tar"),
+        tarMember("PaxHeader/empty", 'x', "4 x=") + tarMember("empty", '0', "")
+            + tarMember("PaxHeader/1", 'x', paxRecord("path", invalid.c_str()))
+            + tarMember("fallback", '0', "invalid")
+            + tarMember("PaxHeader/2", 'x', paxRecord("path", valid.c_str()))
+            + tarMember("fallback", '0', "valid") + tarEnd);
+    zo::test::LogCapture log;
+    importProject(path("warned.tar"), imported, ArchiveFormat::Auto);
+    setlocale(LC_ALL, locale.c_str());
+    // Names as bytes: Qt would decode them.
+    const auto content = [&](const std::string& name) {
+        std::ifstream in(imported + "/" + name);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    EXPECT_EQ(content(invalid), "invalid");
+    EXPECT_EQ(content(valid), "valid");
+    std::filesystem::remove_all(imported);
+    ASSERT_EQ(log.lines.size(), 2u);
+    for (const auto& [category, level, message] : log.lines) {
+        EXPECT_EQ(level, zo::log::Warning);
+        EXPECT_PRED_FORMAT2(testing::IsSubstring, "'" + path("warned.tar") + "', entry '", message);
+    }
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, "entry 'empty'", std::get<2>(log.lines[0]));
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, "entry '" + invalid + "'", std::get<2>(log.lines[1]));
 }
 
 TEST_F(RealWorld, DeepTreesImportWithTheModesAndTimesOfEveryLevel)

@@ -20,8 +20,10 @@ using test::readFile;
 using test::thrownBy;
 using test::writeFile;
 
+using Said = std::vector<std::string>;
+
 // What one notifier said, in order: "saved", "unsaved", or the event map as {path:kind ...}.
-struct Heard : std::vector<std::string> {
+struct Heard : Said {
     explicit Heard(detail::Notifier2* notifier)
     {
         QObject::connect(notifier, &detail::Notifier2::saved,
@@ -33,14 +35,8 @@ struct Heard : std::vector<std::string> {
             push_back("{" + all + "}");
         });
     }
-    std::vector<std::string> take()
-    {
-        std::vector<std::string> said(begin(), end());
-        clear();
-        return said;
-    }
+    Said take() { return std::exchange(static_cast<Said&>(*this), {}); }
 };
-using Said = std::vector<std::string>;
 
 class DirectoryProject : public ::testing::Test {
 protected:

@@ -142,18 +142,6 @@ TEST_F(Watcher, FollowsLinksButListsALinkCycleOnce)
     EXPECT_EQ(watcher.xListAllPaths("sub/f"), QStringList { at("sub/f") });
 }
 
-TEST_F(Watcher, WatchesASingleFileAsItsOwnRoot)
-{
-    writeFile(at("archive.zip"), "zip");
-    ProjectWatcher single(at("archive.zip"), false, nullptr);
-    QSignalSpy spy(&single, qOverload<const Changes&>(&ProjectWatcher::contentChanged));
-    single.enableWatching(true);
-    writeFile(at("archive.zip"), "longer zip");
-    single.checkPendingChanges();
-    ASSERT_EQ(spy.size(), 1);
-    EXPECT_EQ(spy[0][0].value<Changes>(), (Changes { { at("archive.zip"), Modified } }));
-}
-
 TEST_F(Watcher, DeliversTheMapQueuedToAnotherThreadAndPollsOnItsTimer)
 {
     QThread worker;
