@@ -1,10 +1,10 @@
-// The recover command: takes over or drops what ended processes left below a project, and
-// never touches the swap files of a process that still runs.
+// The recover command: takes over or drops the swap files ended processes left below a
+// project, and never touches those of a process that still runs. Opening the project has put
+// the backups of interrupted commits back already (see scan.h).
 #include "command.h"
 #include "scan.h"
 
 #include <zo/project/exceptions.h>
-#include <zo/project/fileutils.h>
 
 #include <QDir>
 #include <QFileInfo>
@@ -50,8 +50,7 @@ public:
     {
         for (const auto& [path, used] : _paths)
             if (!used)
-                throw std::runtime_error(
-                    "'" + path.toStdString() + "': no swap file or interrupted commit there");
+                throw std::runtime_error("'" + path.toStdString() + "': no swap file there");
     }
 
 private:
@@ -67,24 +66,17 @@ public:
     {
     }
 
-    void run(const Scan& scan, Selection& selection)
+    void run(const std::vector<SwapFile>& found, Selection& selection)
     {
         std::vector<SwapFile> swapFiles;
-        for (const SwapFile& swap : scan.swapFiles)
+        for (const SwapFile& swap : found)
             if (selection.selects({ swap.info.sourcePath, swap.info.swapPath }))
                 swapFiles.push_back(swap);
-        std::vector<InterruptedCommit> commits;
-        for (const InterruptedCommit& commit : scan.interruptedCommits)
-            if (selection.selects({ commit.sourcePath, commit.backupPath }))
-                commits.push_back(commit);
         selection.requireAllUsed();
         if (!_abandon)
             requireOneSwapPerSource(swapFiles);
-
         for (const SwapFile& swap : swapFiles)
             handle(swap);
-        for (const InterruptedCommit& commit : commits)
-            handle(commit, scan);
     }
 
 private:
@@ -128,7 +120,6 @@ private:
                 [&] { _project.abandonFile(info); });
             return;
         }
-        _recovered << info.sourcePath;
         step(QStringLiteral("recovered %1 from %2").arg(info.sourcePath, info.swapPath),
             QStringLiteral("would recover %1 from %2").arg(info.sourcePath, info.swapPath), [&] {
                 _project.recoverFile(info);
@@ -147,31 +138,9 @@ private:
         }
     }
 
-    void handle(const InterruptedCommit& commit, const Scan& scan)
-    {
-        // Committing a recovered swap file of the source has removed the backup already.
-        if (_recovered.contains(commit.sourcePath))
-            return;
-        for (const SwapFile& swap : scan.swapFiles)
-            if (swap.owner.running && swap.info.sourcePath == commit.sourcePath) {
-                print(QStringLiteral("left %1 alone: process %2 (%3) may still be committing %4")
-                          .arg(commit.backupPath)
-                          .arg(swap.info.pid)
-                          .arg(swap.owner.program, commit.sourcePath));
-                return;
-            }
-        step(QStringLiteral("restored %1 from %2").arg(commit.sourcePath, commit.backupPath),
-            QStringLiteral("would restore %1 from %2").arg(commit.sourcePath, commit.backupPath),
-            [&] {
-                zo::project::move(_project.absoluteFilePath(commit.backupPath),
-                    _project.absoluteFilePath(commit.sourcePath), false);
-            });
-    }
-
     ProjectVFS& _project;
     const bool _abandon;
     const bool _dryRun;
-    QSet<QString> _recovered;
 };
 
 int recover(const QCommandLineParser& parser)
@@ -199,13 +168,11 @@ Command recoverCommand()
         { { QStringLiteral("DIR"),
               QStringLiteral("The project directory (default: the current directory).") },
             { QStringLiteral("PATH"),
-                QStringLiteral("A file, its swap file or backup, or a directory, relative to "
-                               "DIR: what to recover.") } },
+                QStringLiteral("A file, its swap file, or a directory, relative to DIR: what "
+                               "to recover.") } },
         0, kAnyNumber,
         { QCommandLineOption(kAll, QStringLiteral("Recover everything below DIR.")),
-            QCommandLineOption(kAbandon,
-                QStringLiteral("Delete the swap files instead, and put back the backups of "
-                               "interrupted commits.")),
+            QCommandLineOption(kAbandon, QStringLiteral("Delete the swap files instead.")),
             QCommandLineOption(kDryRun, QStringLiteral("Only say what would be done.")) },
         recover };
 }

@@ -1,7 +1,7 @@
 #pragma once
 
-// What crashed or still running editors left below a project: swap files with their owners,
-// and commits that stopped between their two renames. Shared by status and recover.
+// The swap files crashed or still running editors left below a project, with what a person
+// needs to decide on each. Shared by status and recover.
 
 #include <zo/project/projectvfs.h>
 
@@ -27,25 +27,16 @@ struct SwapFile {
     // The source was modified after the swap file was made (or, where the file system keeps
     // no creation time, after it was last written).
     bool sourceChanged = false;
+    // The source's backup while the source is missing: a commit stopped between its two
+    // renames. Opening the project puts such a backup back unless the owner still runs.
+    QString backupPath;
 
     bool recoverable() const { return !owner.running; }
 };
 
-// A backup "<source>bck" whose source is missing: its commit stopped after moving the source
-// aside. Restoring it, or committing a swap file of its source, finishes the job.
-struct InterruptedCommit {
-    QString backupPath; // relative to the project root, as sourcePath
-    QString sourcePath;
-    qint64 size = 0;
-};
+// Opening the project for the scan finishes the interrupted commits of ended owners.
+std::vector<SwapFile> scanProject(zo::project::ProjectVFS& project);
 
-struct Scan {
-    std::vector<SwapFile> swapFiles;
-    std::vector<InterruptedCommit> interruptedCommits;
-
-    int recoverableCount() const;
-};
-
-Scan scanProject(zo::project::ProjectVFS& project);
+int recoverableCount(const std::vector<SwapFile>& swapFiles);
 
 } // namespace zo::cli

@@ -29,7 +29,9 @@ QString describe(const SwapFile& swap)
     if (swap.owner.running)
         owner += QStringLiteral(" (%1)").arg(swap.owner.program);
     QString source;
-    if (!swap.sourceExists)
+    if (!swap.backupPath.isEmpty())
+        source = QStringLiteral("; commit interrupted, the source is in %1").arg(swap.backupPath);
+    else if (!swap.sourceExists)
         source = QStringLiteral("; no source file");
     else if (swap.sourceChanged)
         source = QStringLiteral("; source changed since");
@@ -38,10 +40,11 @@ QString describe(const SwapFile& swap)
             age(swap.modified), owner, source);
 }
 
-void printSwapFiles(const Scan& scan, bool recoverable, const QString& heading)
+void printSwapFiles(
+    const std::vector<SwapFile>& swapFiles, bool recoverable, const QString& heading)
 {
     bool headed = false;
-    for (const SwapFile& swap : scan.swapFiles) {
+    for (const SwapFile& swap : swapFiles) {
         if (swap.recoverable() != recoverable)
             continue;
         if (!headed)
@@ -51,17 +54,13 @@ void printSwapFiles(const Scan& scan, bool recoverable, const QString& heading)
     }
 }
 
-void printText(const Scan& scan)
+void printText(const std::vector<SwapFile>& swapFiles)
 {
-    printSwapFiles(scan, true, QStringLiteral("Recoverable swap files (their process has ended):"));
-    printSwapFiles(scan, false, QStringLiteral("Pending swap files (their process still runs):"));
-    if (!scan.interruptedCommits.empty())
-        print(QStringLiteral("Interrupted commits (a backup without its source):"));
-    for (const InterruptedCommit& commit : scan.interruptedCommits)
-        print(QStringLiteral("  %1  (backup %2, %3)")
-                  .arg(commit.sourcePath, commit.backupPath,
-                      QLocale().formattedDataSize(commit.size)));
-    const int count = scan.recoverableCount();
+    printSwapFiles(
+        swapFiles, true, QStringLiteral("Recoverable swap files (their process has ended):"));
+    printSwapFiles(
+        swapFiles, false, QStringLiteral("Pending swap files (their process still runs):"));
+    const int count = recoverableCount(swapFiles);
     print(count == 0
             ? QStringLiteral("Nothing to recover.")
             : QStringLiteral("%1 to recover: see \"zoproject recover --help\".").arg(count));
@@ -77,33 +76,26 @@ QJsonObject toJson(const SwapFile& swap)
         { "sourceExists", swap.sourceExists }, { "sourceChanged", swap.sourceChanged } };
     if (swap.owner.running)
         object.insert("ownerProgram", swap.owner.program);
+    if (!swap.backupPath.isEmpty())
+        object.insert("backupPath", swap.backupPath);
     return object;
-}
-
-void printStatusJson(const QString& directory, const Scan& scan)
-{
-    QJsonArray swapFiles;
-    for (const SwapFile& swap : scan.swapFiles)
-        swapFiles.append(toJson(swap));
-    QJsonArray commits;
-    for (const InterruptedCommit& commit : scan.interruptedCommits)
-        commits.append(QJsonObject { { "backupPath", commit.backupPath },
-            { "sourcePath", commit.sourcePath }, { "size", commit.size } });
-    printJson(QJsonDocument(
-        QJsonObject { { "directory", directory }, { "recoverable", scan.recoverableCount() },
-            { "swapFiles", swapFiles }, { "interruptedCommits", commits } }));
 }
 
 int status(const QCommandLineParser& parser)
 {
     zo::project::ProjectVFS project(
         projectDirectory(parser.positionalArguments().value(0, QStringLiteral("."))));
-    const Scan scan = scanProject(project);
-    if (jsonRequested(parser))
-        printStatusJson(project.path(), scan);
-    else
-        printText(scan);
-    return scan.recoverableCount() == 0 ? kSuccess : kRecoverable;
+    const std::vector<SwapFile> swapFiles = scanProject(project);
+    if (jsonRequested(parser)) {
+        QJsonArray array;
+        for (const SwapFile& swap : swapFiles)
+            array.append(toJson(swap));
+        printJson(QJsonDocument(QJsonObject { { "directory", project.path() },
+            { "recoverable", recoverableCount(swapFiles) }, { "swapFiles", array } }));
+    } else {
+        printText(swapFiles);
+    }
+    return recoverableCount(swapFiles) == 0 ? kSuccess : kRecoverable;
 }
 
 } // namespace
@@ -111,7 +103,7 @@ int status(const QCommandLineParser& parser)
 Command statusCommand()
 {
     return { QStringLiteral("status"),
-        QStringLiteral("List the swap files and interrupted commits below a project."),
+        QStringLiteral("List the swap files below a project and whether they can be recovered."),
         QStringLiteral("[DIR]"),
         { { QStringLiteral("DIR"),
             QStringLiteral("The project directory (default: the current directory).") } },
