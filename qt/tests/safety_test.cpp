@@ -190,6 +190,7 @@ TEST_F(Safety, FullDiskFailsClearlyAndKeepsTheSource)
         copy(abs("tree"), abs("disk/tree"), false);
     }).rfind("runtime_error: Copy file error: No space disk left. ", 0),
         0u);
+    EXPECT_FALSE(QFileInfo::exists(abs("disk/tree/big.bin"))) << "no partial file under the name";
     const std::string archive = abs("tree.tar").toStdString();
     exportProject(abs("tree").toStdString(), archive, ArchiveFormat::Tar);
     EXPECT_EQ(thrownBy([&] {
