@@ -13,11 +13,10 @@
 #include <QCoreApplication>
 #include <QMap>
 #include <QProcess>
-#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <csignal>
 #include <filesystem>
@@ -28,9 +27,8 @@
 namespace zo::project {
 namespace {
 
-using test::readFile;
-using test::thrownBy;
-using test::writeFile;
+using namespace test;
+using testing::StartsWith;
 using Files = QMap<QString, QByteArray>;
 using Step = zo::os::fault::Step;
 
@@ -59,7 +57,8 @@ protected:
     QString abs(const QString& relative) const { return dir.filePath(relative); }
 
     QTemporaryDir dir;
-    ProjectVFS vfs { dir.path() };
+    // Relative, so that every commit also checks that the engine resolves each path once.
+    ProjectVFS vfs { QDir::current().relativeFilePath(dir.path()) };
 };
 
 TEST_F(Safety, LinksAreRemovedAsLinksAndReplacedByCopies)
@@ -76,18 +75,6 @@ TEST_F(Safety, LinksAreRemovedAsLinksAndReplacedByCopies)
     EXPECT_THROW(copy(abs("out"), abs("p/dangling"), false), AlreadyExists);
     copy(abs("out"), abs("p/dangling"), true);
     EXPECT_EQ(filesIn(abs("p")), (Files { { "dangling/marker.txt", "m" } }));
-}
-
-TEST_F(Safety, RelativeRootLeavesNothingBehind)
-{
-    ProjectVFS project(QDir::current().relativeFilePath(dir.path()));
-    for (const char* content : { "first", "second" }) {
-        project.open("a.txt", QIODevice::WriteOnly)->write(content);
-        project.commit();
-    }
-    project.open("dropped.txt", QIODevice::WriteOnly);
-    project.discard();
-    EXPECT_EQ(filesIn(dir.path()), (Files { { "a.txt", "second" } }));
 }
 
 // The owner counts however it was started, but not when it started after the swap file's
@@ -117,14 +104,14 @@ TEST_F(Safety, OpeningRestoresTheSourceOfAnInterruptedCommit)
         writeFile(abs(sub + deadSwap), "new");
     }
     writeFile(abs("d/notes.txtbck"), "a user's file");
-    test::LogCapture log;
+    LogCapture log;
     ProjectVFS project(abs("d"));
     project.setPath(abs("e"));
     EXPECT_EQ(filesIn(dir.path()),
         (Files { { "d/a.txt", "old" }, { "d" + deadSwap, "new" },
             { "d/notes.txtbck", "a user's file" }, { "e/a.txt", "old" },
             { "e" + deadSwap, "new" } }));
-    const test::LogCapture::Line restored(
+    const LogCapture::Line restored(
         "ProjectVFS", 4, "Renamed the backup 'a.txtbck' to 'a.txt' after an interrupted commit");
     EXPECT_EQ(log.lines, (std::vector { restored, restored }));
 }
@@ -157,12 +144,10 @@ TEST_F(Safety, EveryFailedDurabilityStepIsUndone)
              { Step::Rename, "replace: Input/output error", "old" },
              { Step::SyncDirectory, "sync directory '", "new" } }) {
         project.setMetadata("key", "old");
-        EXPECT_EQ(
-            fails(step, 1, [&] { project.setMetadata("key", "new"); }).rfind(target + thrown, 0),
-            0u);
+        EXPECT_THAT(fails(step, 1, [&] { project.setMetadata("key", "new"); }),
+            StartsWith(target + thrown));
         EXPECT_EQ(project.getMetadata("key"), left);
-        EXPECT_EQ(
-            QDir(abs("m")).entryList(QDir::Files | QDir::Hidden), QStringList { ".metadata" });
+        EXPECT_EQ(filesIn(abs("m")).keys(), QStringList { ".metadata" });
     }
 }
 
@@ -170,7 +155,7 @@ TEST_F(Safety, EveryFailedDurabilityStepIsUndone)
 TEST_F(Safety, FullDiskFailsClearlyAndKeepsTheSource)
 {
     ASSERT_TRUE(QDir(dir.path()).mkdir("disk"));
-    const test::ScopedMount disk(abs("disk"), "size=2m");
+    const ScopedMount disk(abs("disk"), "size=2m");
     if (!disk.mounted)
         GTEST_SKIP() << "cannot mount a tmpfs here";
     const QByteArray big(1200 * 1024, 'x');
@@ -186,59 +171,47 @@ TEST_F(Safety, FullDiskFailsClearlyAndKeepsTheSource)
     EXPECT_EQ(filesIn(abs("disk")), (Files { { "a.txt", "old" }, { "big.bin", big } }));
 
     writeFile(abs("tree/big.bin"), big);
-    EXPECT_EQ(thrownBy([&] {
-        copy(abs("tree"), abs("disk/tree"), false);
-    }).rfind("runtime_error: Copy file error: No space disk left. ", 0),
-        0u);
+    EXPECT_THAT(thrownBy([&] { copy(abs("tree"), abs("disk/tree"), false); }),
+        StartsWith("runtime_error: Copy file error: No space disk left. "));
     const std::string archive = abs("tree.tar").toStdString();
     exportProject(abs("tree").toStdString(), archive, ArchiveFormat::Tar);
-    EXPECT_EQ(thrownBy([&] {
-        importProject(archive, abs("disk/in").toStdString(), ArchiveFormat::Tar);
-    }).rfind("ArchiveError: '" + archive + "', entry 'big.bin': unpacking needs ", 0),
-        0u);
+    EXPECT_THAT(
+        thrownBy([&] { importProject(archive, abs("disk/in").toStdString(), ArchiveFormat::Tar); }),
+        StartsWith("ArchiveError: '" + archive + "', entry 'big.bin': unpacking needs "));
 }
 
-// A child commits two edited files and a new one and is killed at each write, sync, rename and
-// removal in turn; this process then recovers and commits what it left. Every file ends old or
-// new, and new whenever the new content had reached its swap file.
+// A child commits two files and is killed at each write, sync, rename and removal in turn; this
+// process then recovers and commits what it left. Every file ends old or new, and new whenever
+// the new content had reached its swap file.
 TEST_F(Safety, KillAtAnyStepOfACommitLosesNothing)
 {
     if (QStandardPaths::findExecutable("strace").isEmpty())
         GTEST_SKIP() << "strace is missing";
-    const QStringList names { "a.txt", "b.txt", "c.txt" };
-    const auto run = [&](const QString& project, const QString& strace) {
-        writeFile(project + "/a.txt", "old a.txt");
-        writeFile(project + "/b.txt", "old b.txt");
-        QProcess child;
-        child.start("strace",
-            QStringList { "-f", "-qq", "-e", strace,
-                QCoreApplication::applicationDirPath() + "/crash_child", project }
-                + names);
-        child.waitForFinished();
-        return QString::fromUtf8(child.readAllStandardError());
-    };
-    const QString trace = run(dir.path(), "trace=write,fsync,fdatasync,rename,unlink,linkat");
+    const QStringList names { "a.txt", "b.txt" };
     for (const QString call : { "write", "fsync", "fdatasync", "rename", "unlink", "linkat" }) {
-        const int calls = trace.count(
-            QRegularExpression("^" + call + "\\(", QRegularExpression::MultilineOption));
-        for (int when = 1; when <= calls; ++when) {
+        // Up to the first run in which the child no longer meets the call so often.
+        for (int when = 1;; ++when) {
             const QTemporaryDir project;
-            run(project.path(),
-                QStringLiteral("inject=%1:signal=SIGKILL:when=%2").arg(call).arg(when));
+            for (const QString& name : names)
+                writeFile(project.filePath(name), "old " + name.toUtf8());
+            QProcess child;
+            child.start("strace",
+                QStringList { "-f", "-qq", "-o", "/dev/null", "-e",
+                    QStringLiteral("inject=%1:signal=SIGKILL:when=%2").arg(call).arg(when),
+                    QCoreApplication::applicationDirPath() + "/crash_child", project.path() }
+                    + names);
+            if (child.waitForFinished() && child.exitStatus() == QProcess::NormalExit)
+                break;
             const Files left = filesIn(project.path());
             ProjectVFS recovering(project.path());
             for (const ProjectVFS::RecoverableInfo& info : recovering.recoverableFiles())
                 recovering.recoverFile(info);
             recovering.commit();
             for (const QString& name : names) {
-                const QByteArray now = readFile(project.filePath(name));
-                // A new file that was opened but not yet written is recovered empty.
-                const QByteArrayList old = name == "c.txt"
-                    ? QByteArrayList { "<missing>", "" }
-                    : QByteArrayList { "old " + name.toUtf8() };
                 const bool reached = left.key("new " + name.toUtf8()).contains(name);
-                EXPECT_TRUE(reached ? now == "new " + name.toUtf8() : old.contains(now))
-                    << call.toStdString() << when << ' ' << now.toStdString();
+                EXPECT_EQ(
+                    readFile(project.filePath(name)), (reached ? "new " : "old ") + name.toUtf8())
+                    << call.toStdString() << when;
             }
             EXPECT_TRUE(recovering.recoverableFiles().empty());
         }
