@@ -56,7 +56,9 @@ void logStillRunning(const ProjectVFS::RecoverableInfo& info)
 ProjectVFS::ProjectVFS(const QString& path)
     : _impl(std::make_shared<detail::ProjectVFS_Impl>(path))
 {
-    xRestoreInterruptedCommits();
+    // A facade without a path stands for no project, although its root reads as ".".
+    if (!path.isEmpty())
+        xRestoreInterruptedCommits();
 }
 
 ProjectVFS::ProjectVFS(ProjectVFS&& other) noexcept = default;
