@@ -365,10 +365,7 @@ void ProjectVFS::xRestoreInterruptedCommits()
     for (const RecoverableInfo& info : recoverableFiles()) {
         const QString source = _impl->absoluteFilePath(info.sourcePath);
         const QString backup = _impl->makeBackupPath(source);
-        const QFileInfo sourceInfo(source);
-        const QFileInfo backupInfo(backup);
-        if (sourceInfo.exists() || sourceInfo.isSymLink()
-            || !(backupInfo.exists() || backupInfo.isSymLink()) || isOwnerRunning(info, program))
+        if (detail::isOnDisk(source) || !detail::isOnDisk(backup) || isOwnerRunning(info, program))
             continue;
         const std::string names = "'" + _impl->relativeFilePath(backup).toStdString() + "' to '"
             + info.sourcePath.toStdString() + "'";
