@@ -34,7 +34,9 @@ void logStillRunning(const ProjectVFS::RecoverableInfo& info)
 ProjectVFS::ProjectVFS(const QString& path)
     : _impl(std::make_shared<detail::ProjectVFS_Impl>(path))
 {
-    xRestoreInterruptedCommits();
+    // A facade without a path stands for no project, although its root reads as ".".
+    if (!path.isEmpty())
+        xRestoreInterruptedCommits();
 }
 
 ProjectVFS::ProjectVFS(ProjectVFS&& other) noexcept = default;
@@ -341,10 +343,7 @@ void ProjectVFS::xRestoreInterruptedCommits()
     for (const RecoverableInfo& info : recoverableFiles()) {
         const QString source = _impl->absoluteFilePath(info.sourcePath);
         const QString backup = _impl->makeBackupPath(source);
-        const QFileInfo sourceInfo(source);
-        const QFileInfo backupInfo(backup);
-        if (sourceInfo.exists() || sourceInfo.isSymLink()
-            || !(backupInfo.exists() || backupInfo.isSymLink()) || isOwnerRunning(info, program))
+        if (detail::isOnDisk(source) || !detail::isOnDisk(backup) || isOwnerRunning(info, program))
             continue;
         const std::string names = "'" + _impl->relativeFilePath(backup).toStdString() + "' to '"
             + info.sourcePath.toStdString() + "'";

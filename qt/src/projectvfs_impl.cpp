@@ -52,13 +52,6 @@ bool renameFile(const QString& from, const QString& to)
     return zo::os::rename(encoded(from).constData(), encoded(to).constData());
 }
 
-// Anything under that name, a dangling link included.
-bool isOnDisk(const QString& path)
-{
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
-}
-
 constexpr qint64 kCopyBlockSize = 1024 * 1024;
 
 // A short write sets no error; writing the rest either finishes or tells why it cannot.
@@ -397,6 +390,12 @@ void ProjectVFS_Impl::copy(VFSFile& file, const QString& newPath, bool overwrite
 void ProjectVFS_Impl::move(VFSFile& file, const QString& newPath, bool overwrite)
 {
     file.move(newPath, overwrite);
+}
+
+bool isOnDisk(const QString& path)
+{
+    const QFileInfo info(path);
+    return info.exists() || info.isSymLink();
 }
 
 QIODevice::OpenMode openModeOfStreamMode(const QString& mode)
