@@ -1,5 +1,7 @@
 #include <zo/project/fileutils.h>
 
+#include "decodedpath.h"
+
 #include <zo/os.h>
 #include <zo/treewalk.h>
 #include <zo/unicode.h>
@@ -156,11 +158,6 @@ private:
     bool _entered = false;
 };
 
-QString decodedPath(std::string_view path)
-{
-    return QFile::decodeName(QByteArray(path.data(), static_cast<int>(path.size())));
-}
-
 struct FolderLimits {
     unsigned int maxCount;
     unsigned long long maxSize;
@@ -191,7 +188,7 @@ std::vector<SizedEntry> sizedEntries(const std::string& directory)
         const zo::os::FileStatus* status
             = entry.type == zo::os::EntryType::File ? entry.status() : nullptr;
         if (isDirectory || status)
-            entries.push_back({ std::string(entry.name), decodedPath(entry.name), isDirectory,
+            entries.push_back({ std::string(entry.name), detail::decodedPath(entry.name), isDirectory,
                 status ? status->size : 0 });
         return zo::os::WalkStep::Continue;
     });
@@ -474,7 +471,7 @@ QStringList xListFiles(
             // Dangling links, fifos, sockets and devices are not listed.
             if (entry.type == zo::os::EntryType::File
                 || (includeDirs && entry.type == zo::os::EntryType::Directory))
-                listing.append(prefix + decodedPath(entry.path));
+                listing.append(prefix + detail::decodedPath(entry.path));
             return zo::os::WalkStep::Continue;
         });
     return listing;
