@@ -79,6 +79,16 @@ private:
 
     Entries::iterator removeEntry(const Entries::iterator& it);
     // Both paths absolute.
+    // A commit whose renames are done but not yet durable.
+    struct StagedCommit {
+        QString source;
+        QString swap;
+        QString backup;
+        bool backedUp;
+        bool swapRenamed;
+    };
+    StagedCommit stageCommit(const QString& source, const QString& swap);
+    void undoCommit(const StagedCommit& staged);
     void commitFile(const QString& source, const QString& swap);
 
     void throwIfDamaged(const QString& path) const;

@@ -151,6 +151,24 @@ TEST_F(Safety, EveryFailedDurabilityStepIsUndone)
         vfs.commit();
     }
 
+    // A whole-project commit syncs each directory once, after all renames: whatever step fails
+    // for e/b.txt, d/a.txt before it is committed and e/b.txt stays pending.
+    const Files newA { { "a.txt", "new" } };
+    const Files pendingB { { "b.txt", "old" },
+        { QFileInfo(vfs.makeSwapPath("b.txt")).fileName(), "new" } };
+    for (const auto& [step, nth] : { std::pair { Step::SyncFile, 2 }, { Step::Rename, 3 },
+             { Step::Rename, 4 }, { Step::SyncDirectory, 2 } }) {
+        for (const QString name : { "d/a.txt", "e/b.txt" }) {
+            writeFile(abs(name), "old");
+            vfs.open(name, QIODevice::WriteOnly)->write("new");
+        }
+        const std::string thrown = fails(step, nth, [&] { vfs.commit(); });
+        EXPECT_EQ(thrown.substr(thrown.size() - 5), "b.txt") << thrown;
+        EXPECT_EQ(filesIn(abs("d")), newA);
+        EXPECT_EQ(filesIn(abs("e")), pendingB);
+        vfs.commit();
+    }
+
     Project project = makeProject(abs("m").toStdString());
     const std::string target = "ArchiveError: '" + project.projectPath() + "/.metadata': cannot ";
     for (const auto& [step, thrown, left] : { std::tuple { Step::SyncFile, "write '", "old" },
@@ -190,6 +208,7 @@ TEST_F(Safety, FullDiskFailsClearlyAndKeepsTheSource)
         copy(abs("tree"), abs("disk/tree"), false);
     }).rfind("runtime_error: Copy file error: No space disk left. ", 0),
         0u);
+    EXPECT_FALSE(QFileInfo::exists(abs("disk/tree/big.bin"))) << "no partial file under the name";
     const std::string archive = abs("tree.tar").toStdString();
     exportProject(abs("tree").toStdString(), archive, ArchiveFormat::Tar);
     EXPECT_EQ(thrownBy([&] {
