@@ -3,6 +3,7 @@
 #include <zo/project/archive.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/project.h>
+#include <zo/project/projectmodel.h>
 #include <zo/project/projectvfs.h>
 #include <zo/project/projectwatcher.h>
 #include <zo/project/vfsfile.h>
@@ -23,10 +24,13 @@
 #include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
+using zo::project::ArchiveFormat;
 using zo::project::FileSystemEvent;
+using zo::project::ProjectModel;
 using zo::project::ProjectVFS;
 using zo::project::ProjectWatcher;
 
@@ -236,6 +240,82 @@ int runDemo(QCommandLineParser& parser)
     return demo(scratch.path());
 }
 
+using Workspace = ProjectModel::RecoverableWorkspace;
+
+void listWorkspaces(const std::vector<Workspace>& workspaces)
+{
+    if (workspaces.empty())
+        say(QStringLiteral("No workspace of an ended process under %1.").arg(QDir::tempPath()));
+    for (const Workspace& workspace : workspaces) {
+        say(QStringLiteral("%1\tprocess %2\tmodified %3\t%4")
+                .arg(QFileInfo(workspace.path).fileName())
+                .arg(workspace.pid)
+                .arg(workspace.lastModified.toString(Qt::ISODate),
+                    workspace.sourcePath.isEmpty() ? QStringLiteral("(no source)")
+                                                   : workspace.sourcePath));
+    }
+}
+
+// Saves the workspace to target (its source when empty); the workspace goes only once the
+// archive is written. It is copied into a model of its own rather than adopted, so that a
+// failed save leaves it where the next attempt finds it.
+int recoverWorkspace(const Workspace& workspace, QString target)
+{
+    const bool toSource = target.isEmpty();
+    if (toSource)
+        target = workspace.sourcePath;
+    if (target.isEmpty()) {
+        std::fprintf(stderr, "zoproject: %s has no source; give a path to save it to\n",
+            qUtf8Printable(workspace.path));
+        return 1;
+    }
+    ProjectModel model;
+    model.load(workspace.path, ArchiveFormat::Directory);
+    // Native is the source's own format, which a save asks for by detecting it.
+    const bool detect = !toSource || workspace.format == ArchiveFormat::Native;
+    model.save(target, detect ? ArchiveFormat::Auto : workspace.format, true);
+    ProjectModel::abandonWorkspace(workspace);
+    say(QStringLiteral("Saved %1 to %2").arg(workspace.path, target));
+    return 0;
+}
+
+int runWorkspaces(QCoreApplication& app, QCommandLineParser& parser)
+{
+    parser.clearPositionalArguments();
+    parser.addPositionalArgument(QStringLiteral("workspaces"),
+        QStringLiteral("List the archive workspaces that ended processes left, or:\n"
+                       "  recover WORKSPACE [PATH]  save one to its source archive or to PATH\n"
+                       "  abandon WORKSPACE         remove one"),
+        QStringLiteral("workspaces [recover WORKSPACE [PATH] | abandon WORKSPACE]"));
+    parser.process(app);
+    const QStringList arguments = parser.positionalArguments();
+    const QString action = arguments.value(1);
+    const std::vector<Workspace> workspaces = ProjectModel::recoverableWorkspaces();
+    if (arguments.size() == 1) {
+        listWorkspaces(workspaces);
+        return 0;
+    }
+    const bool recover = action == QLatin1String("recover") && arguments.size() <= 4;
+    const bool abandon = action == QLatin1String("abandon") && arguments.size() == 3;
+    if (!recover && !abandon)
+        return usageError(parser, "workspaces takes no arguments, recover or abandon");
+    const QString wanted = arguments.value(2);
+    const auto workspace
+        = std::find_if(workspaces.begin(), workspaces.end(), [&wanted](const Workspace& candidate) {
+              return candidate.path == wanted || QFileInfo(candidate.path).fileName() == wanted;
+          });
+    if (workspace == workspaces.end()) {
+        std::fprintf(stderr, "zoproject: no workspace of an ended process named %s\n",
+            qUtf8Printable(wanted));
+        return 1;
+    }
+    if (recover)
+        return recoverWorkspace(*workspace, arguments.value(3));
+    ProjectModel::abandonWorkspace(*workspace);
+    say(QStringLiteral("Removed %1").arg(workspace->path));
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -247,16 +327,21 @@ int main(int argc, char** argv)
         QStringLiteral("Crash-safe editing of project files.\n\n"
                        "Commands:\n"
                        "  demo [DIRECTORY]   edit, crash and recover in a scratch project\n"
-                       "  watch DIRECTORY    print the changes others make to a directory"));
+                       "  watch DIRECTORY    print the changes others make to a directory\n"
+                       "  workspaces         list and recover the work of archive projects that "
+                       "ended without saving"));
     parser.addHelpOption();
     parser.addVersionOption();
-    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("demo or watch"));
+    parser.addPositionalArgument(
+        QStringLiteral("command"), QStringLiteral("demo, watch or workspaces"));
     // Options belong to the command; the first pass only finds which one it is.
     parser.parse(QCoreApplication::arguments());
     const QString command = parser.positionalArguments().value(0);
     try {
         if (command == QLatin1String("watch"))
             return runWatch(app, parser);
+        if (command == QLatin1String("workspaces"))
+            return runWorkspaces(app, parser);
         parser.process(app);
         if (command == QLatin1String("demo"))
             return runDemo(parser);
