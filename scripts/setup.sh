@@ -8,6 +8,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   # the formatting check
   clang-format
+  # the crash test kills a committing process at each system call through it
+  strace
   # tools the archive interoperability tests compare against
   libarchive-tools unzip zip p7zip-full
 )

@@ -129,24 +129,27 @@ ArchiveFormat exportFormat(const std::string& destination)
     return isDirectory(destination) ? ArchiveFormat::Directory : formatFromName(destination);
 }
 
-void exportArchive(const std::string& source, const std::string& destination, ArchiveFormat format)
+void exportArchive(const std::string& source, const std::string& destination, ArchiveFormat format,
+    const ProgressCallback& progress)
 {
     AtomicFile file(destination);
     // The temporary archive lies inside the source when the destination does.
     TreeReader reader(source, inodeOf(file.fd(), destination));
+    reader.reportTo(progress);
     pack(reader, file.fd(), format, destination);
     file.commit();
 }
 
-void exportTree(const std::string& source, const std::string& destination)
+void exportTree(
+    const std::string& source, const std::string& destination, const ProgressCallback& progress)
 {
     std::string temp = tempTemplateBeside(destination);
     if (::mkdtemp(temp.data()) == nullptr)
         fail(destination, "cannot create a temporary directory beside it: " + systemError());
     TreeGuard guard(temp);
     const UniqueFd root = openDirectory(temp);
-    const Inode skip = inodeOf(root.get(), destination);
-    TreeReader reader(source, skip);
+    TreeReader reader(source, inodeOf(root.get(), destination));
+    reader.reportTo(progress);
     unpack(reader, root.get(), destination);
     const auto status = statusOf(source);
     if (!status || ::fchmod(root.get(), status->st_mode & 0777) != 0)
@@ -159,26 +162,50 @@ void exportTree(const std::string& source, const std::string& destination)
 
 void importProject(const std::string& source, const std::string& destination, ArchiveFormat format)
 {
+    importProject(source, destination, format, {});
+}
+
+bool importProject(const std::string& source, const std::string& destination, ArchiveFormat format,
+    const ProgressCallback& progress)
+{
     requireKnown(format);
     const Utf8Locale utf8;
     const ArchiveFormat resolved = format == ArchiveFormat::Auto ? importFormat(source) : format;
-    Destination target(destination);
-    if (resolved == ArchiveFormat::Directory)
-        requireApart(source, destination);
-    unpack(*openReader(source, resolved), target.fd(), source);
-    target.keep();
+    try {
+        Destination target(destination);
+        if (resolved == ArchiveFormat::Directory)
+            requireApart(source, destination);
+        const std::unique_ptr<EntryReader> reader = openReader(source, resolved);
+        reader->reportTo(progress);
+        unpack(*reader, target.fd(), source);
+        target.keep();
+        return true;
+    } catch (const Cancelled&) {
+        return false;
+    }
 }
 
 void exportProject(const std::string& source, const std::string& destination, ArchiveFormat format)
+{
+    exportProject(source, destination, format, {});
+}
+
+bool exportProject(const std::string& source, const std::string& destination, ArchiveFormat format,
+    const ProgressCallback& progress)
 {
     requireKnown(format);
     const Utf8Locale utf8;
     const ArchiveFormat resolved
         = format == ArchiveFormat::Auto ? exportFormat(destination) : format;
-    if (resolved == ArchiveFormat::Directory)
-        exportTree(source, destination);
-    else
-        exportArchive(source, destination, resolved);
+    try {
+        if (resolved == ArchiveFormat::Directory)
+            exportTree(source, destination, progress);
+        else
+            exportArchive(source, destination, resolved, progress);
+        return true;
+    } catch (const Cancelled&) {
+        return false;
+    }
 }
 
 ArchiveFormat detectFormat(const std::string& path)

@@ -77,7 +77,7 @@ DirectoryTree::Node DirectoryTree::child(Node parent, std::string_view name)
         return found->second;
     const Node node = _directories.size();
     _directories.push_back({ parent, std::string(name), depth(parent) + 1 });
-    _children.emplace(Child { parent, _directories.back().name }, node);
+    _children.emplace(NameIn<std::string_view> { parent, _directories.back().name }, node);
     return node;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,6 +13,23 @@
 #include <vector>
 
 namespace zo::project::internal {
+
+// A name in the directory node directory; Name holds the text or views it.
+template <typename Name> struct NameIn {
+    size_t directory;
+    Name name;
+
+    bool operator==(const NameIn& other) const
+    {
+        return directory == other.directory && name == other.name;
+    }
+    struct Hash {
+        size_t operator()(const NameIn& place) const
+        {
+            return std::hash<Name>()(place.name) ^ (place.directory * 0x9e3779b97f4a7c15);
+        }
+    };
+};
 
 // The directories below a root that an unpacking writes into. Each is a node that knows its
 // parent and its own name only, so that memory grows with the number of directories rather than
@@ -53,21 +71,6 @@ private:
         dev_t device = 0;
         ino_t inode = 0;
     };
-    struct Child {
-        Node parent;
-        std::string_view name;
-        bool operator==(const Child& other) const
-        {
-            return parent == other.parent && name == other.name;
-        }
-    };
-    struct ChildHash {
-        size_t operator()(const Child& child) const
-        {
-            return std::hash<std::string_view>()(child.name) ^ (child.parent * 0x9e3779b97f4a7c15);
-        }
-    };
-
     Node child(Node parent, std::string_view name);
     std::string pathOf(Node node) const;
     int openFd() const { return _openFd ? _openFd.get() : _rootFd; }
@@ -79,7 +82,7 @@ private:
     std::string _archive;
     // A deque keeps names in place, so the keys of _children may view them.
     std::deque<Directory> _directories;
-    std::unordered_map<Child, Node, ChildHash> _children;
+    std::unordered_map<NameIn<std::string_view>, Node, NameIn<std::string_view>::Hash> _children;
     // The path last asked for: archives list the entries of a directory together.
     std::string _lastPath;
     Node _lastNode = root;

@@ -3,6 +3,8 @@
 #include "errors.h"
 #include "formats.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <sys/stat.h>
 #include <utility>
 
@@ -20,10 +22,45 @@ bool EntryReader::nextHeader()
     const int status = archive_read_next_header2(_handle.get(), _entry.get());
     if (status == ARCHIVE_EOF)
         return false;
-    // Warnings too: a header libarchive had to guess at is not trusted.
-    if (status != ARCHIVE_OK)
+    if (status < ARCHIVE_WARN)
         fail(_path, errorText(_handle.get()));
+    // Other readers pass over what libarchive warns about (a malformed extension, a name not
+    // valid in its charset); the entry's checks still apply.
+    if (status == ARCHIVE_WARN)
+        warnEntry(_path, entryName(_entry.get()), errorText(_handle.get()));
     return true;
+}
+
+archive_entry* EntryReader::next()
+{
+    if (_inEntry)
+        ++_state.entriesDone;
+    archive_entry* entry = fetch();
+    _inEntry = entry != nullptr;
+    if (!entry) {
+        // All is read: whatever was counted in advance, the totals are what was done.
+        _state.entriesTotal = _state.entriesDone;
+        _state.bytesDone = _state.bytesTotal = std::max(consumed(), _state.bytesTotal);
+    }
+    report();
+    return entry;
+}
+
+void EntryReader::reportTo(const ProgressCallback& progress)
+{
+    if (!progress)
+        return;
+    _state = totals();
+    _progress = progress;
+}
+
+void EntryReader::report()
+{
+    if (!_progress)
+        return;
+    _state.bytesDone = std::max(_state.bytesDone, consumed());
+    if (!_progress(_state))
+        throw Cancelled();
 }
 
 bool EntryReader::read(Block& block)
@@ -32,9 +69,13 @@ bool EntryReader::read(Block& block)
     const int status = archive_read_data_block(_handle.get(), &block.data, &block.size, &offset);
     if (status == ARCHIVE_EOF)
         return false;
-    if (status != ARCHIVE_OK || offset < 0)
+    if (status < ARCHIVE_WARN || offset < 0)
         failEntry(_path, entryName(_entry.get()), errorText(_handle.get()));
+    if (status == ARCHIVE_WARN)
+        warnEntry(_path, entryName(_entry.get()), errorText(_handle.get()));
     block.offset = offset;
+    _dataRead += block.size;
+    report();
     return true;
 }
 
@@ -44,7 +85,22 @@ ArchiveFileReader::ArchiveFileReader(const std::string& path, ArchiveFormat form
 {
 }
 
-archive_entry* ArchiveFileReader::next()
+Progress ArchiveFileReader::totals() const
+{
+    std::error_code unknown;
+    const uintmax_t size = std::filesystem::file_size(_path, unknown);
+    Progress totals;
+    totals.bytesTotal = unknown ? 0 : static_cast<uint64_t>(size);
+    return totals;
+}
+
+uint64_t ArchiveFileReader::consumed() const
+{
+    // The last filter reads the file itself.
+    return static_cast<uint64_t>(std::max<la_int64_t>(archive_filter_bytes(_handle.get(), -1), 0));
+}
+
+archive_entry* ArchiveFileReader::fetch()
 {
     const bool first = !_started;
     _started = true;
@@ -91,7 +147,19 @@ TreeReader::TreeReader(const std::string& root, std::optional<Inode> skip)
         fail(root, errorText(handle));
 }
 
-archive_entry* TreeReader::next()
+Progress TreeReader::totals() const
+{
+    TreeReader counter(_path, _skip);
+    Progress totals;
+    while (archive_entry* entry = counter.next()) {
+        ++totals.entriesTotal;
+        if (archive_entry_filetype(entry) == AE_IFREG)
+            totals.bytesTotal += static_cast<uint64_t>(archive_entry_size(entry));
+    }
+    return totals;
+}
+
+archive_entry* TreeReader::fetch()
 {
     while (nextHeader()) {
         archive_entry* entry = _entry.get();

@@ -26,27 +26,51 @@ public:
     virtual ~EntryReader() = default;
 
     // The next entry, valid until the following call; null after the last one.
-    virtual archive_entry* next() = 0;
+    archive_entry* next();
     // The next data block of the current entry; false once its data is exhausted.
     bool read(Block& block);
     // The archive or directory, as errors name it.
     const std::string& path() const { return _path; }
+    // From now on reports to progress, if set, after every entry and block; a false answer
+    // throws Cancelled.
+    void reportTo(const ProgressCallback& progress);
 
 protected:
     EntryReader(std::string path, ReadArchive handle);
+    // The next entry of the input, as next() gives it.
+    virtual archive_entry* fetch() = 0;
+    // What is known of the whole input before reading it.
+    virtual Progress totals() const = 0;
+    // How much of the input was consumed so far: the bytes of data read unless overridden.
+    virtual uint64_t consumed() const { return _dataRead; }
     // Reads the next header into the current entry; false at the end.
     bool nextHeader();
 
     std::string _path;
     ReadArchive _handle;
     Entry _entry;
+
+private:
+    void report();
+
+    uint64_t _dataRead = 0;
+    ProgressCallback _progress;
+    Progress _state;
+    bool _inEntry = false;
 };
+
+// Thrown by a reader when its progress callback asks to stop.
+struct Cancelled { };
 
 // An archive file of one format.
 class ArchiveFileReader final : public EntryReader {
 public:
     ArchiveFileReader(const std::string& path, ArchiveFormat format);
-    archive_entry* next() override;
+
+protected:
+    archive_entry* fetch() override;
+    Progress totals() const override;
+    uint64_t consumed() const override;
 
 private:
     ArchiveFormat _format;
@@ -63,7 +87,11 @@ class TreeReader final : public EntryReader {
 public:
     // skip names a file or directory inside the tree left out with all it contains.
     TreeReader(const std::string& root, std::optional<Inode> skip);
-    archive_entry* next() override;
+
+protected:
+    archive_entry* fetch() override;
+    // The entries and bytes of data the tree holds, counted by a reader of its own.
+    Progress totals() const override;
 
 private:
     // The root's path and a slash, which entry names start with.

@@ -2,9 +2,17 @@
 
 #include <zo/project/archive.h>
 
+#include <zo/log.h>
+
 #include <cstring>
 
 namespace zo::project::internal {
+namespace {
+
+const char* const archiveLog = "ProjectArchive";
+const bool registered = (zo::log::addCategory(archiveLog), true);
+
+} // namespace
 
 void fail(const std::string& archive, const std::string& reason)
 {
@@ -14,6 +22,11 @@ void fail(const std::string& archive, const std::string& reason)
 void failEntry(const std::string& archive, const std::string& entry, const std::string& reason)
 {
     throw ArchiveError("'" + archive + "', entry '" + entry + "': " + reason);
+}
+
+void warnEntry(const std::string& archive, const std::string& entry, const std::string& text)
+{
+    zo::log::log(archiveLog, zo::log::Warning, "'" + archive + "', entry '" + entry + "': " + text);
 }
 
 std::string systemError(int error)

@@ -12,6 +12,9 @@ namespace zo::project::internal {
 [[noreturn]] void failEntry(
     const std::string& archive, const std::string& entry, const std::string& reason);
 
+// Logs "'<archive>', entry '<entry>': <text>" as a warning: something tolerated while reading.
+void warnEntry(const std::string& archive, const std::string& entry, const std::string& text);
+
 // The text of an errno value, to end a reason with.
 std::string systemError(int error = errno);
 

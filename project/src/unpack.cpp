@@ -66,22 +66,7 @@ std::pair<std::string_view, std::string_view> splitLast(std::string_view path)
     return { path.substr(0, slash), path.substr(slash + 1) };
 }
 
-// A name in a directory of the tree.
-struct Place {
-    Node parent;
-    std::string name;
-    bool operator==(const Place& other) const
-    {
-        return parent == other.parent && name == other.name;
-    }
-};
-
-struct PlaceHash {
-    size_t operator()(const Place& place) const
-    {
-        return std::hash<std::string>()(place.name) ^ (place.parent * 0x9e3779b97f4a7c15);
-    }
-};
+using Place = NameIn<std::string>;
 
 // Writes entries below a root directory through descriptors opened without following links.
 // What it created is removed again unless it finished.
@@ -131,7 +116,7 @@ private:
     uint64_t _written = 0;
     std::vector<PendingDirectory> _pending;
     // The regular files written so far: the only names a hard link may point to.
-    std::unordered_set<Place, PlaceHash> _files;
+    std::unordered_set<Place, Place::Hash> _files;
     // Files and links in creation order, for removal when unpacking fails.
     std::vector<Place> _created;
     bool _finished = false;
@@ -143,7 +128,7 @@ DiskWriter::~DiskWriter()
         return;
     try {
         for (auto place = _created.rbegin(); place != _created.rend(); ++place)
-            ::unlinkat(_tree.open(place->parent, {}, false), place->name.c_str(), 0);
+            ::unlinkat(_tree.open(place->directory, {}, false), place->name.c_str(), 0);
         for (const Node node : _tree.created())
             ::unlinkat(
                 _tree.open(_tree.parent(node), {}, false), _tree.name(node).c_str(), AT_REMOVEDIR);

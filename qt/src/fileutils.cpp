@@ -307,6 +307,11 @@ bool holdsSameData(const QFileInfo& srcInfo, const QString& dst)
     }
 }
 
+AlreadyExists destinationExists(const QString& dst)
+{
+    return AlreadyExists(message(QStringLiteral("Copy file error: %1 already exists"), dst));
+}
+
 std::runtime_error noSpaceError(
     const char* format, long long missing, const QString& src, const QString& dst)
 {
@@ -319,7 +324,7 @@ void copyFile(const QString& src, const QString& dst, const QFileInfo& srcInfo,
 {
     if (dstInfo.exists()) {
         if (!overwrite) {
-            throw AlreadyExists(message(QStringLiteral("Copy file error: %1 already exists"), dst));
+            throw destinationExists(dst);
         }
         if (!dstInfo.isWritable()) {
             throw IOWriteError(message(
@@ -375,11 +380,10 @@ void copyDirectory(const QString& src, const QString& dst, const QFileInfo& dstI
     if (!dstInfo.exists()) {
         makeDirectory(dst);
     } else if (!overwrite) {
-        throw AlreadyExists(message(QStringLiteral("Copy file error: %1 already exists"), dst));
-    } else if (dstInfo.isDir() && !dstInfo.isSymLink()) {
+        throw destinationExists(dst);
+    } else if (dstInfo.isDir()) {
         stale = QDir(dst).entryList(kEveryEntry, QDir::NoSort);
     } else {
-        // A link is replaced, never written or deleted through.
         remove(dst);
         makeDirectory(dst);
     }
@@ -397,7 +401,7 @@ void copyDirectory(const QString& src, const QString& dst, const QFileInfo& dstI
 void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPath& descent)
 {
     const QFileInfo srcInfo(src);
-    const QFileInfo dstInfo(dst);
+    QFileInfo dstInfo(dst);
     if (!srcInfo.exists()) {
         throw PathNotFound(message(QStringLiteral("Copy file error: %1 not found"), src));
     }
@@ -416,6 +420,16 @@ void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPa
         throw IOWriteError(
             message(QStringLiteral("Copy file error: destination directory is not writable: %1"),
                 parentInfo.absolutePath()));
+    }
+    // A link in the destination's place is replaced, never written through; a dangling one
+    // does not exist as far as QFileInfo knows, but is in the way all the same.
+    const QFileInfo dstEntry = namedEntry(dst);
+    if (dstEntry.isSymLink()) {
+        if (!overwrite) {
+            throw destinationExists(dst);
+        }
+        removeFile(dstEntry.filePath());
+        dstInfo.refresh();
     }
     if (srcInfo.isFile()) {
         copyFile(src, dst, srcInfo, dstInfo, overwrite);

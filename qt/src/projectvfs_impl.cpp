@@ -52,6 +52,18 @@ bool isOnDisk(const QString& path)
 
 constexpr qint64 kCopyBlockSize = 1024 * 1024;
 
+// A short write sets no error; writing the rest either finishes or tells why it cannot.
+bool writeWhole(QIODevice& out, const QByteArray& block)
+{
+    for (qint64 written = 0; written < block.size();) {
+        const qint64 step = out.write(block.constData() + written, block.size() - written);
+        if (step <= 0)
+            return false;
+        written += step;
+    }
+    return true;
+}
+
 // Copies source to target through a file that gets its name only once it is complete, so that
 // neither a failure nor a crash leaves a short swap file behind. Returns why it failed, or an
 // empty text.
@@ -61,11 +73,13 @@ QString copyToNewFile(const QString& source, const QString& target)
     if (!in.open(QIODevice::ReadOnly))
         return in.errorString();
     QSaveFile out(target);
-    // The permissions are set before any content, so that a private file stays private.
-    if (!out.open(QIODevice::WriteOnly) || !out.setPermissions(in.permissions()))
+    // Unbuffered, so that every failure is seen by the write that meets it. The permissions
+    // are set before any content, so that a private file stays private.
+    if (!out.open(QIODevice::WriteOnly | QIODevice::Unbuffered)
+        || !out.setPermissions(in.permissions()))
         return out.errorString();
     for (QByteArray block; !(block = in.read(kCopyBlockSize)).isEmpty();) {
-        if (out.write(block) != block.size())
+        if (!writeWhole(out, block))
             return out.errorString();
     }
     if (in.error() != QFileDevice::NoError)

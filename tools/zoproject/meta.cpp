@@ -1,0 +1,104 @@
+// The meta command: reads or sets the metadata of a project directory or archive.
+#include "command.h"
+#include "source.h"
+
+#include <zo/os.h>
+#include <zo/project/project.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonObject>
+#include <QScopeGuard>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace zo::cli {
+namespace {
+
+using Metadata = std::map<std::string, std::string>;
+
+void printMetadata(const Metadata& metadata, bool json)
+{
+    QJsonObject object;
+    for (const auto& [key, value] : metadata) {
+        if (json)
+            object.insert(QString::fromStdString(key), QString::fromStdString(value));
+        else
+            print(QString::fromStdString(key + "=" + value));
+    }
+    if (json)
+        printJson(QJsonDocument(object));
+}
+
+// Packs the unpacked, changed project into a hidden file beside the archive and renames it
+// over the archive: readers see the old archive or the new one, never a part of either.
+void replaceArchive(const ProjectSource& source)
+{
+    const QFileInfo archive(source.path());
+    const QString packed
+        = archive.absoluteDir().filePath(QStringLiteral(".%1.%2.tmp")
+                                             .arg(archive.fileName())
+                                             .arg(QCoreApplication::applicationPid()));
+    auto removePacked = qScopeGuard([&packed] { QFile::remove(packed); });
+    zo::project::exportProject(
+        source.directory().toStdString(), packed.toStdString(), source.format());
+    QFile::setPermissions(packed, archive.permissions());
+    // The new archive reaches the disk before its name replaces the old one.
+    const QByteArray from = QFile::encodeName(packed);
+    const QByteArray to = QFile::encodeName(archive.absoluteFilePath());
+    if (!zo::os::syncFile(from.constData()) || !zo::os::rename(from.constData(), to.constData()))
+        throw std::runtime_error(
+            "cannot replace '" + archive.filePath().toStdString() + "': " + std::strerror(errno));
+    removePacked.dismiss();
+    // The new archive is complete either way; only the rename's durability is at stake.
+    zo::os::syncDirectory(QFile::encodeName(archive.absolutePath()).constData());
+}
+
+int meta(const QCommandLineParser& parser)
+{
+    const QStringList arguments = parser.positionalArguments();
+    const bool setting = arguments.size() == 3;
+    const ProjectSource source(
+        arguments[0], setting ? ProjectSource::Unpack::Beside : ProjectSource::Unpack::InTemp);
+    zo::project::Project project(source.directory().toStdString());
+    if (setting) {
+        project.setMetadata(arguments[1].toStdString(), arguments[2].toStdString());
+        if (source.isArchive())
+            replaceArchive(source);
+        return kSuccess;
+    }
+    Metadata metadata = project.getMetadata();
+    if (arguments.size() == 1) {
+        printMetadata(metadata, jsonRequested(parser));
+        return kSuccess;
+    }
+    const std::string key = arguments[1].toStdString();
+    const auto found = metadata.find(key);
+    if (found == metadata.end())
+        throw std::runtime_error(
+            "'" + arguments[0].toStdString() + "': no metadata key '" + key + "'");
+    if (jsonRequested(parser))
+        printMetadata({ *found }, true);
+    else
+        print(QString::fromStdString(found->second));
+    return kSuccess;
+}
+
+} // namespace
+
+Command metaCommand()
+{
+    return { QStringLiteral("meta"), QStringLiteral("Print or set a project's metadata."),
+        QStringLiteral("ARCHIVE|DIR [KEY [VALUE]]"),
+        { { QStringLiteral("ARCHIVE|DIR"), QStringLiteral("A project archive or directory.") },
+            { QStringLiteral("KEY"), QStringLiteral("The one key to print or set.") },
+            { QStringLiteral("VALUE"),
+                QStringLiteral("Its new value; an archive is rewritten with it.") } },
+        1, 3, { jsonOption() }, meta };
+}
+
+} // namespace zo::cli

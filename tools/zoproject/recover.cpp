@@ -1,0 +1,193 @@
+// The recover command: takes over or drops the swap files ended processes left below a
+// project, and never touches those of a process that still runs. Opening the project has put
+// the backups of interrupted commits back already (see scan.h).
+#include "command.h"
+#include "scan.h"
+#include "workspaces.h"
+
+#include <zo/project/exceptions.h>
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <functional>
+#include <map>
+
+namespace zo::cli {
+namespace {
+
+using zo::project::ProjectVFS;
+
+const QString kAll = QStringLiteral("all");
+const QString kAbandon = QStringLiteral("abandon");
+const QString kDryRun = QStringLiteral("dry-run");
+const QString kWorkspace = QStringLiteral("workspace");
+
+// PATH arguments, relative to the project root; each selects itself and what lies below it.
+class Selection {
+public:
+    Selection(const QDir& root, const QStringList& paths)
+    {
+        for (const QString& path : paths)
+            _paths[QDir::cleanPath(root.relativeFilePath(root.absoluteFilePath(path)))] = false;
+    }
+
+    bool everything() const { return _paths.empty(); }
+
+    bool selects(const QStringList& candidates)
+    {
+        bool selected = everything();
+        for (auto& [path, used] : _paths)
+            for (const QString& candidate : candidates)
+                if (path == QLatin1String(".") || candidate == path
+                    || candidate.startsWith(path + QLatin1Char('/'))) {
+                    used = true;
+                    selected = true;
+                }
+        return selected;
+    }
+
+    // Checked before anything is done, so a typing error changes nothing.
+    void requireAllUsed() const
+    {
+        for (const auto& [path, used] : _paths)
+            if (!used)
+                throw std::runtime_error("'" + path.toStdString() + "': no swap file there");
+    }
+
+private:
+    std::map<QString, bool> _paths;
+};
+
+class Recovery {
+public:
+    Recovery(ProjectVFS& project, const QCommandLineParser& parser)
+        : _project(project)
+        , _abandon(parser.isSet(kAbandon))
+        , _dryRun(parser.isSet(kDryRun))
+    {
+    }
+
+    void run(const std::vector<SwapFile>& found, Selection& selection)
+    {
+        std::vector<SwapFile> swapFiles;
+        for (const SwapFile& swap : found)
+            if (selection.selects({ swap.info.sourcePath, swap.info.swapPath }))
+                swapFiles.push_back(swap);
+        selection.requireAllUsed();
+        if (!_abandon)
+            requireOneSwapPerSource(swapFiles);
+        for (const SwapFile& swap : swapFiles)
+            handle(swap);
+    }
+
+private:
+    // Recovering two swap files of one source would silently drop the first one's content.
+    static void requireOneSwapPerSource(const std::vector<SwapFile>& swapFiles)
+    {
+        std::map<QString, QStringList> bySource;
+        for (const SwapFile& swap : swapFiles)
+            if (swap.recoverable())
+                bySource[swap.info.sourcePath] << swap.info.swapPath;
+        for (const auto& [source, swaps] : bySource)
+            if (swaps.size() > 1)
+                throw std::runtime_error("'" + source.toStdString()
+                    + "': several swap files of ended processes (" + swaps.join(", ").toStdString()
+                    + "); name the one to recover and abandon the others");
+    }
+
+    void step(const QString& done, const QString& planned, const std::function<void()>& work)
+    {
+        if (_dryRun) {
+            print(planned);
+            return;
+        }
+        work();
+        print(done);
+    }
+
+    void handle(const SwapFile& swap)
+    {
+        const auto& info = swap.info;
+        if (swap.owner.running) {
+            print(QStringLiteral("left %1 alone: its process %2 (%3) still runs")
+                      .arg(info.swapPath)
+                      .arg(info.pid)
+                      .arg(swap.owner.program));
+            return;
+        }
+        if (_abandon) {
+            step(QStringLiteral("abandoned %1").arg(info.swapPath),
+                QStringLiteral("would abandon %1").arg(info.swapPath),
+                [&] { _project.abandonFile(info); });
+            return;
+        }
+        step(QStringLiteral("recovered %1 from %2").arg(info.sourcePath, info.swapPath),
+            QStringLiteral("would recover %1 from %2").arg(info.sourcePath, info.swapPath), [&] {
+                _project.recoverFile(info);
+                commit(info.sourcePath);
+            });
+    }
+
+    // A commit that meets the leftover backup of an earlier commit whose source is in place
+    // removes it and stops; the second attempt then goes through.
+    void commit(const QString& path)
+    {
+        try {
+            _project.commit(path);
+        } catch (const zo::project::exception::SourceFileBackupRemove&) {
+            _project.commit(path);
+        }
+    }
+
+    ProjectVFS& _project;
+    const bool _abandon;
+    const bool _dryRun;
+};
+
+int recover(const QCommandLineParser& parser)
+{
+    QStringList arguments = parser.positionalArguments();
+    if (parser.isSet(kWorkspace)) {
+        if (parser.isSet(kAll) || arguments.size() > 1)
+            throw UsageError("--workspace takes at most one PATH to save to");
+        recoverWorkspace(parser.value(kWorkspace), arguments.value(0), parser.isSet(kAbandon),
+            parser.isSet(kDryRun));
+        return kSuccess;
+    }
+    const QString directory = !arguments.isEmpty() && QFileInfo(arguments.first()).isDir()
+        ? arguments.takeFirst()
+        : QStringLiteral(".");
+    if (parser.isSet(kAll) != arguments.isEmpty())
+        throw UsageError(arguments.isEmpty() ? "name what to recover, or give --all"
+                                             : "--all and PATH arguments exclude each other");
+    ProjectVFS project(projectDirectory(directory));
+    Selection selection(QDir(project.path()), arguments);
+    Recovery(project, parser).run(scanProject(project), selection);
+    return kSuccess;
+}
+
+} // namespace
+
+Command recoverCommand()
+{
+    return { QStringLiteral("recover"),
+        QStringLiteral("Recover or abandon the swap files of ended processes."),
+        QStringLiteral("[DIR] [PATH...]"),
+        { { QStringLiteral("DIR"),
+              QStringLiteral("The project directory (default: the current directory).") },
+            { QStringLiteral("PATH"),
+                QStringLiteral("A file, its swap file, or a directory, relative to DIR: what "
+                               "to recover.") } },
+        0, kAnyNumber,
+        { QCommandLineOption(kAll, QStringLiteral("Recover everything below DIR.")),
+            QCommandLineOption(kAbandon, QStringLiteral("Delete the swap files instead.")),
+            QCommandLineOption(kDryRun, QStringLiteral("Only say what would be done.")),
+            QCommandLineOption(kWorkspace,
+                QStringLiteral("Save the archive workspace NAME (see status) to its source "
+                               "archive, or to PATH when given, and remove it."),
+                QStringLiteral("NAME")) },
+        recover };
+}
+
+} // namespace zo::cli

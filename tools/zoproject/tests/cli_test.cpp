@@ -1,0 +1,257 @@
+// The zoproject program as people run it, on scratch projects.
+#include <zo/test/support.h>
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+#include <memory>
+
+namespace {
+
+using zo::test::readFile;
+using zo::test::writeFile;
+
+struct Outcome {
+    int status;
+    QByteArray out;
+    QByteArray err;
+};
+
+Outcome zoproject(const QStringList& arguments, const QString& workingDirectory = QString())
+{
+    QProcess process;
+    process.setWorkingDirectory(workingDirectory);
+    process.start(QStringLiteral(ZOPROJECT_PROGRAM), arguments);
+    EXPECT_TRUE(process.waitForFinished(60000)) << arguments.join(' ').toStdString();
+    return { process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError() };
+}
+
+QJsonObject jsonOf(const Outcome& run)
+{
+    return QJsonDocument::fromJson(run.out).object();
+}
+
+class Cli : public testing::Test {
+protected:
+    QString path(const QString& name) const { return QDir(scratch.path()).filePath(name); }
+
+    // A process named like this program, so that any liveness test sees the same program.
+    void startNamedLikeUs(QProcess& process)
+    {
+        const QString named = path(QStringLiteral("bin/zoproject"));
+        QDir().mkpath(path(QStringLiteral("bin")));
+        QFile::link(QStandardPaths::findExecutable(QStringLiteral("sleep")), named);
+        process.start(named, { QStringLiteral("60") });
+        ASSERT_TRUE(process.waitForStarted());
+    }
+
+    qint64 endedProcessId()
+    {
+        QProcess process;
+        startNamedLikeUs(process);
+        const qint64 id = process.processId();
+        process.kill();
+        process.waitForFinished();
+        return id;
+    }
+
+    QTemporaryDir scratch;
+};
+
+TEST_F(Cli, UsageErrorsExitWithStatusTwoAndHelpWithZero)
+{
+    const struct {
+        QStringList arguments;
+        int status;
+    } rows[] = {
+        { {}, 2 },
+        { { "frob" }, 2 },
+        { { "--frob" }, 2 },
+        { { "status", "--frob" }, 2 },
+        { { "status", "a", "b" }, 2 },
+        { { "pack", "only-one" }, 2 },
+        { { "pack", "--format", "rar", "a", "b" }, 2 },
+        { { "recover" }, 2 },
+        { { "help", "frob" }, 2 },
+        { { "--help" }, 0 },
+        { { "help", "meta" }, 0 },
+        { { "ls", "--help" }, 0 },
+        { { "--version" }, 0 },
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.arguments.join(' ').toStdString());
+        const Outcome run = zoproject(row.arguments, scratch.path());
+        EXPECT_EQ(run.status, row.status) << run.err.toStdString();
+        EXPECT_TRUE((row.status == 2 ? run.err : run.out).contains("zoproject"));
+        if (row.status == 2) {
+            EXPECT_TRUE(
+                run.err.startsWith("zoproject: ") && run.err.contains("\nusage: zoproject"));
+        }
+    }
+}
+
+// Both commits were interrupted between their renames: each source lies in its backup.
+TEST_F(Cli, StatusAndRecoverSpareTheFilesOfARunningProcess)
+{
+    const QString project = path(QStringLiteral("project"));
+    writeFile(project + "/notes.txtbck", "saved\n");
+    writeFile(project + "/docs/main.xmlbck", "saved\n");
+    const qint64 ended = endedProcessId();
+    QProcess running;
+    startNamedLikeUs(running);
+    const QString endedSwap = QStringLiteral(".notes.txt.%1.csp").arg(ended);
+    const QString runningSwap = QStringLiteral("docs/.main.xml.%1.csp").arg(running.processId());
+    writeFile(project + "/" + endedSwap, "unsaved work\n");
+    writeFile(project + "/" + runningSwap, "work in progress\n");
+
+    Outcome status = zoproject({ "status", "--json", project });
+    EXPECT_EQ(status.status, 3);
+    QJsonObject json = jsonOf(status);
+    EXPECT_EQ(json["recoverable"].toInt(), 1);
+    for (const auto& swap : json["swapFiles"].toArray()) {
+        const QJsonObject object = swap.toObject();
+        const bool isRunning = object["swapPath"].toString() == runningSwap;
+        EXPECT_EQ(object["ownerRunning"].toBool(), isRunning);
+        EXPECT_EQ(object["pid"].toInt(), isRunning ? running.processId() : ended);
+        EXPECT_EQ(object["sourcePath"].toString(), isRunning ? "docs/main.xml" : "notes.txt");
+        EXPECT_EQ(object["size"].toInt(), isRunning ? 17 : 13);
+        EXPECT_EQ(object["backupPath"].toString(), isRunning ? "docs/main.xmlbck" : "");
+    }
+    EXPECT_EQ(json["swapFiles"].toArray().size(), 2);
+    EXPECT_EQ(readFile(project + "/notes.txt"), "saved\n");
+
+    EXPECT_EQ(zoproject({ "recover", "--all", "--dry-run" }, project).status, 0);
+    EXPECT_EQ(readFile(project + "/notes.txt"), "saved\n");
+    const Outcome abandon = zoproject({ "recover", project, "docs", "--abandon" });
+    EXPECT_EQ(abandon.status, 0) << abandon.err.toStdString();
+    EXPECT_TRUE(abandon.out.contains(runningSwap.toUtf8() + " alone")) << abandon.out.toStdString();
+
+    const Outcome recover = zoproject({ "recover", "--all" }, project);
+    EXPECT_EQ(recover.status, 0) << recover.err.toStdString();
+    EXPECT_EQ(readFile(project + "/notes.txt"), "unsaved work\n");
+    EXPECT_FALSE(QFile::exists(project + "/" + endedSwap));
+    EXPECT_EQ(readFile(project + "/" + runningSwap), "work in progress\n");
+    EXPECT_EQ(readFile(project + "/docs/main.xmlbck"), "saved\n");
+
+    status = zoproject({ "status", "--json" }, project);
+    EXPECT_EQ(status.status, 0);
+    EXPECT_EQ(jsonOf(status)["recoverable"].toInt(), 0);
+    running.kill();
+    running.waitForFinished();
+}
+
+TEST_F(Cli, RecoverRefusesTwoSwapFilesOfOneSourceUntilOneIsNamed)
+{
+    const QString project = path(QStringLiteral("project"));
+    writeFile(project + "/notes.txt", "saved\n");
+    const QString first = QStringLiteral(".notes.txt.%1.csp").arg(endedProcessId());
+    const QString second = QStringLiteral(".notes.txt.%1.csp").arg(endedProcessId());
+    writeFile(project + "/" + first, "first\n");
+    writeFile(project + "/" + second, "second\n");
+
+    const Outcome refused = zoproject({ "recover", "--all" }, project);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_TRUE(refused.err.contains("'notes.txt': several swap files"))
+        << refused.err.toStdString();
+    EXPECT_EQ(readFile(project + "/" + first), "first\n");
+    EXPECT_EQ(zoproject({ "recover", project, "missing.txt" }).status, 1);
+
+    EXPECT_EQ(zoproject({ "recover", project, second }).status, 0);
+    EXPECT_EQ(zoproject({ "recover", project, "notes.txt", "--abandon" }).status, 0);
+    EXPECT_EQ(readFile(project + "/notes.txt"), "second\n");
+    EXPECT_EQ(QDir(project).entryList(QDir::Files | QDir::Hidden), QStringList { "notes.txt" });
+}
+
+TEST_F(Cli, PackAndUnpackRoundTripKeepFilesAndMetadata)
+{
+    const QString project = path(QStringLiteral("project"));
+    writeFile(project + "/docs/main.xml", "<doc/>\n");
+    writeFile(project + "/.hidden", "hidden\n");
+    ASSERT_EQ(zoproject({ "meta", project, "title", "Round trip" }).status, 0);
+    const QJsonObject files = jsonOf(zoproject({ "ls", "--json", project }));
+    ASSERT_EQ(files["files"].toArray().size(), 2);
+
+    const struct {
+        QString archive;
+        QStringList format;
+        QString detected;
+    } rows[] = {
+        { "project.tar.gz", {}, "tar.gz" },
+        { "nameless", { "--format", "7z" }, "7z" },
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.archive.toStdString());
+        const QString archive = path(row.archive);
+        const QString unpacked = path(row.archive + ".d");
+        EXPECT_EQ(zoproject(QStringList { "pack", project, archive } + row.format).status, 0);
+        const QJsonObject listed = jsonOf(zoproject({ "ls", "--json", archive }));
+        EXPECT_EQ(listed["format"].toString(), row.detected);
+        EXPECT_EQ(listed["files"], files["files"]);
+        EXPECT_EQ(zoproject(QStringList { "unpack", archive, unpacked } + row.format).status, 0);
+        EXPECT_EQ(readFile(unpacked + "/docs/main.xml"), "<doc/>\n");
+        EXPECT_EQ(zoproject({ "meta", unpacked, "title" }).out, "Round trip\n");
+    }
+}
+
+TEST_F(Cli, MetaOnAnArchiveReplacesItWholeOrNotAtAll)
+{
+    const QString project = path(QStringLiteral("project"));
+    const QString archive = path(QStringLiteral("shelf/project.zop"));
+    writeFile(project + "/notes.txt", "notes\n");
+    QDir().mkpath(path("shelf"));
+    ASSERT_EQ(zoproject({ "pack", project, archive }).status, 0);
+
+    EXPECT_EQ(zoproject({ "meta", archive, "title", "Shelved" }).status, 0);
+    EXPECT_EQ(zoproject({ "meta", "--json", archive }).out, "{\n    \"title\": \"Shelved\"\n}\n");
+    EXPECT_EQ(QDir(path("shelf")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+        QStringList { "project.zop" });
+    const Outcome missing = zoproject({ "meta", archive, "author" });
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.err, "zoproject: '" + archive.toUtf8() + "': no metadata key 'author'\n");
+
+    const QByteArray before = readFile(archive);
+    const zo::test::ScopedMount readOnly(path("shelf"));
+    if (!readOnly.mounted)
+        GTEST_SKIP() << "no read-only bind mount here";
+    EXPECT_EQ(zoproject({ "meta", archive, "title", "Refused" }).status, 1);
+    EXPECT_EQ(readFile(archive), before);
+}
+
+TEST_F(Cli, HostileArchiveIsRefusedNamingTheEntryAndWritesNothing)
+{
+    const std::string archive = path(QStringLiteral("hostile.tar")).toStdString();
+    const std::unique_ptr<struct archive, int (*)(struct archive*)> writer(
+        archive_write_new(), archive_write_free);
+    archive_write_set_format_pax_restricted(writer.get());
+    ASSERT_EQ(archive_write_open_filename(writer.get(), archive.c_str()), ARCHIVE_OK);
+    for (const char* name : { "fine.txt", "../outside/pwned" }) {
+        const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(
+            archive_entry_new(), archive_entry_free);
+        archive_entry_set_pathname(entry.get(), name);
+        archive_entry_set_filetype(entry.get(), AE_IFREG);
+        archive_entry_set_size(entry.get(), 4);
+        ASSERT_EQ(archive_write_header(writer.get(), entry.get()), ARCHIVE_OK);
+        archive_write_data(writer.get(), "evil", 4);
+    }
+    ASSERT_EQ(archive_write_close(writer.get()), ARCHIVE_OK);
+
+    const Outcome run
+        = zoproject({ "unpack", "hostile.tar", "sandbox/destination" }, scratch.path());
+    EXPECT_EQ(run.status, 1);
+    EXPECT_TRUE(run.err.startsWith("zoproject: 'hostile.tar', entry '../outside/pwned': "))
+        << run.err.toStdString();
+    EXPECT_EQ(QDir(scratch.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+        QStringList { "hostile.tar" });
+}
+
+} // namespace
