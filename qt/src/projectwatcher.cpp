@@ -45,12 +45,9 @@ void forEachFile(const QString& start, bool showHidden, const FileVisitor& visit
     });
 }
 
-// Milliseconds the way Qt reports a modification time, so that a time set through Qt compares
-// equal to the one read back.
 detail::FileStamp stampOf(const zo::os::FileStatus& status)
 {
-    return detail::FileStamp { status.modifiedSeconds * 1000 + status.modifiedNanoseconds / 1000000,
-        static_cast<quint32>(status.size) };
+    return detail::FileStamp { status.modifiedMilliseconds(), static_cast<quint32>(status.size) };
 }
 
 // Drops the removals below a removed path from the map: the caller hears of the top one only.

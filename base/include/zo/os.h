@@ -26,6 +26,10 @@ ZO_EXPORT bool syncFile(int descriptor);
 ZO_EXPORT bool syncDirectory(const char* path);
 // Renames from to to, replacing what to names (a link there is replaced, never followed).
 ZO_EXPORT bool rename(const char* from, const char* to);
+// Swaps what the two paths name in one step, so that a directory replaces another one
+// atomically; fails where the file system cannot (then nothing changed). A fault set for
+// Rename applies to it too.
+ZO_EXPORT bool exchange(const char* first, const char* second);
 
 // Copies the regular file from to the new name to, which must not exist. The content goes to
 // an unnamed (or hidden) file in to's directory that takes the name only once it is complete,
