@@ -179,6 +179,11 @@ void clear()
 
 } // namespace fault
 
+bool isTerminal(int descriptor)
+{
+    return ::isatty(descriptor) == 1;
+}
+
 int signalPipe(std::initializer_list<int> signalNumbers)
 {
     static int readEnd = -1;

@@ -144,7 +144,7 @@ void withProgress(const QCommandLineParser& parser, const QString& destination,
     bool finished = false;
     {
         ProgressBar bar(
-            !parser.isSet(quietOption().names().constLast()) && ::isatty(STDERR_FILENO));
+            !parser.isSet(quietOption().names().constLast()) && zo::os::isTerminal(STDERR_FILENO));
         finished = work([&](const Progress& progress) {
             bar.update(progress);
             return !stop.received();

@@ -53,6 +53,9 @@ struct Process {
 // The process with this id; none when there is none.
 ZO_EXPORT std::optional<Process> findProcess(pid_t pid);
 
+// Whether the descriptor is a terminal, where progress may be drawn.
+ZO_EXPORT bool isTerminal(int descriptor);
+
 // Turns the given signals (SIGINT, SIGTERM, ...) into bytes on a pipe, for an event loop to
 // watch: each delivery writes the signal's number as one byte. Returns the pipe's read end,
 // the same one on every call; -1 on failure, with errno set. The handlers stay for the life
