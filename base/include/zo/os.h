@@ -31,6 +31,15 @@ ZO_EXPORT bool rename(const char* from, const char* to);
 // Rename applies to it too.
 ZO_EXPORT bool exchange(const char* first, const char* second);
 
+// Copies the regular file from to the new name to, which must not exist. The content goes to
+// an unnamed (or hidden) file in to's directory that takes the name only once it is complete,
+// so that no partial file is ever seen under to. Blocks are shared where the file system can
+// (a reflink), else copied inside the kernel. Nothing is synced: a caller that copies many
+// files syncs once at the end (syncFileSystem). False with errno set on failure.
+ZO_EXPORT bool copyFile(const char* from, const char* to);
+// Flushes everything written to the file system that holds path (syncfs).
+ZO_EXPORT bool syncFileSystem(const char* path);
+
 // A process as the system shows it.
 struct Process {
     // The first NUL- or blank-delimited word of its command line: the program as it was
