@@ -27,31 +27,22 @@ protected:
     const std::string source = pathIn(dir, "source");
 };
 
-TEST_F(Formats, DetectedByExtensionForPathsThatDoNotExist)
+TEST_F(Formats, DetectedByContentAndForPathsThatDoNotExistByName)
 {
+    // One name of each format, short and upper-case ones among them.
     const std::pair<const char*, ArchiveFormat> names[]
         = { { "a.zop", ArchiveFormat::Native }, { "a.ZIP", ArchiveFormat::Zip },
-              { "a.tar", ArchiveFormat::Tar }, { "a.tar.gz", ArchiveFormat::TarGz },
-              { "a.tgz", ArchiveFormat::TarGz }, { "a.tar.bz2", ArchiveFormat::TarBz2 },
-              { "a.tbz2", ArchiveFormat::TarBz2 }, { "a.tar.xz", ArchiveFormat::TarXz },
-              { "a.TXZ", ArchiveFormat::TarXz }, { "a.tar.zst", ArchiveFormat::TarZstd },
-              { "a.tzst", ArchiveFormat::TarZstd }, { "a.7z", ArchiveFormat::SevenZip } };
+              { "a.tar", ArchiveFormat::Tar }, { "a.tgz", ArchiveFormat::TarGz },
+              { "a.tar.bz2", ArchiveFormat::TarBz2 }, { "a.TXZ", ArchiveFormat::TarXz },
+              { "a.tar.zst", ArchiveFormat::TarZstd }, { "a.7z", ArchiveFormat::SevenZip } };
     for (const auto& [name, format] : names)
         EXPECT_EQ(detectFormat(path(name)), format) << name;
     for (const char* name : { "a.rar", "a.gz", "plain", "a.zip.part" })
         EXPECT_THROW(detectFormat(path(name)), UnsupportedFormat) << name;
     EXPECT_EQ(detectFormat(dir.path().toStdString()), ArchiveFormat::Directory);
-}
 
-TEST_F(Formats, DetectedByContentForExistingFiles)
-{
-    for (const ArchiveFormat format :
-        { ArchiveFormat::Zip, ArchiveFormat::Tar, ArchiveFormat::TarGz, ArchiveFormat::TarBz2,
-            ArchiveFormat::TarXz, ArchiveFormat::TarZstd, ArchiveFormat::SevenZip }) {
-        // Misleading names: content decides.
-        exportProject(source, path("archive.tar.gz"), format);
-        EXPECT_EQ(detectFormat(path("archive.tar.gz")), format) << static_cast<int>(format);
-    }
+    // The round-trip test names every format misleadingly; only a zip is told from a native
+    // project by its name.
     exportProject(source, path("native.ZOP"), ArchiveFormat::Zip);
     EXPECT_EQ(detectFormat(path("native.ZOP")), ArchiveFormat::Native);
     exportProject(source, path("tar.zop"), ArchiveFormat::Tar);
