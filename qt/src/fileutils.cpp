@@ -188,8 +188,8 @@ std::vector<SizedEntry> sizedEntries(const std::string& directory)
         const zo::os::FileStatus* status
             = entry.type == zo::os::EntryType::File ? entry.status() : nullptr;
         if (isDirectory || status)
-            entries.push_back({ std::string(entry.name), detail::decodedPath(entry.name), isDirectory,
-                status ? status->size : 0 });
+            entries.push_back({ std::string(entry.name), detail::decodedPath(entry.name),
+                isDirectory, status ? status->size : 0 });
         return zo::os::WalkStep::Continue;
     });
     std::sort(entries.begin(), entries.end(), [](const SizedEntry& a, const SizedEntry& b) {
@@ -487,8 +487,25 @@ void folderSize(const QString& path, unsigned long long* pSize, unsigned int* pC
     bool localAborted = false;
     unsigned int& count = pCount != nullptr ? *pCount : localCount;
     bool& aborted = pAborted != nullptr ? *pAborted : localAborted;
-    aborted = addFolderSize(
-        QFile::encodeName(path).toStdString(), *pSize, count, { maxCount, maxSize });
+    const std::string root = QFile::encodeName(path).toStdString();
+    if (maxCount != 0 || maxSize != 0) {
+        aborted = addFolderSize(root, *pSize, count, { maxCount, maxSize });
+        return;
+    }
+    // Without a limit the order does not matter, and one walk in the order of the directory
+    // reads adds everything up.
+    zo::os::WalkOptions options;
+    options.followLinks = false;
+    zo::os::walkTree(root, options, [&](const zo::os::WalkEntry& entry) {
+        if (entry.type == zo::os::EntryType::File) {
+            if (const zo::os::FileStatus* status = entry.status()) {
+                *pSize += status->size;
+                ++count;
+            }
+        }
+        return zo::os::WalkStep::Continue;
+    });
+    aborted = false;
 }
 
 bool hasEnoughSpaceDiskToCopyTo(const QString& path, long long size, long long* pMissing)
