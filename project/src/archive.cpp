@@ -18,7 +18,7 @@
 namespace zo::project {
 namespace {
 
-using namespace internal;
+using namespace detail;
 namespace fs = std::filesystem;
 
 void requireKnown(ArchiveFormat format)
@@ -89,7 +89,7 @@ public:
     }
 
     int fd() const { return _fd.get(); }
-    void keep() { _created.release(); }
+    void keep() { _created.keep(); }
 
 private:
     TreeGuard _created;
@@ -137,7 +137,7 @@ void exportArchive(const std::string& source, const std::string& destination, Ar
     TreeReader reader(source, inodeOf(file.fd(), destination));
     reader.reportTo(progress);
     pack(reader, file.fd(), format, destination);
-    file.commit();
+    file.keep();
 }
 
 void exportTree(
@@ -155,7 +155,7 @@ void exportTree(
     if (!status || ::fchmod(root.get(), status->st_mode & 0777) != 0)
         fail(destination, "cannot copy the mode of '" + source + "': " + systemError());
     renameInto(temp, destination);
-    guard.release();
+    guard.keep();
 }
 
 } // namespace

@@ -6,7 +6,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 namespace {
 
 constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
@@ -190,4 +190,4 @@ std::vector<DirectoryTree::Node> DirectoryTree::created() const
     return nodes;
 }
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

@@ -12,7 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 
 // A name in the directory node directory; Name holds the text or views it.
 template <typename Name> struct NameIn {
@@ -91,4 +91,4 @@ private:
     UniqueFd _openFd;
 };
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 namespace {
 
 // Calls visit with each component of a "/"-separated path, empty and "." ones left out.
@@ -125,4 +125,4 @@ std::string checkEntry(archive_entry* entry, const std::string& archive)
     return *below;
 }
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 
 // name as "a/b/c", without empty and "." components; nothing when it is absolute or has a ".."
 // component, so that it could lead outside the directory it is taken in.
@@ -22,4 +22,4 @@ std::optional<std::string> nameBelow(std::string_view name);
 // anything but regular files, directories, symbolic links and hard links.
 std::string checkEntry(archive_entry* entry, const std::string& archive);
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

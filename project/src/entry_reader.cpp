@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <utility>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 
 EntryReader::EntryReader(std::string path, ReadArchive handle)
     : _path(std::move(path))
@@ -185,4 +185,4 @@ std::unique_ptr<EntryReader> openReader(const std::string& path, ArchiveFormat f
     return std::make_unique<ArchiveFileReader>(path, format);
 }
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

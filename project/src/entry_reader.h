@@ -10,7 +10,7 @@
 #include <string>
 #include <sys/types.h>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 
 struct Block {
     const void* data = nullptr;
@@ -102,4 +102,4 @@ private:
 // A reader of path: a TreeReader for Directory, otherwise an ArchiveFileReader.
 std::unique_ptr<EntryReader> openReader(const std::string& path, ArchiveFormat format);
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

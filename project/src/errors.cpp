@@ -6,7 +6,7 @@
 
 #include <cstring>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 namespace {
 
 const char* const archiveLog = "ProjectArchive";
@@ -34,4 +34,4 @@ std::string systemError(int error)
     return std::strerror(error);
 }
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <string>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 
 // Throws ArchiveError "'<archive>': <reason>".
 [[noreturn]] void fail(const std::string& archive, const std::string& reason);
@@ -18,4 +18,4 @@ void warnEntry(const std::string& archive, const std::string& entry, const std::
 // The text of an errno value, to end a reason with.
 std::string systemError(int error = errno);
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 
 UniqueFd::UniqueFd(UniqueFd&& other) noexcept
     : _fd(std::exchange(other._fd, -1))
@@ -122,7 +122,7 @@ void AtomicFile::write(std::string_view data)
         fail(_target, "cannot write '" + _temp + "': " + systemError());
 }
 
-void AtomicFile::commit()
+void AtomicFile::keep()
 {
     // mkstemp creates the file private; the result is an ordinary shared file.
     if (::fchmod(_fd.get(), 0644) != 0 || !zo::os::syncFile(_fd.get()) || !_fd.close())
@@ -139,4 +139,4 @@ TreeGuard::~TreeGuard()
     std::filesystem::remove_all(_path, ignored);
 }
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

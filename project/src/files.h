@@ -4,7 +4,7 @@
 #include <string_view>
 #include <sys/types.h>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 
 class UniqueFd {
 public:
@@ -40,7 +40,7 @@ std::string tempTemplateBeside(const std::string& path);
 // Renames temp over target and syncs the directory so that the rename survives a crash.
 void renameInto(const std::string& temp, const std::string& target);
 
-// A temporary file beside target that replaces target on commit and is removed otherwise.
+// A temporary file beside target that replaces target when kept and is removed otherwise.
 class AtomicFile {
 public:
     explicit AtomicFile(std::string target);
@@ -52,7 +52,7 @@ public:
     // Writes data as the whole content.
     void write(std::string_view data);
     // Makes the content durable and puts it in the target's place.
-    void commit();
+    void keep();
 
 private:
     std::string _target;
@@ -60,7 +60,7 @@ private:
     UniqueFd _fd;
 };
 
-// Removes a directory tree on destruction unless released; nothing when the path is empty.
+// Removes a directory tree on destruction unless kept; nothing when the path is empty.
 class TreeGuard {
 public:
     explicit TreeGuard(std::string path)
@@ -71,10 +71,10 @@ public:
     TreeGuard& operator=(const TreeGuard&) = delete;
     ~TreeGuard();
 
-    void release() { _path.clear(); }
+    void keep() { _path.clear(); }
 
 private:
     std::string _path;
 };
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

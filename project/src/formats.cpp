@@ -14,7 +14,7 @@
 #include <memory>
 #include <string_view>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 namespace {
 
 // An archive format proper, with its libarchive code and set-up calls.
@@ -251,4 +251,4 @@ void enableWriting(archive* writer, ArchiveFormat format, const std::string& pat
         check(traits.filter->write(writer), writer, path);
 }
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 
 // The format a path's extension names; throws UnsupportedFormat when it names none.
 ArchiveFormat formatFromName(const std::string& path);
@@ -25,4 +25,4 @@ ReadArchive openArchive(const std::string& path, ArchiveFormat format);
 // Makes writer produce format, one of the archive formats.
 void enableWriting(archive* writer, ArchiveFormat format, const std::string& path);
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

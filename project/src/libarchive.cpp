@@ -2,7 +2,7 @@
 
 #include <new>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 namespace {
 
 template <typename Handle> Handle owned(typename Handle::pointer raw)
@@ -62,4 +62,4 @@ Utf8Locale::~Utf8Locale()
     freelocale(_utf8);
 }
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 
 struct ReadArchiveFree {
     void operator()(archive* handle) const { archive_read_free(handle); }
@@ -49,4 +49,4 @@ private:
     locale_t _previous = nullptr;
 };
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

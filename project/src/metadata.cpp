@@ -4,7 +4,7 @@
 
 #include <optional>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 namespace {
 
 constexpr std::string_view header = "zo-project-metadata 1\n";
@@ -106,4 +106,4 @@ Metadata decodeMetadata(std::string_view text, const std::string& file)
     return metadata;
 }
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

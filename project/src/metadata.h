@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 
 using Metadata = std::map<std::string, std::string>;
 
@@ -15,4 +15,4 @@ std::string encodeMetadata(const Metadata& metadata);
 // The inverse of encodeMetadata; throws ArchiveError naming file when text is not its output.
 Metadata decodeMetadata(std::string_view text, const std::string& file);
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

@@ -6,7 +6,7 @@
 
 #include <cstdlib>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 namespace {
 
 void writeEntry(
@@ -57,4 +57,4 @@ void pack(EntryReader& reader, int fd, ArchiveFormat format, const std::string& 
         fail(archive, errorText(writer.get()));
 }
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

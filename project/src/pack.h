@@ -6,10 +6,10 @@
 
 #include <string>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 
 // Writes the entries of reader as an archive of format to fd, which stays open.
 // archive names the destination in errors.
 void pack(EntryReader& reader, int fd, ArchiveFormat format, const std::string& archive);
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

@@ -13,7 +13,7 @@
 namespace zo::project {
 namespace {
 
-using namespace internal;
+using namespace detail;
 
 std::string metadataPath(const std::string& project)
 {
@@ -51,7 +51,7 @@ void writeMetadata(const std::string& file, const Metadata& metadata)
 {
     AtomicFile out(file);
     out.write(encodeMetadata(metadata));
-    out.commit();
+    out.keep();
 }
 
 } // namespace
@@ -60,6 +60,8 @@ Project::Project(std::string path)
     : _path(std::move(path))
 {
 }
+
+Project::~Project() = default;
 
 const std::string& Project::projectPath() const
 {

@@ -14,7 +14,7 @@
 #include <unordered_set>
 #include <vector>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 namespace {
 
 using Node = DirectoryTree::Node;
@@ -334,4 +334,4 @@ void unpack(EntryReader& reader, int rootFd, const std::string& archive)
     writer.finish();
 }
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

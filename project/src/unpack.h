@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 
 // Unpacks the entries of reader into the directory rootFd in one pass, never writing outside it.
 // Each entry's declared size is checked against the space left on the volume (less a reserve)
@@ -12,4 +12,4 @@ namespace zo::project::internal {
 // removes what the unpacking created. archive names the source in errors.
 void unpack(EntryReader& reader, int rootFd, const std::string& archive);
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

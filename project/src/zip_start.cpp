@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <memory>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 namespace {
 
 using File = std::unique_ptr<FILE, int (*)(FILE*)>;
@@ -148,4 +148,4 @@ int openFrom(archive* reader, const std::string& path, uint64_t start)
     return archive_read_open1(reader);
 }
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

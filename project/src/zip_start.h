@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace zo::project::internal {
+namespace zo::project::detail {
 
 // Where the zip archive in path starts: after the data in front of it, if any (a self-extracting
 // archive), as its end-of-central-directory records tell; 0 when they tell nothing or no entry
@@ -19,4 +19,4 @@ uint64_t zipStart(const std::string& path);
 // end record it looks for at the offset the archive states.
 int openFrom(archive* reader, const std::string& path, uint64_t start);
 
-} // namespace zo::project::internal
+} // namespace zo::project::detail

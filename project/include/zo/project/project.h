@@ -12,6 +12,13 @@ namespace zo::project {
 class ZOPROJECT_EXPORT Project {
 public:
     explicit Project(std::string path);
+    Project(const Project&) = default;
+    Project(Project&&) = default;
+    Project& operator=(const Project&) = default;
+    Project& operator=(Project&&) = default;
+    // Virtual, so that an object that extends a project (a watcher of its directory, say) can
+    // be deleted through its Project part.
+    virtual ~Project();
 
     const std::string& projectPath() const;
 
