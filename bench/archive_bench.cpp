@@ -29,8 +29,14 @@ using zo::project::ArchiveFormat;
 
 struct Sample {
     double milliseconds;
+    double cpuMilliseconds; // user and system time
     long peakKiB;
 };
+
+double milliseconds(const timeval& time)
+{
+    return static_cast<double>(time.tv_sec) * 1000 + static_cast<double>(time.tv_usec) / 1000;
+}
 
 // Runs body in a child process; its exit status must be 0.
 Sample measure(const std::function<int()>& body)
@@ -48,7 +54,8 @@ Sample measure(const std::function<int()>& body)
         std::fprintf(stderr, "archive_bench: a measured run failed\n");
         std::exit(1);
     }
-    return { elapsed.count(), usage.ru_maxrss };
+    return { elapsed.count(), milliseconds(usage.ru_utime) + milliseconds(usage.ru_stime),
+        usage.ru_maxrss };
 }
 
 int runTool(const std::vector<std::string>& command)
@@ -72,10 +79,12 @@ int runOurs(const std::function<void()>& body)
     }
 }
 
-// Removes what a run left, however deep: std::filesystem stops at the longest path.
+// Removes what a run left, however deep (std::filesystem stops at the longest path), and lets the
+// file systems write back, so that no run pays for the one before.
 void removeTree(const std::string& path)
 {
     measure([&] { return runTool({ "rm", "-rf", path }); });
+    measure([] { return runTool({ "sync" }); });
 }
 
 struct Workload {
@@ -109,15 +118,17 @@ void run(const Workload& workload, int runs)
         }
     }
     const Sample our = median(ours);
-    std::printf("%-34s %10.1f %8ld", workload.name.c_str(), our.milliseconds, our.peakKiB);
+    std::printf("%-30s %8.0f %6.0f %7ld", workload.name.c_str(), our.milliseconds,
+        our.cpuMilliseconds, our.peakKiB);
     if (anchor.empty()) {
-        std::printf("   %-16s\n", "-");
+        std::printf("\n");
         return;
     }
     const Sample their = median(anchor);
     const double ratio = our.milliseconds / their.milliseconds;
-    std::printf("   %-16s %10.1f %8ld %7.2fx %6.2fx %s\n", workload.anchorName.c_str(),
-        their.milliseconds, their.peakKiB, ratio, workload.goal,
+    std::printf("   %-10s %8.0f %6.0f %7ld %6.2fx %6.2fx %6.2fx %s\n", workload.anchorName.c_str(),
+        their.milliseconds, their.cpuMilliseconds, their.peakKiB, ratio,
+        our.cpuMilliseconds / their.cpuMilliseconds, workload.goal,
         ratio <= workload.goal ? "met" : "MISSED");
 }
 
@@ -199,10 +210,11 @@ int main(int argc, char** argv)
         { "import 5000-deep tar.gz",
             [&] { zo::project::importProject(deep, out, ArchiveFormat::Auto); }, "", {}, out, 0 },
     };
-    std::printf("%d runs each, medians; wall time in ms, peak RSS in KiB; work in %s\n\n", runs,
-        work.c_str());
-    std::printf("%-34s %10s %8s   %-16s %10s %8s %8s %7s\n", "workload", "ours", "RSS", "anchor",
-        "anchor", "RSS", "ratio", "goal");
+    std::printf(
+        "%d runs each, medians of the wall time; times in ms, peak RSS in KiB; work in %s\n\n",
+        runs, work.c_str());
+    std::printf("%-30s %8s %6s %7s   %-10s %8s %6s %7s %7s %7s %7s\n", "workload", "wall", "cpu",
+        "RSS", "anchor", "wall", "cpu", "RSS", "ratio", "cpu", "goal");
     for (const Workload& workload : workloads)
         run(workload, runs);
     removeTree(work);
