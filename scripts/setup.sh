@@ -13,6 +13,8 @@ packages=(
   strace
   # tools the archive interoperability tests compare against
   libarchive-tools unzip zip p7zip-full
+  # the archive benchmark writes its deep tar with Python's tarfile
+  python3
 )
 [[ ${1:-} == --fuzz ]] && packages+=(clang libclang-rt-dev)
 
