@@ -16,6 +16,25 @@ namespace zo::bench {
 
 constexpr int kFilesPerDirectory = 100;
 
+// A memory figure of this process in bytes ("VmRSS:" resident now, "VmHWM:" its peak), from the
+// kernel's own accounting; -1 when it cannot be read.
+inline long long memoryBytes(const char* field)
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith(field))
+            return line.mid(static_cast<int>(qstrlen(field)))
+                       .trimmed()
+                       .split(' ')
+                       .value(0)
+                       .toLongLong()
+                * 1024;
+    }
+    return -1;
+}
+
 // files files of about bytesPerFile bytes of numbered text lines, kFilesPerDirectory to a
 // directory, two levels deep like a source tree.
 inline void makeTree(const QString& root, int files, int bytesPerFile)

@@ -11,6 +11,8 @@
 // ROOT; commit-loop times the plain loop an application could write instead, per file: sync the
 // new file, rename the old one aside, rename the new one into place, sync the directory and
 // remove the old one. Only the commits are timed, not the edits before them.
+#include "benchtools.h"
+
 #include <zo/os.h>
 #include <zo/project/archive.h>
 #include <zo/project/fileutils.h>
@@ -28,18 +30,6 @@
 #include <map>
 
 namespace {
-
-long long peakResidentBytes()
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith("VmHWM:"))
-            return line.mid(6).trimmed().split(' ').value(0).toLongLong() * 1024;
-    }
-    return -1;
-}
 
 // The operation restarts the timer itself when it prepares something first.
 using Operation = std::function<long long(const QStringList& arguments, QElapsedTimer& timer)>;
@@ -152,6 +142,6 @@ int main(int argc, char** argv)
     timer.start();
     const long long seen = operation->second.second(arguments, timer);
     const double milliseconds = static_cast<double>(timer.nsecsElapsed()) / 1e6;
-    std::printf("%.3f %lld %lld\n", milliseconds, peakResidentBytes(), seen);
+    std::printf("%.3f %lld %lld\n", milliseconds, zo::bench::memoryBytes("VmHWM:"), seen);
     return 0;
 }

@@ -18,19 +18,6 @@ namespace {
 
 constexpr int kRuns = 7;
 
-// Resident memory of this process, from the kernel's own accounting.
-long long residentBytes()
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').value(0).toLongLong() * 1024;
-    }
-    return -1;
-}
-
 void runFind(const QString& root)
 {
     zo::bench::runTool(QStringLiteral("find"),
@@ -56,13 +43,14 @@ int main(int argc, char** argv)
         zo::bench::makeTree(root, files, 8);
         runFind(root); // warms the tree
 
-        const long long before = residentBytes();
+        const long long before = zo::bench::memoryBytes("VmRSS:");
         zo::project::ProjectWatcher watcher(root, false, nullptr);
         QElapsedTimer firstTimer;
         firstTimer.start();
         watcher.checkPendingChanges();
         const double firstMs = static_cast<double>(firstTimer.nsecsElapsed()) / 1e6;
-        const double bytesPerFile = static_cast<double>(residentBytes() - before) / files;
+        const double bytesPerFile
+            = static_cast<double>(zo::bench::memoryBytes("VmRSS:") - before) / files;
 
         const double findMs = zo::bench::medianMs(kRuns, [&root] { runFind(root); });
         const double checkMs
