@@ -175,6 +175,7 @@ int main(int argc, char** argv)
     const std::string out = work + "/out";
     const std::string tarGz = work + "/tree.tar.gz";
     const std::string deep = work + "/deep.tar.gz";
+    const std::string zip = work + "/tree.zip";
     makeTree(tree, files);
     zo::project::exportProject(tree, tarGz, ArchiveFormat::TarGz);
     makeDeepArchive(deep, 5000);
@@ -188,6 +189,13 @@ int main(int argc, char** argv)
                 return runTool({ "bsdtar", "-xf", tarGz, "-C", out });
             },
             out, 1.1 },
+        { "export " + count + " files to zip",
+            [&] { zo::project::exportProject(tree, zip, ArchiveFormat::Zip); }, "zip -qr",
+            [&] {
+                fs::current_path(tree);
+                return runTool({ "zip", "-qr", zip, "." });
+            },
+            zip, 1.2 },
         { "import 5000-deep tar.gz",
             [&] { zo::project::importProject(deep, out, ArchiveFormat::Auto); }, "", {}, out, 0 },
     };

@@ -4,14 +4,24 @@
 // usage: zoproject_treeops list|scan|size ROOT
 //        zoproject_treeops copy SRC DST
 //        zoproject_treeops export ROOT ARCHIVE
+//        zoproject_treeops commit|commit-loop ROOT N
 // prints: <milliseconds> <peak resident bytes> <entries seen>
+//
+// commit times ProjectVFS::commit() of N pending 4 KiB edits in directories of 100 files below
+// ROOT; commit-loop times the plain loop an application could write instead, per file: sync the
+// new file, rename the old one aside, rename the new one into place, sync the directory and
+// remove the old one. Only the commits are timed, not the edits before them.
+#include <zo/os.h>
 #include <zo/project/archive.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/projectvfs.h>
+#include <zo/project/vfsfile.h>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 
 #include <cstdio>
 #include <functional>
@@ -31,7 +41,58 @@ long long peakResidentBytes()
     return -1;
 }
 
-using Operation = std::function<long long(const QStringList& arguments)>;
+// The operation restarts the timer itself when it prepares something first.
+using Operation = std::function<long long(const QStringList& arguments, QElapsedTimer& timer)>;
+
+const QByteArray kEdit(4096, 'e');
+
+// "d<n / 100>/f<n % 100>" for n below count, with their directories made below root.
+QStringList editedFiles(const QString& root, int count)
+{
+    QStringList files;
+    for (int n = 0; n < count; ++n) {
+        files << QStringLiteral("d%1/f%2").arg(n / 100).arg(n % 100);
+        if (n % 100 == 0)
+            QDir(root).mkpath(QStringLiteral("d%1").arg(n / 100));
+    }
+    return files;
+}
+
+long long commitThroughTheLibrary(const QStringList& a, QElapsedTimer& timer)
+{
+    zo::project::ProjectVFS project(a[0]);
+    const QStringList files = editedFiles(a[0], a[1].toInt());
+    for (const QString& file : files)
+        project.open(file, QIODevice::WriteOnly | QIODevice::Truncate)->write(kEdit);
+    timer.restart();
+    project.commit();
+    return files.size();
+}
+
+long long commitInAPlainLoop(const QStringList& a, QElapsedTimer& timer)
+{
+    const QStringList files = editedFiles(a[0], a[1].toInt());
+    for (const QString& file : files) {
+        for (const QString& path : { file, file + QLatin1String(".new") }) {
+            QFile out { QDir(a[0]).filePath(path) };
+            if (!out.open(QIODevice::WriteOnly) || out.write(kEdit) != kEdit.size())
+                qFatal("cannot write %s", qPrintable(out.fileName()));
+        }
+    }
+    timer.restart();
+    for (const QString& file : files) {
+        const QByteArray path = QFile::encodeName(QDir(a[0]).filePath(file));
+        const QByteArray fresh = path + ".new";
+        const QByteArray old = path + ".old";
+        if (!zo::os::syncFile(fresh.constData())
+            || !zo::os::rename(path.constData(), old.constData())
+            || !zo::os::rename(fresh.constData(), path.constData())
+            || !zo::os::syncDirectory(QFile::encodeName(QFileInfo(path).path()).constData())
+            || !QFile::remove(QFile::decodeName(old)))
+            qFatal("plain commit of %s failed", path.constData());
+    }
+    return files.size();
+}
 
 const std::map<QString, std::pair<int, Operation>>& operations()
 {
@@ -39,17 +100,17 @@ const std::map<QString, std::pair<int, Operation>>& operations()
     static const std::map<QString, std::pair<int, Operation>> table {
         { "list",
             { 1,
-                [](const QStringList& a) {
+                [](const QStringList& a, QElapsedTimer&) {
                     return static_cast<long long>(listDirectory(a[0], true, true, false).size());
                 } } },
         { "scan",
             { 1,
-                [](const QStringList& a) {
+                [](const QStringList& a, QElapsedTimer&) {
                     return static_cast<long long>(ProjectVFS(a[0]).recoverableFiles().size());
                 } } },
         { "size",
             { 1,
-                [](const QStringList& a) {
+                [](const QStringList& a, QElapsedTimer&) {
                     unsigned long long size = 0;
                     unsigned int count = 0;
                     folderSize(a[0], &size, &count, nullptr, 0, 0);
@@ -57,16 +118,18 @@ const std::map<QString, std::pair<int, Operation>>& operations()
                 } } },
         { "copy",
             { 2,
-                [](const QStringList& a) {
+                [](const QStringList& a, QElapsedTimer&) {
                     copy(a[0], a[1], false);
                     return 0LL;
                 } } },
         { "export",
             { 2,
-                [](const QStringList& a) {
+                [](const QStringList& a, QElapsedTimer&) {
                     exportProject(a[0].toStdString(), a[1].toStdString(), ArchiveFormat::Zip);
                     return 0LL;
                 } } },
+        { "commit", { 2, commitThroughTheLibrary } },
+        { "commit-loop", { 2, commitInAPlainLoop } },
     };
     return table;
 }
@@ -81,13 +144,13 @@ int main(int argc, char** argv)
     if (operation == operations().end() || arguments.size() != operation->second.first + 1) {
         std::fprintf(stderr,
             "usage: zoproject_treeops list|scan|size ROOT | copy SRC DST | "
-            "export ROOT ARCHIVE\n");
+            "export ROOT ARCHIVE | commit|commit-loop ROOT N\n");
         return 2;
     }
     arguments.removeFirst();
     QElapsedTimer timer;
     timer.start();
-    const long long seen = operation->second.second(arguments);
+    const long long seen = operation->second.second(arguments, timer);
     const double milliseconds = static_cast<double>(timer.nsecsElapsed()) / 1e6;
     std::printf("%.3f %lld %lld\n", milliseconds, peakResidentBytes(), seen);
     return 0;

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests and the benchmarks need; only what is missing.
+# With --fuzz, also clang and its sanitizer and libFuzzer runtimes for the fuzz preset.
 set -euo pipefail
 
 packages=(
@@ -13,6 +14,7 @@ packages=(
   # tools the archive interoperability tests compare against
   libarchive-tools unzip zip p7zip-full
 )
+[[ ${1:-} == --fuzz ]] && packages+=(clang libclang-rt-dev)
 
 missing=()
 for package in "${packages[@]}"; do

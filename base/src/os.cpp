@@ -145,6 +145,12 @@ bool rename(const char* from, const char* to)
     return !failsOnPurpose(fault::Step::Rename) && std::rename(from, to) == 0;
 }
 
+bool exchange(const char* first, const char* second)
+{
+    return !failsOnPurpose(fault::Step::Rename)
+        && ::renameat2(AT_FDCWD, first, AT_FDCWD, second, RENAME_EXCHANGE) == 0;
+}
+
 std::optional<Process> findProcess(pid_t pid)
 {
     if (pid <= 0)
@@ -172,6 +178,11 @@ void clear()
 }
 
 } // namespace fault
+
+bool isTerminal(int descriptor)
+{
+    return ::isatty(descriptor) == 1;
+}
 
 int signalPipe(std::initializer_list<int> signalNumbers)
 {

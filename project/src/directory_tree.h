@@ -56,6 +56,8 @@ public:
     Node parent(Node node) const { return _directories[node].parent; }
     const std::string& name(Node node) const { return _directories[node].name; }
     size_t depth(Node node) const { return _directories[node].depth; }
+    // The path of node below the root, for messages.
+    std::string pathOf(Node node) const;
     // Notes that an entry of the archive created the directory of node.
     void markCreated(Node node) { _directories[node].created = true; }
     // The directories this unpacking created, deepest first.
@@ -72,7 +74,6 @@ private:
         ino_t inode = 0;
     };
     Node child(Node parent, std::string_view name);
-    std::string pathOf(Node node) const;
     int openFd() const { return _openFd ? _openFd.get() : _rootFd; }
     void stepUp(const std::string& entry);
     void stepDown(Node node, const std::string& entry, bool create);

@@ -80,6 +80,12 @@ std::optional<std::string> nameBelow(std::string_view name)
     return below;
 }
 
+void refuseHardLink(const std::string& archive, const std::string& entry, const std::string& target)
+{
+    failEntry(archive, entry,
+        "hard link to '" + target + "' is refused: it must name an earlier file of the archive");
+}
+
 std::string checkEntry(archive_entry* entry, const std::string& archive)
 {
     const std::string name = entryName(entry);
@@ -92,8 +98,7 @@ std::string checkEntry(archive_entry* entry, const std::string& archive)
     if (const char* target = archive_entry_hardlink(entry)) {
         const std::optional<std::string> targetBelow = nameBelow(target);
         if (!targetBelow || targetBelow->empty() || below->empty())
-            refuse(std::string("hard link to '") + target
-                + "' is refused: it must name an earlier file of the archive");
+            refuseHardLink(archive, name, target);
         return *below;
     }
     switch (archive_entry_filetype(entry)) {

@@ -12,6 +12,10 @@ namespace zo::project::internal {
 // component, so that it could lead outside the directory it is taken in.
 std::optional<std::string> nameBelow(std::string_view name);
 
+// Throws ArchiveError for a hard link to target that names no earlier file of the archive.
+[[noreturn]] void refuseHardLink(
+    const std::string& archive, const std::string& entry, const std::string& target);
+
 // The entry's name below the destination as nameBelow gives it, "" for the destination itself.
 // Throws ArchiveError naming archive and entry for anything that could reach outside the
 // destination (absolute names, "..", links leading out, hard links to names outside) and for

@@ -177,7 +177,7 @@ void DiskWriter::finish()
             ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!fd || ::fchmod(fd.get(), directory.mode) != 0
             || ::futimens(fd.get(), directory.times.data()) != 0)
-            failSystem(name, "cannot set the directory's mode and times");
+            failSystem(_tree.pathOf(directory.node), "cannot set the directory's mode and times");
     }
     _finished = true;
 }
@@ -192,9 +192,7 @@ UniqueFd DiskWriter::openHardLinkTarget(archive_entry* entry, const std::string&
     const auto [parentPath, leaf] = splitLast(below);
     const std::optional<Node> parent = _tree.find(parentPath);
     if (!parent || _files.count({ *parent, std::string(leaf) }) == 0)
-        failEntry(_archive, name,
-            std::string("hard link to '") + target
-                + "' is refused: it must name an earlier file of the archive");
+        refuseHardLink(_archive, name, target);
     UniqueFd fd(::openat(_tree.open(*parent, name, false), std::string(leaf).c_str(),
         O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!fd)

@@ -81,6 +81,22 @@ int closeView(archive*, void* data)
     return ARCHIVE_OK;
 }
 
+// Where the zip starts by what its end records state, the end record lying at end in tail and at
+// endAt in the file.
+uint64_t statedStart(const std::string& tail, size_t end, uint64_t endAt)
+{
+    // A zip64 states where its end record is; the difference to where it is is the data in front.
+    const size_t locator = end - locatorSize;
+    if (end >= locatorSize + zip64EndSize && signatureAt(tail, locator, "PK\6\7")
+        && signatureAt(tail, locator - zip64EndSize, "PK\6\6")) {
+        const uint64_t stated = littleEndian(tail, locator + 8, 8);
+        const uint64_t actual = endAt - locatorSize - zip64EndSize;
+        return actual >= stated ? actual - stated : 0;
+    }
+    const uint64_t directory = littleEndian(tail, end + 12, 4) + littleEndian(tail, end + 16, 4);
+    return endAt >= directory ? endAt - directory : 0;
+}
+
 } // namespace
 
 uint64_t zipStart(const std::string& path)
@@ -96,23 +112,22 @@ uint64_t zipStart(const std::string& path)
         || std::fread(tail.data(), 1, tail.size(), file.get()) != tail.size()
         || tail.size() < endSize)
         return 0;
-    // The last end record: a comment may hold the signature too, but comes after it.
+    // The end record is the one whose comment reaches to the end; a comment may hold the
+    // signature too.
     size_t end = tail.size() - endSize;
-    while (!signatureAt(tail, end, "PK\5\6")) {
+    while (!signatureAt(tail, end, "PK\5\6")
+        || end + endSize + littleEndian(tail, end + 20, 2) != tail.size()) {
         if (end-- == 0)
             return 0;
     }
-    const uint64_t endAt = static_cast<uint64_t>(tailStart) + end;
-    // A zip64 states where its end record is; the difference to where it is is the data in front.
-    const size_t locator = end - locatorSize;
-    if (end >= locatorSize + zip64EndSize && signatureAt(tail, locator, "PK\6\7")
-        && signatureAt(tail, locator - zip64EndSize, "PK\6\6")) {
-        const uint64_t stated = littleEndian(tail, locator + 8, 8);
-        const uint64_t actual = endAt - locatorSize - zip64EndSize;
-        return actual >= stated ? actual - stated : 0;
-    }
-    const uint64_t directory = littleEndian(tail, end + 12, 4) + littleEndian(tail, end + 16, 4);
-    return endAt >= directory ? endAt - directory : 0;
+    const uint64_t start = statedStart(tail, end, static_cast<uint64_t>(tailStart) + end);
+    // Believed only where an entry's local header begins.
+    std::string header(4, '\0');
+    if (start == 0 || std::fseek(file.get(), static_cast<long>(start), SEEK_SET) != 0
+        || std::fread(header.data(), 1, header.size(), file.get()) != header.size()
+        || !signatureAt(header, 0, "PK\3\4"))
+        return 0;
+    return start;
 }
 
 int openFrom(archive* reader, const std::string& path, uint64_t start)

@@ -8,7 +8,8 @@
 namespace zo::project::internal {
 
 // Where the zip archive in path starts: after the data in front of it, if any (a self-extracting
-// archive), as its end-of-central-directory records tell; 0 when they tell nothing.
+// archive), as its end-of-central-directory records tell; 0 when they tell nothing or no entry
+// begins where they point.
 uint64_t zipStart(const std::string& path);
 
 // Opens reader on the bytes of path from start on, as a seekable file of their own; returns

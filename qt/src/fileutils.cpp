@@ -1,5 +1,8 @@
 #include <zo/project/fileutils.h>
 
+#include "decodedpath.h"
+
+#include <zo/os.h>
 #include <zo/treewalk.h>
 #include <zo/unicode.h>
 
@@ -12,6 +15,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <optional>
 #include <vector>
@@ -154,11 +158,6 @@ private:
     bool _entered = false;
 };
 
-QString decodedPath(std::string_view path)
-{
-    return QFile::decodeName(QByteArray(path.data(), static_cast<int>(path.size())));
-}
-
 struct FolderLimits {
     unsigned int maxCount;
     unsigned long long maxSize;
@@ -189,7 +188,7 @@ std::vector<SizedEntry> sizedEntries(const std::string& directory)
         const zo::os::FileStatus* status
             = entry.type == zo::os::EntryType::File ? entry.status() : nullptr;
         if (isDirectory || status)
-            entries.push_back({ std::string(entry.name), decodedPath(entry.name), isDirectory,
+            entries.push_back({ std::string(entry.name), detail::decodedPath(entry.name), isDirectory,
                 status ? status->size : 0 });
         return zo::os::WalkStep::Continue;
     });
@@ -319,6 +318,14 @@ std::runtime_error noSpaceError(
         message(QString::fromLatin1(format), QString::number(missing >> 20), src, dst));
 }
 
+std::runtime_error copyFailure(const QString& src, const QString& dst, int error)
+{
+    return std::runtime_error(message(
+        QStringLiteral("Copy file error: an exception occurred during the copy from %1 to %2: %3"),
+        src, dst, QString::fromLocal8Bit(std::strerror(error))));
+}
+
+// Files are copied without a sync each; the copy as a whole is synced once before it returns.
 void copyFile(const QString& src, const QString& dst, const QFileInfo& srcInfo,
     const QFileInfo& dstInfo, bool overwrite)
 {
@@ -340,21 +347,21 @@ void copyFile(const QString& src, const QString& dst, const QFileInfo& srcInfo,
     if (size > kSpaceCheckedCopySize && !hasEnoughSpaceDiskToCopyTo(dst, size, &missing)) {
         throw noSpaceError(kNoSpaceBeforeCopy, missing, src, dst);
     }
-    QFile source(src);
+    const QByteArray from = QFile::encodeName(src);
+    const QByteArray to = QFile::encodeName(dst);
+    int copyError = 0;
     const bool copied = succeedsWithinAttempts([&] {
-        if (source.copy(dst)) {
+        if (zo::os::copyFile(from.constData(), to.constData())) {
             return true;
         }
+        copyError = errno;
         if (!hasEnoughSpaceDiskToCopyTo(dst, size, &missing)) {
             throw noSpaceError(kNoSpaceAfterFailedCopy, missing, src, dst);
         }
         return false;
     });
     if (!copied) {
-        throw std::runtime_error(
-            message(QStringLiteral(
-                        "Copy file error: an exception occurred during the copy from %1 to %2: %3"),
-                src, dst, source.errorString()));
+        throw copyFailure(src, dst, copyError);
     }
 }
 
@@ -464,7 +471,7 @@ QStringList xListFiles(
             // Dangling links, fifos, sockets and devices are not listed.
             if (entry.type == zo::os::EntryType::File
                 || (includeDirs && entry.type == zo::os::EntryType::Directory))
-                listing.append(prefix + decodedPath(entry.path));
+                listing.append(prefix + detail::decodedPath(entry.path));
             return zo::os::WalkStep::Continue;
         });
     return listing;
@@ -522,6 +529,11 @@ void copy(const QString& src, const QString& dst, const bool& overwrite)
 {
     DescentPath descent;
     copyEntry(src, dst, overwrite, descent);
+    // One flush of the destination's file system makes every file copied durable, at a small
+    // part of the cost of a sync per file; a move removes its source only after it.
+    if (!zo::os::syncFileSystem(QFile::encodeName(dst).constData())) {
+        throw copyFailure(src, dst, errno);
+    }
 }
 
 void move(const QString& src, const QString& dst, const bool& overwrite)

@@ -8,13 +8,20 @@
 
 namespace zo::project::detail {
 
-std::string shortWriteMessage(const QString& path, qint64 written, qint64 size)
+void writeWhole(QFileDevice& file, const QByteArray& data, const QString& path)
 {
-    return QStringLiteral(
-        "Project write file error: failed to write file at: %1 (%2 bytes written out of %3)")
-        .arg(path, static_cast<int>(written), QChar(static_cast<ushort>(size)))
-        .toUtf8()
-        .toStdString();
+    qint64 written = file.write(data);
+    // A full disk may refuse only the buffered tail; what reached the file is what counts.
+    if (!file.flush())
+        written = file.size();
+    if (written == data.size())
+        return;
+    throw IOWriteError(
+        QStringLiteral(
+            "Project write file error: failed to write file at: %1 (%2 bytes written out of %3)")
+            .arg(path, static_cast<int>(written), QChar(static_cast<ushort>(data.size())))
+            .toUtf8()
+            .toStdString());
 }
 
 void makeDirectory(const QString& absolutePath, bool recursive, const std::function<bool()>& create)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QByteArray>
+#include <QFileDevice>
 #include <QString>
 #include <QtGlobal>
 
@@ -9,10 +11,11 @@
 // Steps the directory project and the archive project share, with their messages.
 namespace zo::project::detail {
 
-// The message of a write that did not take all of its data. Only "%1" is filled, padded to the
-// number of bytes written with the character whose code is the data's size; "%2" and "%3" stay
-// in the text. Programs that read these messages expect exactly this.
-std::string shortWriteMessage(const QString& path, qint64 written, qint64 size);
+// Writes data to the open file and flushes it. When not all of it reached the file, throws
+// IOWriteError whose message names path with only "%1" filled, padded to the number of bytes
+// written with the character whose code is the data's size, "%2" and "%3" left in the text:
+// programs that read these messages expect exactly this.
+void writeWhole(QFileDevice& file, const QByteArray& data, const QString& path);
 
 // Makes the directory at absolutePath through create, which returns whether it succeeded;
 // nothing is done when the directory exists. PathNotFound when the parent is missing and

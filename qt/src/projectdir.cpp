@@ -114,12 +114,7 @@ void ProjectDir::writeFile(const QString& path, const QByteArray& data)
 {
     xRequireWatcher();
     const std::unique_ptr<VFSFile> file = open(path, QIODevice::WriteOnly | QIODevice::Truncate);
-    qint64 written = file->write(data);
-    // A full disk may refuse only the buffered tail; what reached the file is what counts.
-    if (!file->flush())
-        written = file->size();
-    if (written != data.size())
-        throw IOWriteError(detail::shortWriteMessage(filePath(path), written, data.size()));
+    detail::writeWhole(*file, data, filePath(path));
     setSaved(false);
 }
 

@@ -1,5 +1,6 @@
 #include <zo/project/projectvfs.h>
 
+#include "decodedpath.h"
 #include "liveness.h"
 #include "logging.h"
 #include "projectvfs_impl.h"
@@ -9,7 +10,9 @@
 #include <zo/project/exceptions.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/vfsfile.h>
+#include <zo/treewalk.h>
 
+#include <QDir>
 #include <QDirIterator>
 #include <QFileInfo>
 #include <QRegularExpression>
@@ -34,7 +37,9 @@ void logStillRunning(const ProjectVFS::RecoverableInfo& info)
 ProjectVFS::ProjectVFS(const QString& path)
     : _impl(std::make_shared<detail::ProjectVFS_Impl>(path))
 {
-    xRestoreInterruptedCommits();
+    // A facade without a path stands for no project, although its root reads as ".".
+    if (!path.isEmpty())
+        xRestoreInterruptedCommits();
 }
 
 ProjectVFS::ProjectVFS(ProjectVFS&& other) noexcept = default;
@@ -259,40 +264,68 @@ void ProjectVFS::updateFromSource(const QString& path)
     _impl->updateFromSource(path);
 }
 
+// Swap files are looked for in the root and in every directory below it that is neither hidden
+// nor reached through a link, and that this process may read and write; a link to such a
+// directory is looked into too, one level deep.
 std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
 {
-    QStringList directories { _impl->path() };
-    QDirIterator subdirectories(_impl->path(),
-        QDir::Dirs | QDir::Readable | QDir::Writable | QDir::NoDotAndDotDot,
-        QDirIterator::Subdirectories);
-    while (subdirectories.hasNext())
-        directories << subdirectories.next();
-
-    const QString extension = _impl->swapExtension();
-    const QStringList nameFilters { QStringLiteral("*.") + extension };
-    // The lazy first group is the whole source name, dots included; the name filter already
+    const QString suffix = QStringLiteral(".") + _impl->swapExtension();
+    // The lazy first group is the whole source name, dots included; the suffix test already
     // guarantees the real ending.
-    QRegularExpression swapName(QStringLiteral("^\\.(.*?)\\.(\\d+).") + extension);
+    QRegularExpression swapName(QStringLiteral("^\\.(.*?)\\.(\\d+).") + _impl->swapExtension());
     swapName.optimize();
 
     std::vector<RecoverableInfo> found;
-    for (const QString& directory : qAsConst(directories)) {
-        const QDir dir(directory);
-        const QStringList names
-            = dir.entryList(nameFilters, QDir::Files | QDir::Hidden, QDir::NoSort);
-        for (const QString& name : names) {
-            const QRegularExpressionMatch match = swapName.match(name);
-            if (!match.hasMatch())
-                continue;
-            // An id too large for any process parses as 0, which never counts as running.
-            bool parsed = false;
-            const qlonglong id = match.captured(2).toLongLong(&parsed);
-            const bool fits = parsed && id <= std::numeric_limits<pid_t>::max();
-            found.push_back({ _impl->relativeFilePath(dir.filePath(name)),
-                _impl->relativeFilePath(dir.filePath(match.captured(1))),
-                fits ? static_cast<pid_t>(id) : 0 });
-        }
-    }
+    const auto consider = [&](const QString& relativePath) {
+        const int slash = relativePath.lastIndexOf(QLatin1Char('/'));
+        const QRegularExpressionMatch match = swapName.match(relativePath.mid(slash + 1));
+        if (!match.hasMatch())
+            return;
+        // An id too large for any process parses as 0, which never counts as running.
+        bool parsed = false;
+        const qlonglong id = match.captured(2).toLongLong(&parsed);
+        const bool fits = parsed && id <= std::numeric_limits<pid_t>::max();
+        found.push_back({ relativePath, relativePath.left(slash + 1) + match.captured(1),
+            fits ? static_cast<pid_t>(id) : 0 });
+    };
+    const auto isSwapName = [&suffix](std::string_view name) {
+        return name.size() > 1 && name.front() == '.'
+            && name.size() >= static_cast<size_t>(suffix.size())
+            && QLatin1String(name.data() + name.size() - suffix.size(), suffix.size()) == suffix;
+    };
+    const auto scannable = [](const QString& directory) {
+        const QFileInfo info(directory);
+        return info.isReadable() && info.isWritable();
+    };
+    const QString root = _impl->absolutePath();
+
+    // scanned[depth]: whether the directory whose entries are at that depth is looked into.
+    std::vector<bool> scanned { true };
+    zo::os::WalkOptions options;
+    options.includeHidden = true;
+    options.followLinks = false;
+    zo::os::walkTree(
+        QFile::encodeName(root).toStdString(), options, [&](const zo::os::WalkEntry& entry) {
+            const auto depth = static_cast<size_t>(entry.depth);
+            scanned.resize(depth + 1);
+            if (entry.type == zo::os::EntryType::Directory) {
+                if (entry.name.front() == '.')
+                    return zo::os::WalkStep::SkipDirectory;
+                scanned.push_back(
+                    scannable(root + QLatin1Char('/') + detail::decodedPath(entry.path)));
+            } else if (entry.type == zo::os::EntryType::Link && entry.name.front() != '.') {
+                const QString linked = detail::decodedPath(entry.path);
+                const QDir target(root + QLatin1Char('/') + linked);
+                if (target.exists() && scannable(target.path())) {
+                    for (const QString& name :
+                        target.entryList({ QLatin1Char('*') + suffix }, QDir::Files | QDir::Hidden))
+                        consider(linked + QLatin1Char('/') + name);
+                }
+            } else if (scanned[depth] && isSwapName(entry.name)) {
+                consider(detail::decodedPath(entry.path));
+            }
+            return zo::os::WalkStep::Continue;
+        });
     return found;
 }
 
@@ -341,10 +374,7 @@ void ProjectVFS::xRestoreInterruptedCommits()
     for (const RecoverableInfo& info : recoverableFiles()) {
         const QString source = _impl->absoluteFilePath(info.sourcePath);
         const QString backup = _impl->makeBackupPath(source);
-        const QFileInfo sourceInfo(source);
-        const QFileInfo backupInfo(backup);
-        if (sourceInfo.exists() || sourceInfo.isSymLink()
-            || !(backupInfo.exists() || backupInfo.isSymLink()) || isOwnerRunning(info, program))
+        if (detail::isOnDisk(source) || !detail::isOnDisk(backup) || isOwnerRunning(info, program))
             continue;
         const std::string names = "'" + _impl->relativeFilePath(backup).toStdString() + "' to '"
             + info.sourcePath.toStdString() + "'";

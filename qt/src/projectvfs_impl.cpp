@@ -11,6 +11,10 @@
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <QSaveFile>
+#include <QSet>
+
+#include <exception>
+#include <vector>
 
 namespace zo::project::detail {
 namespace {
@@ -33,21 +37,19 @@ bool syncFile(const QString& path)
     return zo::os::syncFile(encoded(path).constData());
 }
 
+bool syncDirectory(const QString& path)
+{
+    return zo::os::syncDirectory(encoded(path).constData());
+}
+
 bool syncParentDirectory(const QString& path)
 {
-    return zo::os::syncDirectory(encoded(QFileInfo(path).absolutePath()).constData());
+    return syncDirectory(QFileInfo(path).absolutePath());
 }
 
 bool renameFile(const QString& from, const QString& to)
 {
     return zo::os::rename(encoded(from).constData(), encoded(to).constData());
-}
-
-// Anything under that name, a dangling link included.
-bool isOnDisk(const QString& path)
-{
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
 }
 
 constexpr qint64 kCopyBlockSize = 1024 * 1024;
@@ -216,16 +218,19 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
 
 // Commit protocol. Until the swap file has replaced the source, the old content is always on
 // disk as the source or as its backup, and the new content as the swap file; the backup is
-// removed only once the new content is in place and the renames are durable. A step that fails
-// undoes the ones before it, so that the entry still matches a swap file on disk.
-void ProjectVFS_Impl::commitFile(const QString& source, const QString& swap)
+// removed only once the new content is in place and the renames are durable (the directory is
+// synced). A step that fails undoes the ones before it, so that the entry still matches a swap
+// file on disk.
+ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::stageCommit(
+    const QString& source, const QString& swap)
 {
-    const QString backup = makeBackupPath(source);
+    StagedCommit staged { source, swap, makeBackupPath(source), false, false };
 
     // A leftover backup of an interrupted commit whose source is back in place. Removing it
     // stops this commit on purpose; an unremovable one is tolerated.
-    if (QFileInfo::exists(backup) && QFileInfo::exists(source) && QFile::remove(backup))
-        throw exception::SourceFileBackupRemove(utf8(relativeFilePath(backup)));
+    if (QFileInfo::exists(staged.backup) && QFileInfo::exists(source)
+        && QFile::remove(staged.backup))
+        throw exception::SourceFileBackupRemove(utf8(relativeFilePath(staged.backup)));
 
     const bool swapExists = QFileInfo::exists(swap);
     // The swap data must reach the disk before the rename does: otherwise a crash could leave
@@ -234,29 +239,38 @@ void ProjectVFS_Impl::commitFile(const QString& source, const QString& swap)
         throw exception::SwapFileRename(utf8(relativeFilePath(source)));
 
     // A link in the source's place is moved aside and replaced as it is, never followed.
-    const bool backedUp = isOnDisk(source);
-    if (backedUp && !renameFile(source, backup))
+    staged.backedUp = isOnDisk(source);
+    if (staged.backedUp && !renameFile(source, staged.backup))
         throw exception::SourceFileRename(utf8(source));
-    const auto restoreSource = [&] {
-        if (backedUp)
-            renameFile(backup, source);
-    };
 
-    if (swapExists) {
-        if (!renameFile(swap, source)) {
-            restoreSource();
-            throw exception::SwapFileRename(utf8(relativeFilePath(source)));
-        }
-        if (!syncParentDirectory(source)) {
-            renameFile(source, swap);
-            restoreSource();
-            throw exception::SwapFileRename(utf8(relativeFilePath(source)));
-        }
-    } else {
+    if (!swapExists) {
         zo::log::log(kEngineLog, zo::log::Warning,
             "A swap file doesn't exist anymore: " + utf8(relativeFilePath(swap)));
+    } else if (!renameFile(swap, source)) {
+        undoCommit(staged);
+        throw exception::SwapFileRename(utf8(relativeFilePath(source)));
+    } else {
+        staged.swapRenamed = true;
     }
-    QFile::remove(backup);
+    return staged;
+}
+
+void ProjectVFS_Impl::undoCommit(const StagedCommit& staged)
+{
+    if (staged.swapRenamed)
+        renameFile(staged.source, staged.swap);
+    if (staged.backedUp)
+        renameFile(staged.backup, staged.source);
+}
+
+void ProjectVFS_Impl::commitFile(const QString& source, const QString& swap)
+{
+    const StagedCommit staged = stageCommit(source, swap);
+    if (staged.swapRenamed && !syncParentDirectory(source)) {
+        undoCommit(staged);
+        throw exception::SwapFileRename(utf8(relativeFilePath(source)));
+    }
+    QFile::remove(staged.backup);
 }
 
 void ProjectVFS_Impl::commit(VFSFile& file)
@@ -274,13 +288,48 @@ void ProjectVFS_Impl::commit(VFSFile& file)
     removeEntry(name);
 }
 
+// The single-file protocol for every entry, with one sync per directory for all the renames
+// in it instead of one per file: the renames of all entries first, then the directories, then
+// the backups. What is committed when an exception leaves is durable; the entry that failed
+// and every later one stay pending.
 void ProjectVFS_Impl::commitAll()
 {
-    for (auto it = _entries.begin(); it != _entries.end();) {
-        throwIfDamaged(it.key());
-        commitFile(absoluteFilePath(it.key()), it.value());
-        it = _entries.erase(it);
+    std::vector<StagedCommit> staged;
+    std::exception_ptr failure;
+    for (auto it = _entries.cbegin(); it != _entries.cend(); ++it) {
+        try {
+            throwIfDamaged(it.key());
+            staged.push_back(stageCommit(absoluteFilePath(it.key()), it.value()));
+        } catch (...) {
+            failure = std::current_exception();
+            break;
+        }
     }
+
+    // Entries from the first one whose directory cannot be synced on are put back.
+    QSet<QString> synced;
+    auto durable = staged.begin();
+    for (; durable != staged.end(); ++durable) {
+        const QString directory = QFileInfo(durable->source).absolutePath();
+        if (synced.contains(directory))
+            continue;
+        if (!syncDirectory(directory))
+            break;
+        synced.insert(directory);
+    }
+    if (durable != staged.end()) {
+        failure = std::make_exception_ptr(
+            exception::SwapFileRename(utf8(relativeFilePath(durable->source))));
+        for (auto undone = staged.rbegin(); undone.base() != durable; ++undone)
+            undoCommit(*undone);
+    }
+
+    for (auto committed = staged.begin(); committed != durable; ++committed) {
+        QFile::remove(committed->backup);
+        _entries.erase(_entries.begin());
+    }
+    if (failure)
+        std::rethrow_exception(failure);
 }
 
 void ProjectVFS_Impl::discardAll()
@@ -341,6 +390,12 @@ void ProjectVFS_Impl::copy(VFSFile& file, const QString& newPath, bool overwrite
 void ProjectVFS_Impl::move(VFSFile& file, const QString& newPath, bool overwrite)
 {
     file.move(newPath, overwrite);
+}
+
+bool isOnDisk(const QString& path)
+{
+    const QFileInfo info(path);
+    return info.exists() || info.isSymLink();
 }
 
 QIODevice::OpenMode openModeOfStreamMode(const QString& mode)

@@ -79,6 +79,16 @@ private:
 
     Entries::iterator removeEntry(const Entries::iterator& it);
     // Both paths absolute.
+    // A commit whose renames are done but not yet durable.
+    struct StagedCommit {
+        QString source;
+        QString swap;
+        QString backup;
+        bool backedUp;
+        bool swapRenamed;
+    };
+    StagedCommit stageCommit(const QString& source, const QString& swap);
+    void undoCommit(const StagedCommit& staged);
     void commitFile(const QString& source, const QString& swap);
 
     void throwIfDamaged(const QString& path) const;
@@ -89,6 +99,9 @@ private:
     QString _swapExt;
     QString _bckExt;
 };
+
+// Anything under that name, a dangling link included.
+bool isOnDisk(const QString& path);
 
 // The device flags that a C fopen mode stands for.
 QIODevice::OpenMode openModeOfStreamMode(const QString& mode);

@@ -1,5 +1,7 @@
 #include <zo/project/projectwatcher.h>
 
+#include "decodedpath.h"
+
 #include "watchsnapshot.h"
 
 #include <zo/treewalk.h>
@@ -43,17 +45,9 @@ void forEachFile(const QString& start, bool showHidden, const FileVisitor& visit
     });
 }
 
-// Milliseconds the way Qt reports a modification time, so that a time set through Qt compares
-// equal to the one read back.
 detail::FileStamp stampOf(const zo::os::FileStatus& status)
 {
-    return detail::FileStamp { status.modifiedSeconds * 1000 + status.modifiedNanoseconds / 1000000,
-        static_cast<quint32>(status.size) };
-}
-
-QString decodedPath(std::string_view path)
-{
-    return QFile::decodeName(QByteArray(path.data(), static_cast<int>(path.size())));
+    return detail::FileStamp { status.modifiedMilliseconds(), static_cast<quint32>(status.size) };
 }
 
 // Drops the removals below a removed path from the map: the caller hears of the top one only.
@@ -136,7 +130,7 @@ QStringList ProjectWatcher::xListAllPaths(const QString& relPath)
     QStringList paths;
     forEachFile(QDir::filePath(relPath), showHidden,
         [this, &relPath, &paths](std::string_view path, const zo::os::FileStatus&) {
-            const QString child = decodedPath(path);
+            const QString child = detail::decodedPath(path);
             paths.append(QDir::filePath(child.isEmpty() ? relPath
                     : relPath.isEmpty()                 ? child
                                                         : relPath + QLatin1Char('/') + child));
@@ -199,7 +193,7 @@ void ProjectWatcher::xCheck(bool listingIsKnown)
              std::pair(&changes.modified, FileSystemEvent::Modified),
              std::pair(&changes.removed, FileSystemEvent::Removed) }) {
         for (const std::string& path : *paths)
-            announce(QDir::filePath(decodedPath(path)), event);
+            announce(QDir::filePath(detail::decodedPath(path)), event);
     }
     for (const QString& key : changes.removedOutside)
         announce(key, FileSystemEvent::Removed);

@@ -1,17 +1,22 @@
 // The pack and unpack commands: a project directory to an archive and back.
 #include "command.h"
 #include "formats.h"
+#include "progress.h"
 
 namespace zo::cli {
 namespace {
 
-using Transfer = void (*)(const std::string&, const std::string&, zo::project::ArchiveFormat);
+using Transfer = bool (*)(const std::string&, const std::string&, zo::project::ArchiveFormat,
+    const zo::project::ProgressCallback&);
 
 // Both commands hand their two paths and the format to the library in the order given.
 int transfer(Transfer operation, const QCommandLineParser& parser)
 {
     const QStringList arguments = parser.positionalArguments();
-    operation(arguments[0].toStdString(), arguments[1].toStdString(), requestedFormat(parser));
+    const zo::project::ArchiveFormat format = requestedFormat(parser);
+    withProgress(parser, arguments[1], [&](const zo::project::ProgressCallback& progress) {
+        return operation(arguments[0].toStdString(), arguments[1].toStdString(), format, progress);
+    });
     return kSuccess;
 }
 
@@ -24,7 +29,7 @@ Command packCommand()
         { { QStringLiteral("DIR"), QStringLiteral("The project directory.") },
             { QStringLiteral("ARCHIVE"),
                 QStringLiteral("The archive to write; an existing one is replaced at once.") } },
-        2, 2, { formatOption() }, [](const QCommandLineParser& parser) {
+        2, 2, { formatOption(), quietOption() }, [](const QCommandLineParser& parser) {
             return transfer(zo::project::exportProject, parser);
         } };
 }
@@ -37,7 +42,7 @@ Command unpackCommand()
         { { QStringLiteral("ARCHIVE"), QStringLiteral("The archive to read.") },
             { QStringLiteral("DIR"),
                 QStringLiteral("The directory to unpack into, created with its parents.") } },
-        2, 2, { formatOption() }, [](const QCommandLineParser& parser) {
+        2, 2, { formatOption(), quietOption() }, [](const QCommandLineParser& parser) {
             return transfer(zo::project::importProject, parser);
         } };
 }

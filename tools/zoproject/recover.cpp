@@ -3,6 +3,7 @@
 // the backups of interrupted commits back already (see scan.h).
 #include "command.h"
 #include "scan.h"
+#include "workspaces.h"
 
 #include <zo/project/exceptions.h>
 
@@ -20,6 +21,7 @@ using zo::project::ProjectVFS;
 const QString kAll = QStringLiteral("all");
 const QString kAbandon = QStringLiteral("abandon");
 const QString kDryRun = QStringLiteral("dry-run");
+const QString kWorkspace = QStringLiteral("workspace");
 
 // PATH arguments, relative to the project root; each selects itself and what lies below it.
 class Selection {
@@ -146,6 +148,13 @@ private:
 int recover(const QCommandLineParser& parser)
 {
     QStringList arguments = parser.positionalArguments();
+    if (parser.isSet(kWorkspace)) {
+        if (parser.isSet(kAll) || arguments.size() > 1)
+            throw UsageError("--workspace takes at most one PATH to save to");
+        recoverWorkspace(parser.value(kWorkspace), arguments.value(0), parser.isSet(kAbandon),
+            parser.isSet(kDryRun));
+        return kSuccess;
+    }
     const QString directory = !arguments.isEmpty() && QFileInfo(arguments.first()).isDir()
         ? arguments.takeFirst()
         : QStringLiteral(".");
@@ -173,7 +182,11 @@ Command recoverCommand()
         0, kAnyNumber,
         { QCommandLineOption(kAll, QStringLiteral("Recover everything below DIR.")),
             QCommandLineOption(kAbandon, QStringLiteral("Delete the swap files instead.")),
-            QCommandLineOption(kDryRun, QStringLiteral("Only say what would be done.")) },
+            QCommandLineOption(kDryRun, QStringLiteral("Only say what would be done.")),
+            QCommandLineOption(kWorkspace,
+                QStringLiteral("Save the archive workspace NAME (see status) to its source "
+                               "archive, or to PATH when given, and remove it."),
+                QStringLiteral("NAME")) },
         recover };
 }
 

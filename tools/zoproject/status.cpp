@@ -1,6 +1,7 @@
 // The status command: what a crash left below a project, and whether anything is to recover.
 #include "command.h"
 #include "scan.h"
+#include "workspaces.h"
 
 #include <QJsonArray>
 #include <QJsonObject>
@@ -54,13 +55,14 @@ void printSwapFiles(
     }
 }
 
-void printText(const std::vector<SwapFile>& swapFiles)
+void printText(
+    const std::vector<SwapFile>& swapFiles, const std::vector<Workspace>& workspaces, int count)
 {
     printSwapFiles(
         swapFiles, true, QStringLiteral("Recoverable swap files (their process has ended):"));
     printSwapFiles(
         swapFiles, false, QStringLiteral("Pending swap files (their process still runs):"));
-    const int count = recoverableCount(swapFiles);
+    printWorkspaces(workspaces);
     print(count == 0
             ? QStringLiteral("Nothing to recover.")
             : QStringLiteral("%1 to recover: see \"zoproject recover --help\".").arg(count));
@@ -86,16 +88,20 @@ int status(const QCommandLineParser& parser)
     zo::project::ProjectVFS project(
         projectDirectory(parser.positionalArguments().value(0, QStringLiteral("."))));
     const std::vector<SwapFile> swapFiles = scanProject(project);
+    // Archive workspaces belong to no directory: every one a crash left is shown.
+    const std::vector<Workspace> workspaces = zo::project::ProjectModel::recoverableWorkspaces();
+    const int count = recoverableCount(swapFiles) + static_cast<int>(workspaces.size());
     if (jsonRequested(parser)) {
         QJsonArray array;
         for (const SwapFile& swap : swapFiles)
             array.append(toJson(swap));
-        printJson(QJsonDocument(QJsonObject { { "directory", project.path() },
-            { "recoverable", recoverableCount(swapFiles) }, { "swapFiles", array } }));
+        printJson(
+            QJsonDocument(QJsonObject { { "directory", project.path() }, { "recoverable", count },
+                { "swapFiles", array }, { "workspaces", workspacesJson(workspaces) } }));
     } else {
-        printText(swapFiles);
+        printText(swapFiles, workspaces, count);
     }
-    return recoverableCount(swapFiles) == 0 ? kSuccess : kRecoverable;
+    return count == 0 ? kSuccess : kRecoverable;
 }
 
 } // namespace
@@ -103,7 +109,8 @@ int status(const QCommandLineParser& parser)
 Command statusCommand()
 {
     return { QStringLiteral("status"),
-        QStringLiteral("List the swap files below a project and whether they can be recovered."),
+        QStringLiteral("List the swap files below a project and whether they can be recovered, "
+                       "and the archive workspaces ended processes left."),
         QStringLiteral("[DIR]"),
         { { QStringLiteral("DIR"),
             QStringLiteral("The project directory (default: the current directory).") } },

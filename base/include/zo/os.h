@@ -26,6 +26,19 @@ ZO_EXPORT bool syncFile(int descriptor);
 ZO_EXPORT bool syncDirectory(const char* path);
 // Renames from to to, replacing what to names (a link there is replaced, never followed).
 ZO_EXPORT bool rename(const char* from, const char* to);
+// Swaps what the two paths name in one step, so that a directory replaces another one
+// atomically; fails where the file system cannot (then nothing changed). A fault set for
+// Rename applies to it too.
+ZO_EXPORT bool exchange(const char* first, const char* second);
+
+// Copies the regular file from to the new name to, which must not exist. The content goes to
+// an unnamed (or hidden) file in to's directory that takes the name only once it is complete,
+// so that no partial file is ever seen under to. Blocks are shared where the file system can
+// (a reflink), else copied inside the kernel. Nothing is synced: a caller that copies many
+// files syncs once at the end (syncFileSystem). False with errno set on failure.
+ZO_EXPORT bool copyFile(const char* from, const char* to);
+// Flushes everything written to the file system that holds path (syncfs).
+ZO_EXPORT bool syncFileSystem(const char* path);
 
 // A process as the system shows it.
 struct Process {
@@ -39,6 +52,9 @@ struct Process {
 
 // The process with this id; none when there is none.
 ZO_EXPORT std::optional<Process> findProcess(pid_t pid);
+
+// Whether the descriptor is a terminal, where progress may be drawn.
+ZO_EXPORT bool isTerminal(int descriptor);
 
 // Turns the given signals (SIGINT, SIGTERM, ...) into bytes on a pipe, for an event loop to
 // watch: each delivery writes the signal's number as one byte. Returns the pipe's read end,

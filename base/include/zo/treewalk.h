@@ -27,6 +27,12 @@ struct FileStatus {
     std::int32_t modifiedNanoseconds = 0; // always 0 to 999999999, also before 1970
     std::uint64_t device = 0;
     std::uint64_t inode = 0;
+
+    // Rounded down, as Qt reports file times, so that a time set through Qt compares equal.
+    std::int64_t modifiedMilliseconds() const
+    {
+        return modifiedSeconds * 1000 + modifiedNanoseconds / 1000000;
+    }
 };
 
 // The status of what path names, links followed; none when it cannot be read.

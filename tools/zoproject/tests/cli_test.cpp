@@ -1,4 +1,6 @@
 // The zoproject program as people run it, on scratch projects.
+#include "../progress.h"
+
 #include <zo/test/support.h>
 
 #include <gtest/gtest.h>
@@ -189,7 +191,9 @@ TEST_F(Cli, PackAndUnpackRoundTripKeepFilesAndMetadata)
         SCOPED_TRACE(row.archive.toStdString());
         const QString archive = path(row.archive);
         const QString unpacked = path(row.archive + ".d");
-        EXPECT_EQ(zoproject(QStringList { "pack", project, archive } + row.format).status, 0);
+        const Outcome pack = zoproject(QStringList { "pack", project, archive } + row.format);
+        EXPECT_EQ(pack.status, 0);
+        EXPECT_EQ(pack.err, ""); // no progress bar without a terminal
         const QJsonObject listed = jsonOf(zoproject({ "ls", "--json", archive }));
         EXPECT_EQ(listed["format"].toString(), row.detected);
         EXPECT_EQ(listed["files"], files["files"]);
@@ -221,6 +225,25 @@ TEST_F(Cli, MetaOnAnArchiveReplacesItWholeOrNotAtAll)
         GTEST_SKIP() << "no read-only bind mount here";
     EXPECT_EQ(zoproject({ "meta", archive, "title", "Refused" }).status, 1);
     EXPECT_EQ(readFile(archive), before);
+}
+
+TEST(ProgressLine, ShowsWhatIsKnownAndTheTimeLeft)
+{
+    QLocale::setDefault(QLocale::c());
+    const struct {
+        zo::project::Progress progress;
+        qint64 elapsedMs;
+        QString line;
+    } rows[] = {
+        { { 3, 10, 512, 1024 }, 1000,
+            " 50% 3 of 10 entries, 512 bytes of 1.00 KiB, 512 bytes/s, 0:01 left" },
+        { { 5, 0, 2048, 0 }, 0, "5 entries, 2.00 KiB" },
+        { { 1, 2, 1000, 3602000 }, 1000,
+            "  0% 1 of 2 entries, 1000 bytes of 3.44 MiB, 1000 bytes/s, 1:00:01 left" },
+        { { 2, 2, 100, 100 }, 50, "100% 2 of 2 entries, 100 bytes of 100 bytes, 1.95 KiB/s" },
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(zo::cli::progressLine(row.progress, row.elapsedMs), row.line);
 }
 
 } // namespace

@@ -1,0 +1,520 @@
+#include <zo/project/projectmodel.h>
+
+#include "liveness.h"
+#include "projectcommon.h"
+#include "workspace.h"
+
+#include <zo/os.h>
+#include <zo/project/fileutils.h>
+#include <zo/project/project.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QMutexLocker>
+
+#include <string>
+#include <utility>
+
+namespace zo::project {
+namespace {
+
+const QString kMetadataFile = QStringLiteral(".metadata");
+
+std::string utf8(const QString& text)
+{
+    return text.toUtf8().toStdString();
+}
+
+// Up to the first NUL byte, as a C string would end.
+QString fromUtf8(const std::string& text)
+{
+    return QString::fromUtf8(text.c_str());
+}
+
+bool isPresent(const QString& path)
+{
+    const QFileInfo info(path);
+    return info.exists() || info.isSymLink();
+}
+
+// Removes what a failed step left; its own failure would hide the first one.
+void removeQuietly(const QString& path)
+{
+    try {
+        if (isPresent(path))
+            remove(path);
+    } catch (const std::exception&) {
+    }
+}
+
+// Workspaces may belong to any program built on this library, so any process of the owner's
+// id counts, unless it started after the workspace's last write and only reused the id.
+bool isOwnerRunning(const ProjectModel::RecoverableWorkspace& workspace)
+{
+    return detail::isProcessRunning(
+        workspace.pid, std::string(), detail::lastModifiedOf(workspace.path));
+}
+
+void requireWorkspace(const ProjectModel::RecoverableWorkspace& workspace)
+{
+    const int owner = detail::ownerOfWorkspace(QFileInfo(workspace.path).fileName());
+    if (owner <= 0 || owner != workspace.pid || !QFileInfo(workspace.path).isDir())
+        throw PathNotFound(utf8(workspace.path + QStringLiteral(" is not a project workspace")));
+}
+
+} // namespace
+
+ProjectModel::ProjectModel()
+    : _notifier(std::make_unique<detail::Notifier>())
+{
+    qRegisterMetaType<QMap<QString, FileSystemEvent>>(
+        "QMap<QString, zo::project::FileSystemEvent>");
+    createNew();
+}
+
+ProjectModel::ProjectModel(ProjectModel&& other)
+{
+    const QMutexLocker lock(&other._mutex);
+    _notifier = std::move(other._notifier);
+    xSetSource(other.getSourcePath(), other._sourceFormat);
+    other.xSetSource(QString(), ArchiveFormat::Native);
+    _sourceWatcher = std::move(other._sourceWatcher);
+    _project = std::move(other._project);
+    _watching = other._watching.exchange(false);
+    _saved = other._saved.exchange(true);
+}
+
+ProjectModel::~ProjectModel()
+{
+    {
+        const QMutexLocker lock(&_mutex);
+        xReset();
+    }
+    _sourceWatcher.reset();
+    _notifier.reset();
+}
+
+void ProjectModel::createNew()
+{
+    const QMutexLocker lock(&_mutex);
+    xReset();
+    const QString workspace = detail::createWorkspaceDirectory();
+    try {
+        makeProject(utf8(workspace));
+    } catch (...) {
+        removeQuietly(workspace);
+        throw;
+    }
+    _project = std::make_unique<ProjectWatcher>(workspace, true, nullptr);
+    xInitProject(_project.get());
+    detail::writeRecord(workspace, { QString(), ArchiveFormat::Native });
+    xSetSaved(false);
+}
+
+void ProjectModel::load(const QString& path, ArchiveFormat format)
+{
+    const QMutexLocker lock(&_mutex);
+    const QString workspace = detail::createWorkspaceDirectory();
+    try {
+        importProject(utf8(path), utf8(workspace), format);
+    } catch (...) {
+        removeQuietly(workspace);
+        throw;
+    }
+    xReset();
+    _project = std::make_unique<ProjectWatcher>(workspace, true, nullptr);
+    xInitProject(_project.get());
+    _sourceWatcher = std::make_unique<ProjectWatcher>(path, true, nullptr);
+    xInitProject(_sourceWatcher.get());
+    // Detected, also when the caller named the format.
+    xSetSource(path, detectFormat(_sourceWatcher->projectPath()));
+    detail::writeRecord(workspace, { path, _sourceFormat });
+    xSetSaved(true);
+}
+
+void ProjectModel::save(const QString& path, ArchiveFormat format, bool safe)
+{
+    const QMutexLocker lock(&_mutex);
+    const QString target = path.isEmpty() ? getSourcePath() : path;
+    if (target.isEmpty())
+        throw PathNotFound(utf8(target));
+    ArchiveFormat chosen = format;
+    if (format == ArchiveFormat::Native) {
+        chosen = _sourceFormat;
+    } else if (format == ArchiveFormat::Auto) {
+        try {
+            chosen = detectFormat(utf8(target));
+        } catch (const UnsupportedFormat&) {
+            chosen = ArchiveFormat::Zip;
+        }
+    }
+
+    const std::string workspace = _project->projectPath();
+    // Only what this save made is removed on failure; an archive at the target stays.
+    const QString output = safe ? detail::temporaryPathBeside(target) : target;
+    const bool outputExisted = isPresent(output);
+    try {
+        exportProject(workspace, utf8(output), chosen);
+        if (safe)
+            detail::replaceDurably(output, target);
+    } catch (...) {
+        if (!outputExisted)
+            removeQuietly(output);
+        xSetSaved(false);
+        try {
+            throw;
+        } catch (const std::exception& error) {
+            throw IOWriteError(error.what());
+        } catch (...) {
+            throw IOWriteError("");
+        }
+    }
+
+    _sourceWatcher = std::make_unique<ProjectWatcher>(target, true, nullptr);
+    xInitProject(_sourceWatcher.get());
+    xSetSource(target, chosen);
+    detail::writeRecord(_project->directory().path(), { target, chosen });
+    xSetSaved(true);
+}
+
+void ProjectModel::enableWatching(bool enable)
+{
+    _watching = enable;
+    if (_sourceWatcher)
+        _sourceWatcher->enableWatching(enable);
+}
+
+bool ProjectModel::isWatching() const
+{
+    return _watching;
+}
+
+bool ProjectModel::isSaved() const
+{
+    return _saved;
+}
+
+detail::Notifier* ProjectModel::notifier() const
+{
+    return _notifier.get();
+}
+
+void ProjectModel::checkSourcePendingChanges(const QSet<QString>& referenceList)
+{
+    if (_sourceWatcher)
+        _sourceWatcher->checkPendingChanges(referenceList);
+}
+
+void ProjectModel::onSourceContentChanged(const QMap<QString, FileSystemEvent>& events)
+{
+    if (events.isEmpty())
+        return;
+    xSetSaved(false);
+    // A model moved from has neither; its flag is all that is left to change.
+    if (!_notifier || !_sourceWatcher)
+        return;
+    const QDir& source = _sourceWatcher->directory();
+    QMap<QString, FileSystemEvent> relative;
+    for (auto event = events.cbegin(); event != events.cend(); ++event)
+        relative.insert(source.relativeFilePath(event.key()), event.value());
+    emit _notifier->sourceProjectEvent(relative);
+}
+
+QString ProjectModel::getSourcePath() const
+{
+    const QMutexLocker lock(&_sourcePathMutex);
+    return _sourcePath;
+}
+
+ArchiveFormat ProjectModel::xGetSourceFormat()
+{
+    return _sourceFormat;
+}
+
+bool ProjectModel::hasFile(const QString& relative) const
+{
+    const QMutexLocker lock(&_mutex);
+    return QFileInfo(xResolve(relative)).isFile();
+}
+
+bool ProjectModel::hasPath(const QString& relative) const
+{
+    const QMutexLocker lock(&_mutex);
+    return QFileInfo::exists(xResolve(relative));
+}
+
+qint64 ProjectModel::fileSize(const QString& relative) const
+{
+    const QMutexLocker lock(&_mutex);
+    const QFileInfo info(xResolve(relative));
+    if (!info.exists())
+        throw PathNotFound(utf8(info.canonicalFilePath()));
+    return info.size();
+}
+
+FILE* ProjectModel::fopen(const QString& relative, const QString& mode)
+{
+    const QMutexLocker lock(&_mutex);
+    const QString path = xResolve(relative);
+    static const QStringList kCreatingModes { QStringLiteral("w"), QStringLiteral("w+"),
+        QStringLiteral("a"), QStringLiteral("a+") };
+    if (kCreatingModes.contains(mode)) {
+        const QDir parent = QFileInfo(path).dir();
+        if (!parent.exists())
+            parent.mkpath(QStringLiteral("."));
+    }
+    return zo::os::fopen(utf8(path).c_str(), utf8(mode).c_str());
+}
+
+QByteArray ProjectModel::readFile(const QString& relative) const
+{
+    const QMutexLocker lock(&_mutex);
+    const QString path = xResolve(relative);
+    if (!QFile::exists(path))
+        throw PathNotFound(
+            utf8(QStringLiteral("Project read file error: file not found: %1").arg(path)));
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw IOReadError(utf8(path));
+    return file.readAll();
+}
+
+void ProjectModel::writeFile(const QString& relative, const QByteArray& data)
+{
+    const QMutexLocker lock(&_mutex);
+    const QString path = xResolve(relative);
+    const QDir& workspace = _project->directory();
+    const QString parent = workspace.relativeFilePath(QFileInfo(path).path());
+    if (!parent.isEmpty())
+        workspace.mkpath(parent);
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        throw IOWriteError(utf8(path));
+    detail::writeWhole(file, data, path);
+    file.close();
+    xSetSaved(false);
+}
+
+void ProjectModel::mkdir(const QString& relative, bool recursive)
+{
+    const QMutexLocker lock(&_mutex);
+    const QString path = xResolve(relative);
+    const QDir& workspace = _project->directory();
+    detail::makeDirectory(path, recursive,
+        [&] { return recursive ? workspace.mkpath(path) : workspace.mkdir(path); });
+}
+
+void ProjectModel::copy(const QString& from, const QString& to, bool overwrite)
+{
+    const QMutexLocker lock(&_mutex);
+    zo::project::copy(xResolve(from), xResolve(to), overwrite);
+}
+
+void ProjectModel::move(const QString& from, const QString& to, bool overwrite)
+{
+    const QMutexLocker lock(&_mutex);
+    zo::project::move(xResolve(from), xResolve(to), overwrite);
+}
+
+void ProjectModel::remove(const QString& relative)
+{
+    const QMutexLocker lock(&_mutex);
+    zo::project::remove(xResolve(relative));
+}
+
+void ProjectModel::importFile(const QString& source, const QString& relative, bool overwrite)
+{
+    const QMutexLocker lock(&_mutex);
+    xCheckRelative(relative);
+    const QString target = xResolve(relative);
+    _project->directory().mkpath(QFileInfo(target).path());
+    zo::project::copy(source, target, overwrite);
+}
+
+void ProjectModel::importFile(const ProjectModel& other, const QString& sourceRelative,
+    const QString& relative, bool overwrite)
+{
+    QString source;
+    {
+        // The other model's workspace is read without its lock, as documented.
+        const QMutexLocker lock(&_mutex);
+        xCheckRelative(sourceRelative);
+        source = other.xResolve(sourceRelative);
+    }
+    importFile(source, relative, overwrite);
+}
+
+void ProjectModel::importFromSource(const QString& relative, bool overwrite)
+{
+    if (!_sourceWatcher)
+        throw PathNotFound("the project has no source to import from");
+    importFile(_sourceWatcher->directory().filePath(relative), relative, overwrite);
+}
+
+void ProjectModel::exportFile(
+    const QString& relative, const QString& destination, bool overwrite) const
+{
+    const QMutexLocker lock(&_mutex);
+    detail::prepareExportDestination(destination);
+    zo::project::copy(xResolve(relative), destination, overwrite);
+}
+
+QStringList ProjectModel::getFileList(
+    const QString& relative, bool showHidden, bool recursive, bool includeDirs) const
+{
+    const QMutexLocker lock(&_mutex);
+    const QString path = xResolve(relative);
+    if (QFileInfo(path).isFile())
+        return { relative };
+    QStringList entries = listDirectory(path, showHidden, recursive, includeDirs);
+    entries.removeAll(kMetadataFile);
+    return entries;
+}
+
+QString ProjectModel::getFileLocalPath(const QString& relative) const
+{
+    const QMutexLocker lock(&_mutex);
+    return xResolve(relative);
+}
+
+QString ProjectModel::getMetadata(const QString& key) const
+{
+    const QMutexLocker lock(&_mutex);
+    return fromUtf8(_project->getMetadata(utf8(key)));
+}
+
+void ProjectModel::setMetadata(const QString& key, const QString& value)
+{
+    _project->setMetadata(utf8(key), utf8(value));
+}
+
+QMap<QString, QString> ProjectModel::getMetadata() const
+{
+    const QMutexLocker lock(&_mutex);
+    QMap<QString, QString> metadata;
+    for (const auto& [key, value] : _project->getMetadata())
+        metadata.insert(fromUtf8(key), fromUtf8(value));
+    return metadata;
+}
+
+std::vector<ProjectModel::RecoverableWorkspace> ProjectModel::recoverableWorkspaces()
+{
+    std::vector<RecoverableWorkspace> found;
+    const QDir temp(QDir::tempPath());
+    for (const QString& name : temp.entryList({ QStringLiteral("zo_project_model_*") },
+             QDir::Dirs | QDir::NoSymLinks | QDir::NoDotAndDotDot, QDir::Name)) {
+        const int pid = detail::ownerOfWorkspace(name);
+        if (pid <= 0)
+            continue;
+        RecoverableWorkspace workspace { temp.filePath(name), QString(), ArchiveFormat::Native, pid,
+            QDateTime() };
+        workspace.lastModified = detail::lastModifiedOf(workspace.path);
+        if (detail::isProcessRunning(pid, std::string(), workspace.lastModified))
+            continue;
+        if (const auto record = detail::readRecord(workspace.path)) {
+            workspace.sourcePath = record->sourcePath;
+            workspace.format = record->format;
+        }
+        found.push_back(workspace);
+    }
+    return found;
+}
+
+void ProjectModel::recoverWorkspace(const RecoverableWorkspace& workspace)
+{
+    const QMutexLocker lock(&_mutex);
+    requireWorkspace(workspace);
+    if (isOwnerRunning(workspace))
+        throw IOWriteError(utf8(QStringLiteral("%1 belongs to the running process %2")
+                                    .arg(workspace.path)
+                                    .arg(workspace.pid)));
+    // Renamed over an empty directory of this process's own, so that no other model can take
+    // the name meanwhile; the new name and record make this process its live owner.
+    const QString adopted = detail::createWorkspaceDirectory();
+    if (!zo::os::rename(QFile::encodeName(workspace.path).constData(),
+            QFile::encodeName(adopted).constData())) {
+        QDir().rmdir(adopted);
+        throw IOWriteError(utf8(QStringLiteral("cannot take over %1").arg(workspace.path)));
+    }
+    detail::removeWorkspace(workspace.path); // only its record is left there
+    xReset();
+    _project = std::make_unique<ProjectWatcher>(adopted, true, nullptr);
+    xInitProject(_project.get());
+    if (!workspace.sourcePath.isEmpty()) {
+        _sourceWatcher = std::make_unique<ProjectWatcher>(workspace.sourcePath, true, nullptr);
+        xInitProject(_sourceWatcher.get());
+    }
+    xSetSource(workspace.sourcePath, workspace.format);
+    detail::writeRecord(adopted, { workspace.sourcePath, workspace.format });
+    xSetSaved(false);
+}
+
+bool ProjectModel::abandonWorkspace(const RecoverableWorkspace& workspace)
+{
+    requireWorkspace(workspace);
+    if (isOwnerRunning(workspace))
+        return false;
+    detail::removeWorkspace(workspace.path);
+    return true;
+}
+
+void ProjectModel::xSetSaved(bool saved)
+{
+    if (_saved.exchange(saved) != saved && _notifier)
+        emit _notifier->saved(saved);
+}
+
+void ProjectModel::xReset()
+{
+    xSetSource(QString(), ArchiveFormat::Native);
+    if (_project) {
+        const QString workspace = _project->directory().path();
+        _project.reset();
+        try {
+            detail::removeWorkspace(workspace);
+        } catch (const std::exception&) {
+            // The directory stays on disk; a later run may recover it.
+        }
+    }
+    _sourceWatcher.reset();
+    xSetSaved(true);
+}
+
+void ProjectModel::xInitProject(ProjectWatcher* watcher)
+{
+    // The workspace is never polled; only the source is watched.
+    if (watcher == nullptr || watcher != _sourceWatcher.get())
+        return;
+    ProjectModel* model = this;
+    QObject::connect(
+        watcher, qOverload<const QMap<QString, FileSystemEvent>&>(&ProjectWatcher::contentChanged),
+        watcher,
+        [model, alive = std::weak_ptr<const bool>(_alive)](
+            const QMap<QString, FileSystemEvent>& events) {
+            if (!alive.expired())
+                model->onSourceContentChanged(events);
+        },
+        Qt::DirectConnection);
+    watcher->enableWatching(_watching);
+}
+
+QString ProjectModel::xResolve(const QString& relative) const
+{
+    return _project->directory().filePath(relative);
+}
+
+void ProjectModel::xSetSource(const QString& path, ArchiveFormat format)
+{
+    const QMutexLocker lock(&_sourcePathMutex);
+    _sourcePath = path;
+    _sourceFormat = format;
+}
+
+void ProjectModel::xCheckRelative(const QString& path) const
+{
+    if (!QDir::isRelativePath(path))
+        throw PathNotFound(utf8(path + QStringLiteral(" is not a relative path.")));
+}
+
+} // namespace zo::project

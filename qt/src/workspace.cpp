@@ -1,0 +1,191 @@
+#include "workspace.h"
+
+#include <zo/os.h>
+#include <zo/project/fileutils.h>
+#include <zo/project/projectmodel.h>
+#include <zo/treewalk.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+#include <QSaveFile>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+namespace zo::project {
+
+QString xGetNewTempPath()
+{
+    const QString prefix
+        = QDir::tempPath() + QStringLiteral("/zo_project_model_%1_").arg(zo::os::getpid());
+    for (unsigned long long n = 0;; ++n) {
+        const QString path = prefix + QString::number(n);
+        if (!QFile::exists(path))
+            return path;
+    }
+}
+
+namespace detail {
+namespace {
+
+QString recordPathOf(const QString& workspace)
+{
+    const QFileInfo info(workspace);
+    return info.path() + QStringLiteral("/.") + info.fileName() + QStringLiteral(".source");
+}
+
+QByteArray encoded(const QString& path)
+{
+    return QFile::encodeName(path);
+}
+
+[[noreturn]] void failToReplace(const QString& target, const char* step)
+{
+    const std::string reason = std::system_category().message(errno);
+    throw IOWriteError(QStringLiteral("cannot %1 '%2': %3")
+                           .arg(QLatin1String(step), target, QString::fromStdString(reason))
+                           .toUtf8()
+                           .toStdString());
+}
+
+// Flushes every file and directory of a tree (or the one file) that a save wrote.
+void syncTree(const QString& path, const QString& target)
+{
+    const QByteArray root = encoded(path);
+    if (!QFileInfo(path).isDir()) {
+        if (!zo::os::syncFile(root.constData()))
+            failToReplace(target, "sync the replacement of");
+        return;
+    }
+    zo::os::WalkOptions options;
+    options.includeHidden = true;
+    options.followLinks = false;
+    bool synced = true;
+    zo::os::walkTree(root.toStdString(), options, [&](const zo::os::WalkEntry& entry) {
+        const std::string child = root.toStdString() + '/' + std::string(entry.path);
+        if (entry.type == zo::os::EntryType::File)
+            synced = zo::os::syncFile(child.c_str());
+        else if (entry.type == zo::os::EntryType::Directory)
+            synced = zo::os::syncDirectory(child.c_str());
+        return synced ? zo::os::WalkStep::Continue : zo::os::WalkStep::Stop;
+    });
+    if (!synced || !zo::os::syncDirectory(root.constData()))
+        failToReplace(target, "sync the replacement of");
+}
+
+} // namespace
+
+QString createWorkspaceDirectory()
+{
+    for (;;) {
+        const QString path = xGetNewTempPath();
+        if (QDir().mkdir(path))
+            return path;
+        // Taken by another model meanwhile, or the temporary directory refuses new entries.
+        if (!QFileInfo::exists(path))
+            throw IOWriteError(
+                QStringLiteral("cannot create the workspace %1").arg(path).toUtf8().toStdString());
+    }
+}
+
+bool writeRecord(const QString& workspace, const WorkspaceRecord& record)
+{
+    const QJsonObject fields { { QStringLiteral("source"), record.sourcePath },
+        { QStringLiteral("format"), static_cast<int>(record.format) } };
+    QSaveFile file(recordPathOf(workspace));
+    return file.open(QIODevice::WriteOnly)
+        && file.write(QJsonDocument(fields).toJson(QJsonDocument::Compact)) >= 0 && file.commit();
+}
+
+std::optional<WorkspaceRecord> readRecord(const QString& workspace)
+{
+    QFile file(recordPathOf(workspace));
+    if (!file.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QJsonObject fields = QJsonDocument::fromJson(file.readAll()).object();
+    return WorkspaceRecord {
+        fields.value(QStringLiteral("source")).toString(),
+        static_cast<ArchiveFormat>(
+            fields.value(QStringLiteral("format")).toInt(static_cast<int>(ArchiveFormat::Native)))
+    };
+}
+
+void removeWorkspace(const QString& workspace)
+{
+    if (QFileInfo::exists(workspace))
+        remove(workspace);
+    QFile::remove(recordPathOf(workspace));
+}
+
+int ownerOfWorkspace(const QString& name)
+{
+    static const QRegularExpression pattern(QStringLiteral("^zo_project_model_(\\d+)_\\d+$"));
+    const QRegularExpressionMatch match = pattern.match(name);
+    return match.hasMatch() ? match.captured(1).toInt() : 0;
+}
+
+QDateTime lastModifiedOf(const QString& workspace)
+{
+    qint64 newestMs = std::max(QFileInfo(workspace).lastModified().toMSecsSinceEpoch(),
+        QFileInfo(recordPathOf(workspace)).lastModified().toMSecsSinceEpoch());
+    zo::os::WalkOptions options;
+    options.includeHidden = true;
+    options.followLinks = false;
+    zo::os::walkTree(
+        encoded(workspace).toStdString(), options, [&newestMs](const zo::os::WalkEntry& entry) {
+            if (const zo::os::FileStatus* status = entry.status())
+                newestMs = std::max<qint64>(newestMs, status->modifiedMilliseconds());
+            return zo::os::WalkStep::Continue;
+        });
+    return QDateTime::fromMSecsSinceEpoch(newestMs);
+}
+
+QString temporaryPathBeside(const QString& target)
+{
+    const QFileInfo info(target);
+    const QString prefix = info.path() + QStringLiteral("/.") + info.fileName()
+        + QStringLiteral(".zo-save-%1-").arg(zo::os::getpid());
+    for (unsigned long long n = 0;; ++n) {
+        const QString path = prefix + QString::number(n);
+        if (!QFileInfo(path).exists() && !QFileInfo(path).isSymLink())
+            return path;
+    }
+}
+
+void replaceDurably(const QString& replacement, const QString& target)
+{
+    syncTree(replacement, target);
+    const QFileInfo targetInfo(target);
+    const bool directoryOverDirectory
+        = targetInfo.isDir() && !targetInfo.isSymLink() && QFileInfo(replacement).isDir();
+    if (directoryOverDirectory) {
+        // rename() cannot replace a directory that has entries; an exchange swaps both at once.
+        if (!zo::os::exchange(encoded(replacement).constData(), encoded(target).constData()))
+            failToReplace(target, "replace");
+    } else if (!zo::os::rename(encoded(replacement).constData(), encoded(target).constData())) {
+        failToReplace(target, "replace");
+    }
+    if (!zo::os::syncDirectory(encoded(targetInfo.path()).constData())) {
+        // The previous tree is still whole beside it; it goes back rather than out.
+        const int syncError = errno;
+        if (directoryOverDirectory)
+            zo::os::exchange(encoded(replacement).constData(), encoded(target).constData());
+        errno = syncError;
+        failToReplace(target, "sync the directory of");
+    }
+    if (directoryOverDirectory) {
+        try {
+            remove(replacement); // the previous content, exchanged out of the way
+        } catch (const std::exception&) {
+            // A hidden leftover beside the saved tree; the save itself is complete.
+        }
+    }
+}
+
+} // namespace detail
+} // namespace zo::project

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <zo/project/archive.h>
+
+#include <QDateTime>
+#include <QString>
+
+#include <optional>
+
+// The files of archive-project workspaces in the temporary directory and the durable
+// replacement of a saved archive.
+namespace zo::project::detail {
+
+// The hidden record beside a workspace: where its content came from.
+struct WorkspaceRecord {
+    QString sourcePath;
+    ArchiveFormat format;
+};
+
+// Creates a new empty workspace directory under a name from xGetNewTempPath (the first one no
+// other model took meanwhile); IOWriteError when the temporary directory refuses it.
+QString createWorkspaceDirectory();
+
+// Replaces the record atomically. The record only helps a later recovery, so a failure to
+// write it is not the user's operation's failure: it returns false.
+bool writeRecord(const QString& workspace, const WorkspaceRecord& record);
+// None for a workspace of an older version, which kept no record.
+std::optional<WorkspaceRecord> readRecord(const QString& workspace);
+// Removes the workspace tree, then its record; errors of the tree's removal propagate.
+void removeWorkspace(const QString& workspace);
+
+// The process id in a workspace's name; 0 when the name is not a workspace's.
+int ownerOfWorkspace(const QString& name);
+// The newest modification time in the workspace and its record.
+QDateTime lastModifiedOf(const QString& workspace);
+
+// A hidden path beside target that does not exist yet, for writing target's replacement.
+QString temporaryPathBeside(const QString& target);
+// Syncs replacement (a file or a tree), renames it over target (a directory over a directory
+// by exchanging the two) and syncs the directory. IOWriteError when a step fails; target is
+// then as it was, except when only the last sync failed.
+void replaceDurably(const QString& replacement, const QString& target);
+
+} // namespace zo::project::detail

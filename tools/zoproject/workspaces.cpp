@@ -1,0 +1,85 @@
+#include "workspaces.h"
+
+#include "command.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonObject>
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace zo::cli {
+namespace {
+
+using zo::project::ArchiveFormat;
+using zo::project::ProjectModel;
+
+QString sourceOf(const Workspace& workspace)
+{
+    return workspace.sourcePath.isEmpty() ? QStringLiteral("no source") : workspace.sourcePath;
+}
+
+// Copied into a model of its own rather than adopted, so that a failed save leaves the
+// workspace where the next attempt finds it; it goes only once the archive is written.
+void save(const Workspace& workspace, const QString& target, bool toSource)
+{
+    ProjectModel model;
+    model.load(workspace.path, ArchiveFormat::Directory);
+    // Native, the source's own format, is what a save asks for by detecting it.
+    const bool detect = !toSource || workspace.format == ArchiveFormat::Native;
+    model.save(target, detect ? ArchiveFormat::Auto : workspace.format, true);
+    ProjectModel::abandonWorkspace(workspace);
+}
+
+} // namespace
+
+void printWorkspaces(const std::vector<Workspace>& workspaces)
+{
+    if (workspaces.empty())
+        return;
+    print(QStringLiteral("Recoverable archive workspaces (their process has ended):"));
+    for (const Workspace& workspace : workspaces)
+        print(QStringLiteral("  %1  (%2, modified %3, process %4)")
+                  .arg(QFileInfo(workspace.path).fileName(), sourceOf(workspace),
+                      workspace.lastModified.toString(Qt::ISODate))
+                  .arg(workspace.pid));
+}
+
+QJsonArray workspacesJson(const std::vector<Workspace>& workspaces)
+{
+    QJsonArray array;
+    for (const Workspace& workspace : workspaces)
+        array.append(QJsonObject { { "path", workspace.path },
+            { "sourcePath", workspace.sourcePath }, { "pid", workspace.pid },
+            { "modified", workspace.lastModified.toUTC().toString(Qt::ISODate) } });
+    return array;
+}
+
+void recoverWorkspace(const QString& name, const QString& target, bool abandon, bool dryRun)
+{
+    const std::vector<Workspace> workspaces = ProjectModel::recoverableWorkspaces();
+    const auto found
+        = std::find_if(workspaces.begin(), workspaces.end(), [&name](const Workspace& workspace) {
+              return workspace.path == name || QFileInfo(workspace.path).fileName() == name;
+          });
+    if (found == workspaces.end())
+        throw std::runtime_error("'" + name.toStdString() + "': no workspace of an ended process");
+    const QString workspaceName = QFileInfo(found->path).fileName();
+    if (abandon) {
+        if (!dryRun)
+            ProjectModel::abandonWorkspace(*found);
+        print(QString::fromLatin1(dryRun ? "would abandon %1" : "abandoned %1").arg(workspaceName));
+        return;
+    }
+    const QString destination = target.isEmpty() ? found->sourcePath : target;
+    if (destination.isEmpty())
+        throw UsageError(
+            workspaceName.toStdString() + " has no source archive; name where to save it");
+    if (!dryRun)
+        save(*found, QFileInfo(destination).absoluteFilePath(), target.isEmpty());
+    print(QString::fromLatin1(dryRun ? "would save %1 to %2" : "saved %1 to %2")
+              .arg(workspaceName, destination));
+}
+
+} // namespace zo::cli

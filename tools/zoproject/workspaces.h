@@ -1,0 +1,25 @@
+#pragma once
+
+// The workspaces archive projects of ended processes left in the temporary directory. Listed
+// by status, saved or removed by recover.
+
+#include <zo/project/projectmodel.h>
+
+#include <QJsonArray>
+#include <QString>
+
+#include <vector>
+
+namespace zo::cli {
+
+using Workspace = zo::project::ProjectModel::RecoverableWorkspace;
+
+void printWorkspaces(const std::vector<Workspace>& workspaces);
+QJsonArray workspacesJson(const std::vector<Workspace>& workspaces);
+
+// Saves the workspace named by its directory's name or path to target (its source archive
+// when empty), then removes it; with abandon only removes it; with dryRun says what it would
+// do.
+void recoverWorkspace(const QString& name, const QString& target, bool abandon, bool dryRun);
+
+} // namespace zo::cli
