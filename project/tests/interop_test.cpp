@@ -14,25 +14,17 @@ struct Tool {
     const char* program; // the case is skipped when it is not installed
     ArchiveFormat format;
     const char* archive;
-    const char* command; // sh: $A the archive, $D the directory
+    const char* command; // sh: $1 the archive, $2 the directory
     int details; // what the tool keeps
 };
-
-void PrintTo(const Tool& tool, std::ostream* out)
-{
-    *out << tool.program << " " << tool.archive;
-}
 
 // Runs the tool's command, failing the test on a non-zero exit.
 void run(const Tool& tool, const std::string& archive, const std::string& directory)
 {
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("A", QString::fromStdString(archive));
-    environment.insert("D", QString::fromStdString(directory));
-    environment.insert("LC_ALL", "C.UTF-8");
     QProcess process;
-    process.setProcessEnvironment(environment);
-    process.start("sh", { "-c", tool.command });
+    process.start("sh",
+        { "-c", QString("export LC_ALL=C.UTF-8; ") + tool.command, "sh",
+            QString::fromStdString(archive), QString::fromStdString(directory) });
     EXPECT_TRUE(process.waitForFinished(60000));
     EXPECT_EQ(process.exitCode(), 0) << process.readAllStandardError().toStdString();
 }
@@ -90,23 +82,23 @@ void add(std::vector<Tool>& tools, const char* program, const char* command, int
 std::vector<Tool> readers()
 {
     std::vector<Tool> tools;
-    add(tools, "bsdtar", R"(mkdir "$D" && bsdtar -xpf "$A" -C "$D")", Everything,
+    add(tools, "bsdtar", R"(mkdir "$2" && bsdtar -xpf "$1" -C "$2")", Everything,
         { tar, tarGz, tarBz2, tarXz, tarZstd, zip, sevenZip });
-    add(tools, "unzip", R"(unzip -q "$A" -d "$D")", Everything, { zip, native });
+    add(tools, "unzip", R"(unzip -q "$1" -d "$2")", Everything, { zip, native });
     // 7-Zip ignores every link with "..", even one that stays inside, unless -snld allows it.
-    add(tools, "7z", R"(7z x -snld -bd -y -o"$D" "$A" >/dev/null)", Everything, { zip, sevenZip });
+    add(tools, "7z", R"(7z x -snld -bd -y -o"$2" "$1" >/dev/null)", Everything, { zip, sevenZip });
     return tools;
 }
 
 std::vector<Tool> writers()
 {
     std::vector<Tool> tools;
-    add(tools, "bsdtar", R"(bsdtar -caf "$A" -C "$D" .)", Everything,
+    add(tools, "bsdtar", R"(bsdtar -caf "$1" -C "$2" .)", Everything,
         { tar, tarGz, tarBz2, tarXz, tarZstd, zip, sevenZip });
-    add(tools, "zip", R"(cd "$D" && zip -qry "$A" .)", Everything, { zip });
-    add(tools, "7z", R"(cd "$D" && 7z a -snl -bd "$A" . >/dev/null)", Everything, { sevenZip });
+    add(tools, "zip", R"(cd "$2" && zip -qry "$1" .)", Everything, { zip });
+    add(tools, "7z", R"(cd "$2" && 7z a -snl -bd "$1" . >/dev/null)", Everything, { sevenZip });
     // 7-Zip's zips keep times in two-second steps; the script leaves links out of zips.
-    add(tools, "7z", R"(cd "$D" && 7z a -snl -bd -tzip "$A" . >/dev/null)", Modes | Links, { zip });
+    add(tools, "7z", R"(cd "$2" && 7z a -snl -bd -tzip "$1" . >/dev/null)", Modes | Links, { zip });
     return tools;
 }
 

@@ -59,7 +59,7 @@ TEST_F(Metadata, AnyBytesRoundTripAtomicallyAndEveryCopyReadsTheFile)
     EXPECT_EQ(reader.getMetadata("a=b"), "changed");
 }
 
-TEST_F(Metadata, MakeProjectCreatesParentsAndKeepsAnExistingProject)
+TEST_F(Metadata, MakeProjectCreatesParentsOrKeepsAProjectAndAMissingOneOnlyReads)
 {
     const Project created = zo::project::makeProject(path("a/b/c"));
     EXPECT_EQ(created.projectPath(), path("a/b/c"));
@@ -71,6 +71,11 @@ TEST_F(Metadata, MakeProjectCreatesParentsAndKeepsAnExistingProject)
 
     writeFile(path("file"), "x");
     EXPECT_THROW(zo::project::makeProject(path("file")), ArchiveError);
+
+    Project missing(path("missing"));
+    EXPECT_TRUE(missing.getMetadata().empty());
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, path("missing/.metadata"),
+        thrownBy([&] { missing.setMetadata("key", "value"); }));
 }
 
 TEST_F(Metadata, CorruptFileIsAnErrorNamingItAndIsNotOverwritten)
@@ -88,19 +93,10 @@ TEST_F(Metadata, CorruptFileIsAnErrorNamingItAndIsNotOverwritten)
     Project project(dir.path().toStdString());
     for (const std::string& content : corrupt) {
         writeFile(file, QByteArray::fromStdString(content));
-        EXPECT_PRED_FORMAT2(
-            testing::IsSubstring, file, thrownBy([&] { project.getMetadata(); }));
+        EXPECT_PRED_FORMAT2(testing::IsSubstring, file, thrownBy([&] { project.getMetadata(); }));
         EXPECT_THROW(project.setMetadata("key", "value"), ArchiveError);
         EXPECT_EQ(readFile(file).toStdString(), content);
     }
-}
-
-TEST_F(Metadata, MissingProjectReadsEmptyAndRefusesWrites)
-{
-    Project project(path("missing"));
-    EXPECT_TRUE(project.getMetadata().empty());
-    EXPECT_PRED_FORMAT2(testing::IsSubstring, path("missing/.metadata"),
-        thrownBy([&] { project.setMetadata("key", "value"); }));
 }
 
 } // namespace

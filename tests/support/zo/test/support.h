@@ -37,8 +37,9 @@ struct TestPath {
     QString value;
 };
 
-// "Class: message" of the exception body throws, the class named without a leading
-// "zo::project::" or "std::"; "nothing thrown" when body returns.
+// "Class: message" of the std::exception body throws, the class named without a leading
+// "zo::project::" or "std::"; "nothing thrown" when body returns. Anything else that is thrown
+// goes on to fail the test.
 std::string thrownBy(const std::function<void()>& body);
 
 // Creates the parent directories too; a failure fails the calling test.
