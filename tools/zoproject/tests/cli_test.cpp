@@ -3,6 +3,8 @@
 
 #include <zo/test/support.h>
 
+#include <archive.h>
+#include <archive_entry.h>
 #include <gtest/gtest.h>
 
 #include <QDir>
@@ -13,6 +15,8 @@
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+
+#include <memory>
 
 namespace {
 
@@ -225,6 +229,33 @@ TEST_F(Cli, MetaOnAnArchiveReplacesItWholeOrNotAtAll)
         GTEST_SKIP() << "no read-only bind mount here";
     EXPECT_EQ(zoproject({ "meta", archive, "title", "Refused" }).status, 1);
     EXPECT_EQ(readFile(archive), before);
+}
+
+TEST_F(Cli, HostileArchiveIsRefusedNamingTheEntryAndWritesNothing)
+{
+    const std::string archive = path(QStringLiteral("hostile.tar")).toStdString();
+    const std::unique_ptr<struct archive, int (*)(struct archive*)> writer(
+        archive_write_new(), archive_write_free);
+    archive_write_set_format_pax_restricted(writer.get());
+    ASSERT_EQ(archive_write_open_filename(writer.get(), archive.c_str()), ARCHIVE_OK);
+    for (const char* name : { "fine.txt", "../outside/pwned" }) {
+        const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(
+            archive_entry_new(), archive_entry_free);
+        archive_entry_set_pathname(entry.get(), name);
+        archive_entry_set_filetype(entry.get(), AE_IFREG);
+        archive_entry_set_size(entry.get(), 4);
+        ASSERT_EQ(archive_write_header(writer.get(), entry.get()), ARCHIVE_OK);
+        archive_write_data(writer.get(), "evil", 4);
+    }
+    ASSERT_EQ(archive_write_close(writer.get()), ARCHIVE_OK);
+
+    const Outcome run
+        = zoproject({ "unpack", "hostile.tar", "sandbox/destination" }, scratch.path());
+    EXPECT_EQ(run.status, 1);
+    EXPECT_TRUE(run.err.startsWith("zoproject: 'hostile.tar', entry '../outside/pwned': "))
+        << run.err.toStdString();
+    EXPECT_EQ(QDir(scratch.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+        QStringList { "hostile.tar" });
 }
 
 TEST(ProgressLine, ShowsWhatIsKnownAndTheTimeLeft)
