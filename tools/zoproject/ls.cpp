@@ -18,8 +18,10 @@ int ls(const QCommandLineParser& parser)
     const ProjectSource source(parser.positionalArguments().first(), ProjectSource::Unpack::InTemp);
     const QDir root(source.directory());
     // Listed as the library lists a project: hidden files too, the metadata file not.
-    const QStringList files
+    QStringList files
         = zo::project::ProjectVFS(root.path()).getFileList(QString(), true, true, false);
+    // By path, whatever order the file system or the archive keeps them in.
+    files.sort();
 
     QJsonArray entries;
     qint64 total = 0;
