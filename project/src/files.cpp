@@ -22,7 +22,7 @@ std::string parentDirectory(const std::string& path)
 
 void syncDirectory(const std::string& directory, const std::string& target)
 {
-    if (!zo::os::syncDirectory(directory.c_str()))
+    if (!os::syncDirectory(directory.c_str()))
         fail(target, "cannot sync directory '" + directory + "': " + systemError());
 }
 
@@ -35,7 +35,7 @@ std::string tempTemplateBeside(const std::string& path)
 
 void renameInto(const std::string& temp, const std::string& target)
 {
-    if (!zo::os::rename(temp.c_str(), target.c_str()))
+    if (!os::rename(temp.c_str(), target.c_str()))
         fail(target, "cannot replace: " + systemError());
     syncDirectory(parentDirectory(target), target);
 }
@@ -64,7 +64,7 @@ void AtomicFile::write(std::string_view data)
 void AtomicFile::keep()
 {
     // mkstemp creates the file private; the result is an ordinary shared file.
-    if (!os::setPermissions(_fd.get(), 0644) || !zo::os::syncFile(_fd.get()) || !_fd.close())
+    if (!os::setPermissions(_fd.get(), 0644) || !os::syncFile(_fd.get()) || !_fd.close())
         fail(_target, "cannot write '" + _temp + "': " + systemError());
     renameInto(_temp, _target);
     _temp.clear();
