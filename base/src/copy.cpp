@@ -1,4 +1,6 @@
+#include <zo/file.h>
 #include <zo/os.h>
+#include <zo/treewalk.h>
 
 #include <cerrno>
 #include <climits>
@@ -15,31 +17,6 @@
 
 namespace zo::os {
 namespace {
-
-// Closes on every path out; keeps the errno of the failure being reported.
-class Descriptor {
-public:
-    explicit Descriptor(int fd)
-        : _fd(fd)
-    {
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor()
-    {
-        if (_fd >= 0) {
-            const int saved = errno;
-            ::close(_fd);
-            errno = saved;
-        }
-    }
-    int get() const { return _fd; }
-    // close's own failure is a late write error, reported like any other.
-    bool close() { return ::close(std::exchange(_fd, -1)) == 0; }
-
-private:
-    int _fd;
-};
 
 bool copyByReadWrite(int from, int to)
 {
@@ -61,27 +38,6 @@ bool copyByReadWrite(int from, int to)
     }
 }
 
-bool copyContent(int from, int to, off_t size)
-{
-    if (::ioctl(to, FICLONE, from) == 0)
-        return true;
-    for (off_t done = 0; done < size;) {
-        const ssize_t copied
-            = ::copy_file_range(from, nullptr, to, nullptr, static_cast<size_t>(size - done), 0);
-        if (copied < 0 && errno == EINTR)
-            continue;
-        if (copied < 0 && done == 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL))
-            return copyByReadWrite(from, to); // file systems the kernel cannot copy between
-        if (copied < 0)
-            return false;
-        if (copied == 0)
-            break; // the source shrank meanwhile
-        done += copied;
-    }
-    // Whatever the source gained since it was measured.
-    return copyByReadWrite(from, to);
-}
-
 std::string directoryOf(const std::string& path)
 {
     const auto slash = path.rfind('/');
@@ -90,41 +46,62 @@ std::string directoryOf(const std::string& path)
 
 // An unnamed file in to's directory, which cannot be seen at all until it is linked in; where
 // the file system has none, a file with a hidden name beside to, returned in hidden.
-int openUnnamedBeside(const char* to, mode_t mode, std::string& hidden)
+UniqueFd openUnnamedBeside(const char* to, mode_t mode, std::string& hidden)
 {
     const std::string target(to);
     const std::string directory = directoryOf(target);
-    const int fd = ::open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, mode);
-    if (fd >= 0 || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
+    UniqueFd fd(::open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
+    if (fd || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
         return fd;
     const auto slash = target.rfind('/');
     hidden
         = directory + "/." + target.substr(slash == std::string::npos ? 0 : slash + 1) + ".XXXXXX";
-    return ::mkostemp(hidden.data(), O_CLOEXEC);
+    return createTemporaryFile(hidden);
 }
 
 } // namespace
 
+bool copyContent(int from, int to, std::uint64_t size)
+{
+    if (::ioctl(to, FICLONE, from) == 0)
+        return true;
+    for (std::uint64_t done = 0; done < size;) {
+        const ssize_t copied = ::copy_file_range(
+            from, nullptr, to, nullptr, static_cast<std::size_t>(size - done), 0);
+        if (copied < 0 && errno == EINTR)
+            continue;
+        if (copied < 0 && done == 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL))
+            return copyByReadWrite(from, to); // file systems the kernel cannot copy between
+        if (copied < 0)
+            return false;
+        if (copied == 0)
+            break; // the source shrank meanwhile
+        done += static_cast<std::uint64_t>(copied);
+    }
+    // Whatever the source gained since it was measured.
+    return copyByReadWrite(from, to);
+}
+
 bool copyFile(const char* from, const char* to)
 {
-    Descriptor in(::open(from, O_RDONLY | O_CLOEXEC));
-    struct stat status { };
-    if (in.get() < 0 || ::fstat(in.get(), &status) != 0)
+    const UniqueFd in = openForReading(from);
+    const std::optional<FileStatus> status = in ? os::status(in.get()) : std::nullopt;
+    if (!status)
         return false;
-    const mode_t mode = status.st_mode & 07777;
+    const mode_t mode = status->permissions;
 
     std::string hidden;
-    Descriptor out(openUnnamedBeside(to, mode, hidden));
-    if (out.get() < 0)
+    UniqueFd out = openUnnamedBeside(to, mode, hidden);
+    if (!out)
         return false;
     const auto dropHidden = [&hidden] {
         if (!hidden.empty()) {
             const int saved = errno;
-            ::unlink(hidden.c_str());
+            os::remove(hidden.c_str());
             errno = saved;
         }
     };
-    if (!copyContent(in.get(), out.get(), status.st_size) || ::fchmod(out.get(), mode) != 0) {
+    if (!copyContent(in.get(), out.get(), status->size) || !setPermissions(out.get(), mode)) {
         dropHidden();
         return false;
     }
@@ -141,8 +118,8 @@ bool copyFile(const char* from, const char* to)
 
 bool syncFileSystem(const char* path)
 {
-    const Descriptor fd(::open(path, O_RDONLY | O_CLOEXEC));
-    return fd.get() >= 0 && ::syncfs(fd.get()) == 0;
+    const UniqueFd fd = openForReading(path);
+    return fd && ::syncfs(fd.get()) == 0;
 }
 
 } // namespace zo::os

@@ -1,4 +1,5 @@
 #include <zo/fault.h>
+#include <zo/file.h>
 #include <zo/os.h>
 
 #include <atomic>
@@ -33,15 +34,8 @@ bool failsOnPurpose(fault::Step step)
 
 bool syncPath(const char* path)
 {
-    const int descriptor = ::open(path, O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0)
-        return false;
-    const bool synced = ::fsync(descriptor) == 0;
-    const int syncError = errno;
-    const bool closed = ::close(descriptor) == 0;
-    if (!synced)
-        errno = syncError;
-    return synced && closed;
+    UniqueFd descriptor = openForReading(path);
+    return descriptor && ::fsync(descriptor.get()) == 0 && descriptor.close();
 }
 
 std::string procFile(pid_t pid, const char* name)

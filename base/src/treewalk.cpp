@@ -30,15 +30,8 @@ FileStatus fileStatusOf(const struct stat& status)
     return FileStatus { typeOfMode(status.st_mode), static_cast<std::uint64_t>(status.st_size),
         static_cast<std::int64_t>(status.st_mtim.tv_sec),
         static_cast<std::int32_t>(status.st_mtim.tv_nsec),
-        static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino) };
-}
-
-std::optional<FileStatus> statAt(int directory, const char* name, bool followLinks)
-{
-    struct stat status { };
-    if (::fstatat(directory, name, &status, followLinks ? 0 : AT_SYMLINK_NOFOLLOW) != 0)
-        return std::nullopt;
-    return fileStatusOf(status);
+        static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino),
+        static_cast<std::uint32_t>(status.st_mode & 07777) };
 }
 
 struct DirectoryCloser {
@@ -132,7 +125,7 @@ private:
                 isLink = true;
                 break;
             case DT_UNKNOWN: // some file systems do not fill d_type
-                knownStatus = statAt(directory, name, false);
+                knownStatus = statusAt(directory, name, false);
                 if (!knownStatus) {
                     reportError(errno);
                     continue;
@@ -146,7 +139,7 @@ private:
             if (isLink) {
                 type = EntryType::Link;
                 if (_options.followLinks) {
-                    knownStatus = statAt(directory, name, true);
+                    knownStatus = statusAt(directory, name, true);
                     if (knownStatus)
                         type = knownStatus->type;
                 }
@@ -187,9 +180,25 @@ private:
 
 } // namespace
 
+std::optional<FileStatus> statusAt(int directory, const char* name, bool followLinks)
+{
+    struct stat status { };
+    if (::fstatat(directory, name, &status, followLinks ? 0 : AT_SYMLINK_NOFOLLOW) != 0)
+        return std::nullopt;
+    return fileStatusOf(status);
+}
+
+std::optional<FileStatus> status(int descriptor)
+{
+    struct stat status { };
+    if (::fstat(descriptor, &status) != 0)
+        return std::nullopt;
+    return fileStatusOf(status);
+}
+
 std::optional<FileStatus> status(const char* path)
 {
-    return statAt(AT_FDCWD, path, true);
+    return statusAt(AT_FDCWD, path, true);
 }
 
 WalkEntry::WalkEntry(std::string_view path, std::string_view name, EntryType type, bool isLink,
@@ -210,7 +219,7 @@ const FileStatus* WalkEntry::status() const
 {
     if (!_statusRead) {
         // name is a view into the walk's path buffer, which ends right after it.
-        _status = statAt(_directory, name.data(), _followLinks);
+        _status = statusAt(_directory, name.data(), _followLinks);
         _statusRead = true;
     }
     return _status ? &*_status : nullptr;

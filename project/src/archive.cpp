@@ -8,12 +8,11 @@
 #include "pack.h"
 #include "unpack.h"
 
+#include <zo/treewalk.h>
+
 #include <algorithm>
-#include <fcntl.h>
 #include <filesystem>
 #include <optional>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace zo::project {
 namespace {
@@ -30,31 +29,23 @@ void requireKnown(ArchiveFormat format)
         throw UnsupportedFormat("unknown archive format " + std::to_string(value));
 }
 
-std::optional<struct stat> statusOf(const std::string& path)
-{
-    struct stat status { };
-    if (::stat(path.c_str(), &status) != 0)
-        return std::nullopt;
-    return status;
-}
-
 bool isDirectory(const std::string& path)
 {
-    const auto status = statusOf(path);
-    return status && S_ISDIR(status->st_mode);
+    const auto status = os::status(path.c_str());
+    return status && status->type == os::EntryType::Directory;
 }
 
 Inode inodeOf(int fd, const std::string& path)
 {
-    struct stat status { };
-    if (::fstat(fd, &status) != 0)
+    const auto status = os::status(fd);
+    if (!status)
         fail(path, systemError());
-    return { status.st_dev, status.st_ino };
+    return { status->device, status->inode };
 }
 
 UniqueFd openDirectory(const std::string& path)
 {
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd fd = os::openDirectory(path.c_str());
     if (!fd)
         fail(path, "cannot open the directory: " + systemError());
     return fd;
@@ -144,15 +135,15 @@ void exportTree(
     const std::string& source, const std::string& destination, const ProgressCallback& progress)
 {
     std::string temp = tempTemplateBeside(destination);
-    if (::mkdtemp(temp.data()) == nullptr)
+    if (!os::createTemporaryDirectory(temp))
         fail(destination, "cannot create a temporary directory beside it: " + systemError());
     TreeGuard guard(temp);
     const UniqueFd root = openDirectory(temp);
     TreeReader reader(source, inodeOf(root.get(), destination));
     reader.reportTo(progress);
     unpack(reader, root.get(), destination);
-    const auto status = statusOf(source);
-    if (!status || ::fchmod(root.get(), status->st_mode & 0777) != 0)
+    const auto status = os::status(source.c_str());
+    if (!status || !os::setPermissions(root.get(), status->permissions & 0777))
         fail(destination, "cannot copy the mode of '" + source + "': " + systemError());
     renameInto(temp, destination);
     guard.keep();
@@ -210,12 +201,12 @@ bool exportProject(const std::string& source, const std::string& destination, Ar
 
 ArchiveFormat detectFormat(const std::string& path)
 {
-    const auto status = statusOf(path);
+    const auto status = os::status(path.c_str());
     if (!status)
         return formatFromName(path);
-    if (S_ISDIR(status->st_mode))
+    if (status->type == os::EntryType::Directory)
         return ArchiveFormat::Directory;
-    if (!S_ISREG(status->st_mode))
+    if (status->type != os::EntryType::File)
         throw UnsupportedFormat("'" + path + "': neither a file nor a directory");
     return formatFromContent(path);
 }

@@ -2,14 +2,12 @@
 
 #include "errors.h"
 
+#include <zo/treewalk.h>
+
 #include <algorithm>
-#include <fcntl.h>
-#include <sys/stat.h>
 
 namespace zo::project::detail {
 namespace {
-
-constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 // The length of the leading components a and b share, at a component boundary.
 size_t sharedLength(std::string_view a, std::string_view b)
@@ -127,10 +125,10 @@ void DirectoryTree::stepUp(const std::string& entry)
     } else {
         // The directory held open was reached safely; its parent is the one recorded unless
         // something moved it meanwhile.
-        UniqueFd fd(::openat(openFd(), "..", directoryFlags));
-        struct stat status { };
-        if (!fd || ::fstat(fd.get(), &status) != 0 || status.st_dev != _directories[above].device
-            || status.st_ino != _directories[above].inode)
+        UniqueFd fd = os::openDirectoryAt(openFd(), "..");
+        const auto status = fd ? os::status(fd.get()) : std::nullopt;
+        if (!status || status->device != _directories[above].device
+            || status->inode != _directories[above].inode)
             failEntry(_archive, entry.empty() ? pathOf(above) : entry,
                 "the directory '" + name(above) + "' moved while unpacking");
         _openFd = std::move(fd);
@@ -141,23 +139,24 @@ void DirectoryTree::stepUp(const std::string& entry)
 void DirectoryTree::stepDown(Node node, const std::string& entry, bool create)
 {
     const char* childName = name(node).c_str();
-    UniqueFd fd(::openat(openFd(), childName, directoryFlags));
+    UniqueFd fd = os::openDirectoryAt(openFd(), childName);
     if (!fd && errno == ENOENT && create) {
-        if (::mkdirat(openFd(), childName, 0755) == 0)
+        if (os::makeDirectoryAt(openFd(), childName, 0755))
             markCreated(node);
         else if (errno != EEXIST)
             failEntry(_archive, entry.empty() ? pathOf(node) : entry,
                 "cannot create directory '" + name(node) + "': " + systemError());
-        fd = UniqueFd(::openat(openFd(), childName, directoryFlags));
+        fd = os::openDirectoryAt(openFd(), childName);
     }
     if (!fd) {
         const int error = errno;
         const std::string& named = entry.empty() ? pathOf(node) : entry;
-        struct stat status { };
-        if ((error == ELOOP || error == ENOTDIR)
-            && ::fstatat(openFd(), childName, &status, AT_SYMLINK_NOFOLLOW) == 0)
+        const auto status = error == ELOOP || error == ENOTDIR
+            ? os::statusAt(openFd(), childName, false)
+            : std::nullopt;
+        if (status)
             failEntry(_archive, named,
-                S_ISLNK(status.st_mode)
+                status->type == os::EntryType::Link
                     ? "writing through the symbolic link '" + name(node) + "' is refused"
                     : "'" + name(node) + "' is in the way of a directory");
         failEntry(
@@ -170,12 +169,12 @@ void DirectoryTree::stepDown(Node node, const std::string& entry, bool create)
 
 void DirectoryTree::remember(Node node, const std::string& entry)
 {
-    struct stat status { };
-    if (::fstat(openFd(), &status) != 0)
+    const auto status = os::status(openFd());
+    if (!status)
         failEntry(_archive, entry.empty() ? pathOf(node) : entry,
             "cannot query directory '" + name(node) + "': " + systemError());
-    _directories[node].device = status.st_dev;
-    _directories[node].inode = status.st_ino;
+    _directories[node].device = status->device;
+    _directories[node].inode = status->inode;
 }
 
 std::vector<DirectoryTree::Node> DirectoryTree::created() const

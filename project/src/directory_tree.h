@@ -3,12 +3,12 @@
 #include "files.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 #include <unordered_map>
 #include <vector>
 
@@ -70,8 +70,8 @@ private:
         size_t depth;
         bool created = false;
         // The identity seen when it was last opened, which a step up through ".." must meet.
-        dev_t device = 0;
-        ino_t inode = 0;
+        std::uint64_t device = 0;
+        std::uint64_t inode = 0;
     };
     Node child(Node parent, std::string_view name);
     int openFd() const { return _openFd ? _openFd.get() : _rootFd; }

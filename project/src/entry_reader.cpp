@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <sys/stat.h>
 #include <utility>
+#include <zo/treewalk.h>
 
 namespace zo::project::detail {
 
@@ -132,10 +132,10 @@ TreeReader::TreeReader(const std::string& root, std::optional<Inode> skip)
     , _prefix(prefixOf(withoutTrailingSlashes(root)))
     , _skip(skip)
 {
-    struct stat status { };
-    if (::stat(root.c_str(), &status) != 0)
+    const std::optional<os::FileStatus> status = os::status(root.c_str());
+    if (!status)
         fail(root, systemError());
-    if (!S_ISDIR(status.st_mode))
+    if (status->type != os::EntryType::Directory)
         fail(root, "not a directory");
     archive* handle = _handle.get();
     archive_read_disk_set_symlink_physical(handle);

@@ -78,8 +78,8 @@ private:
 };
 
 struct Inode {
-    dev_t device;
-    ino_t number;
+    std::uint64_t device;
+    std::uint64_t number;
 };
 
 // A directory tree; symbolic links are entries, never followed.

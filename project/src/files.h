@@ -1,38 +1,13 @@
 #pragma once
 
+#include <zo/file.h>
+
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 
 namespace zo::project::detail {
 
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd)
-        : _fd(fd)
-    {
-    }
-    UniqueFd(UniqueFd&& other) noexcept;
-    UniqueFd& operator=(UniqueFd&& other) noexcept;
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    ~UniqueFd();
-
-    int get() const { return _fd; }
-    explicit operator bool() const { return _fd >= 0; }
-    // Closes the descriptor and reports close's own failure (a late write error) as false.
-    bool close();
-
-private:
-    int _fd = -1;
-};
-
-// Writes all of data at offset; false with errno set on failure.
-bool writeAll(int fd, const void* data, size_t size, off_t offset);
-
-// Copies the whole content of the file from into to; false with errno set on failure.
-bool copyContent(int from, int to);
+using os::UniqueFd;
 
 // "dir/.name.XXXXXX": a hidden name beside path for mkstemp and mkdtemp.
 std::string tempTemplateBeside(const std::string& path);

@@ -4,10 +4,8 @@
 #include "files.h"
 #include "metadata.h"
 
-#include <fcntl.h>
 #include <filesystem>
 #include <optional>
-#include <unistd.h>
 #include <utility>
 
 namespace zo::project {
@@ -23,22 +21,15 @@ std::string metadataPath(const std::string& project)
 // The whole file, or nothing when it does not exist.
 std::optional<std::string> readFile(const std::string& path)
 {
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const UniqueFd fd = os::openForReading(path.c_str());
     if (!fd && errno == ENOENT)
         return std::nullopt;
     if (!fd)
         fail(path, "cannot open: " + systemError());
     std::string text;
-    char buffer[16 * 1024];
-    for (;;) {
-        const ssize_t count = ::read(fd.get(), buffer, sizeof buffer);
-        if (count == 0)
-            return text;
-        if (count < 0 && errno != EINTR)
-            fail(path, "cannot read: " + systemError());
-        if (count > 0)
-            text.append(buffer, static_cast<size_t>(count));
-    }
+    if (!os::readAll(fd.get(), text))
+        fail(path, "cannot read: " + systemError());
+    return text;
 }
 
 Metadata readMetadata(const std::string& file)

@@ -5,12 +5,11 @@
 #include "errors.h"
 #include "files.h"
 
+#include <zo/treewalk.h>
+
 #include <algorithm>
 #include <array>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <unistd.h>
 #include <unordered_set>
 #include <vector>
 
@@ -18,18 +17,17 @@ namespace zo::project::detail {
 namespace {
 
 using Node = DirectoryTree::Node;
-using Times = std::array<timespec, 2>;
+using Times = os::FileTimes;
 
 constexpr uint64_t reserve = 10 * 1024 * 1024;
 
 // The bytes that may be unpacked onto the volume of fd.
 uint64_t spaceBudget(int fd, const std::string& archive)
 {
-    struct statvfs volume { };
-    if (::fstatvfs(fd, &volume) != 0)
+    const std::optional<uint64_t> available = os::availableSpace(fd);
+    if (!available)
         fail(archive, "cannot query the destination's free space: " + systemError());
-    const uint64_t available = static_cast<uint64_t>(volume.f_bavail) * volume.f_frsize;
-    return available > reserve ? available - reserve : 0;
+    return *available > reserve ? *available - reserve : 0;
 }
 
 Times timesOf(archive_entry* entry)
@@ -128,10 +126,10 @@ DiskWriter::~DiskWriter()
         return;
     try {
         for (auto place = _created.rbegin(); place != _created.rend(); ++place)
-            ::unlinkat(_tree.open(place->directory, {}, false), place->name.c_str(), 0);
+            os::removeAt(_tree.open(place->directory, {}, false), place->name.c_str());
         for (const Node node : _tree.created())
-            ::unlinkat(
-                _tree.open(_tree.parent(node), {}, false), _tree.name(node).c_str(), AT_REMOVEDIR);
+            os::removeDirectoryAt(
+                _tree.open(_tree.parent(node), {}, false), _tree.name(node).c_str());
     } catch (const std::exception&) {
         // A directory that cannot be reached any more keeps what it holds.
     }
@@ -173,10 +171,9 @@ void DiskWriter::finish()
     for (const PendingDirectory& directory : _pending) {
         const int parent = _tree.open(_tree.parent(directory.node), {}, false);
         const std::string& name = _tree.name(directory.node);
-        const UniqueFd fd(
-            ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!fd || ::fchmod(fd.get(), directory.mode) != 0
-            || ::futimens(fd.get(), directory.times.data()) != 0)
+        const UniqueFd fd = os::openDirectoryAt(parent, name.c_str());
+        if (!fd || !os::setPermissions(fd.get(), directory.mode)
+            || !os::setTimes(fd.get(), directory.times))
             failSystem(_tree.pathOf(directory.node), "cannot set the directory's mode and times");
     }
     _finished = true;
@@ -193,8 +190,7 @@ UniqueFd DiskWriter::openHardLinkTarget(archive_entry* entry, const std::string&
     const std::optional<Node> parent = _tree.find(parentPath);
     if (!parent || _files.count({ *parent, std::string(leaf) }) == 0)
         refuseHardLink(_archive, name, target);
-    UniqueFd fd(::openat(_tree.open(*parent, name, false), std::string(leaf).c_str(),
-        O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd fd = os::openForReadingAt(_tree.open(*parent, name, false), std::string(leaf).c_str());
     if (!fd)
         failSystem(name, std::string("cannot open the hard link's target '") + target + "'");
     return fd;
@@ -202,7 +198,7 @@ UniqueFd DiskWriter::openHardLinkTarget(archive_entry* entry, const std::string&
 
 void DiskWriter::removeExisting(const Target& target) const
 {
-    if (::unlinkat(target.parentFd, target.place.name.c_str(), 0) == 0 || errno == ENOENT)
+    if (os::removeAt(target.parentFd, target.place.name.c_str()) || errno == ENOENT)
         return;
     if (errno == EISDIR)
         failEntry(_archive, target.entry, "a directory is in the way");
@@ -214,15 +210,16 @@ void DiskWriter::writeDirectory(const Target& target, archive_entry* entry)
     const char* name = target.place.name.c_str();
     const Node node = _tree.node(target.path);
     // Owner-only until finish: a read-only directory would refuse its own contents.
-    if (::mkdirat(target.parentFd, name, 0700) == 0) {
+    if (os::makeDirectoryAt(target.parentFd, name, 0700)) {
         _tree.markCreated(node);
     } else {
-        struct stat status { };
-        if (errno != EEXIST || ::fstatat(target.parentFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        const auto status
+            = errno == EEXIST ? os::statusAt(target.parentFd, name, false) : std::nullopt;
+        if (!status)
             failSystem(target.entry, "cannot create the directory");
-        if (!S_ISDIR(status.st_mode)) {
+        if (status->type != os::EntryType::Directory) {
             removeExisting(target);
-            if (::mkdirat(target.parentFd, name, 0700) != 0)
+            if (!os::makeDirectoryAt(target.parentFd, name, 0700))
                 failSystem(target.entry, "cannot create the directory");
             _tree.markCreated(node);
         }
@@ -234,25 +231,23 @@ void DiskWriter::writeSymlink(const Target& target, archive_entry* entry)
 {
     const char* name = target.place.name.c_str();
     const char* linkTarget = archive_entry_symlink(entry);
-    if (::symlinkat(linkTarget, target.parentFd, name) != 0) {
+    if (!os::makeSymlinkAt(linkTarget, target.parentFd, name)) {
         if (errno != EEXIST)
             failSystem(target.entry, "cannot create the symbolic link");
         removeExisting(target);
-        if (::symlinkat(linkTarget, target.parentFd, name) != 0)
+        if (!os::makeSymlinkAt(linkTarget, target.parentFd, name))
             failSystem(target.entry, "cannot create the symbolic link");
     }
     _created.push_back(target.place);
     const Times times = timesOf(entry);
-    if (::utimensat(target.parentFd, name, times.data(), AT_SYMLINK_NOFOLLOW) != 0)
+    if (!os::setTimesAt(target.parentFd, name, times))
         failSystem(target.entry, "cannot set the symbolic link's times");
 }
 
 UniqueFd DiskWriter::createFile(const Target& target)
 {
-    const auto create = [&] {
-        return UniqueFd(::openat(target.parentFd, target.place.name.c_str(),
-            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    };
+    const auto create
+        = [&] { return os::createFileAt(target.parentFd, target.place.name.c_str(), 0600); };
     UniqueFd fd = create();
     if (!fd && errno == EEXIST) {
         removeExisting(target);
@@ -274,12 +269,12 @@ void DiskWriter::writeFile(
     // Offsets may skip holes, so the file's extent is what counts against the budget.
     uint64_t extent = 0;
     if (source) {
-        struct stat status { };
-        if (::fstat(source.get(), &status) != 0)
+        const auto status = os::status(source.get());
+        if (!status)
             failSystem(target.entry, "cannot query the hard link's target");
-        extent = static_cast<uint64_t>(status.st_size);
+        extent = status->size;
         charge(extent, target.entry);
-        if (!copyContent(source.get(), fd.get()))
+        if (!os::copyContent(source.get(), fd.get(), extent))
             failSystem(target.entry, "cannot copy the hard link's target");
     }
     Block block;
@@ -289,17 +284,17 @@ void DiskWriter::writeFile(
             charge(end - extent, target.entry);
             extent = end;
         }
-        if (!writeAll(fd.get(), block.data, block.size, block.offset))
+        if (!os::writeAll(fd.get(), block.data, block.size, block.offset))
             failSystem(target.entry, "cannot write the file");
     }
     // A hole at the end shows only in the declared size.
     if (declared > extent) {
         charge(declared - extent, target.entry);
-        if (::ftruncate(fd.get(), static_cast<off_t>(declared)) != 0)
+        if (!os::resize(fd.get(), declared))
             failSystem(target.entry, "cannot extend the file");
     }
     const Times times = timesOf(entry);
-    if (::fchmod(fd.get(), permissionsOf(entry)) != 0 || ::futimens(fd.get(), times.data()) != 0
+    if (!os::setPermissions(fd.get(), permissionsOf(entry)) || !os::setTimes(fd.get(), times)
         || !fd.close())
         failSystem(target.entry, "cannot finish the file");
     _files.insert(target.place);

@@ -27,6 +27,7 @@ struct FileStatus {
     std::int32_t modifiedNanoseconds = 0; // always 0 to 999999999, also before 1970
     std::uint64_t device = 0;
     std::uint64_t inode = 0;
+    std::uint32_t permissions = 0; // the mode's 07777 bits
 
     // Rounded down, as Qt reports file times, so that a time set through Qt compares equal.
     std::int64_t modifiedMilliseconds() const
@@ -35,8 +36,12 @@ struct FileStatus {
     }
 };
 
-// The status of what path names, links followed; none when it cannot be read.
+// The status of what path names, links followed; none when it cannot be read, with errno set.
 ZO_EXPORT std::optional<FileStatus> status(const char* path);
+// The status of an open file.
+ZO_EXPORT std::optional<FileStatus> status(int descriptor);
+// The status of name in the open directory (or AT_FDCWD), of a link itself unless followLinks.
+ZO_EXPORT std::optional<FileStatus> statusAt(int directory, const char* name, bool followLinks);
 
 // Valid only while the visitor runs: its views point into the walk's own buffer.
 class ZO_EXPORT WalkEntry {

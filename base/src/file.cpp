@@ -1,0 +1,167 @@
+#include <zo/file.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+#include <utility>
+
+namespace zo::os {
+namespace {
+
+constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+constexpr int readFlags = O_RDONLY | O_CLOEXEC;
+
+} // namespace
+
+UniqueFd::UniqueFd(UniqueFd&& other) noexcept
+    : _fd(std::exchange(other._fd, -1))
+{
+}
+
+UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept
+{
+    if (this != &other) {
+        const int saved = errno;
+        close();
+        errno = saved;
+        _fd = std::exchange(other._fd, -1);
+    }
+    return *this;
+}
+
+UniqueFd::~UniqueFd()
+{
+    const int saved = errno;
+    close();
+    errno = saved;
+}
+
+bool UniqueFd::close()
+{
+    // Linux frees the descriptor even when close fails, so it is never retried.
+    return _fd < 0 || ::close(std::exchange(_fd, -1)) == 0;
+}
+
+UniqueFd openDirectory(const char* path)
+{
+    return UniqueFd(::open(path, directoryFlags));
+}
+
+UniqueFd openDirectoryAt(int directory, const char* name)
+{
+    return UniqueFd(::openat(directory, name, directoryFlags | O_NOFOLLOW));
+}
+
+UniqueFd openForReading(const char* path)
+{
+    return UniqueFd(::open(path, readFlags));
+}
+
+UniqueFd openForReadingAt(int directory, const char* name)
+{
+    return UniqueFd(::openat(directory, name, readFlags | O_NOFOLLOW));
+}
+
+UniqueFd createFileAt(int directory, const char* name, mode_t mode)
+{
+    return UniqueFd(
+        ::openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+}
+
+UniqueFd createTemporaryFile(std::string& pathTemplate)
+{
+    return UniqueFd(::mkostemp(pathTemplate.data(), O_CLOEXEC));
+}
+
+bool createTemporaryDirectory(std::string& pathTemplate)
+{
+    return ::mkdtemp(pathTemplate.data()) != nullptr;
+}
+
+bool makeDirectoryAt(int directory, const char* name, mode_t mode)
+{
+    return ::mkdirat(directory, name, mode) == 0;
+}
+
+bool makeSymlinkAt(const char* target, int directory, const char* name)
+{
+    return ::symlinkat(target, directory, name) == 0;
+}
+
+bool remove(const char* path)
+{
+    return ::unlink(path) == 0;
+}
+
+bool removeAt(int directory, const char* name)
+{
+    return ::unlinkat(directory, name, 0) == 0;
+}
+
+bool removeDirectoryAt(int directory, const char* name)
+{
+    return ::unlinkat(directory, name, AT_REMOVEDIR) == 0;
+}
+
+bool setPermissions(int descriptor, mode_t mode)
+{
+    return ::fchmod(descriptor, mode) == 0;
+}
+
+bool setTimes(int descriptor, const FileTimes& times)
+{
+    return ::futimens(descriptor, times.data()) == 0;
+}
+
+bool setTimesAt(int directory, const char* name, const FileTimes& times)
+{
+    return ::utimensat(directory, name, times.data(), AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+bool resize(int descriptor, std::uint64_t size)
+{
+    return ::ftruncate(descriptor, static_cast<off_t>(size)) == 0;
+}
+
+bool readAll(int descriptor, std::string& text)
+{
+    char buffer[16 * 1024];
+    for (;;) {
+        const ssize_t count = ::read(descriptor, buffer, sizeof buffer);
+        if (count == 0)
+            return true;
+        if (count < 0 && errno != EINTR)
+            return false;
+        if (count > 0)
+            text.append(buffer, static_cast<std::size_t>(count));
+    }
+}
+
+bool writeAll(int descriptor, const void* data, std::size_t size, off_t offset)
+{
+    const char* bytes = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t written = ::pwrite(descriptor, bytes, size, offset);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return false;
+        bytes += written;
+        size -= static_cast<std::size_t>(written);
+        offset += written;
+    }
+    return true;
+}
+
+std::optional<std::uint64_t> availableSpace(int descriptor)
+{
+    struct statvfs volume { };
+    if (::fstatvfs(descriptor, &volume) != 0)
+        return std::nullopt;
+    return static_cast<std::uint64_t>(volume.f_bavail) * volume.f_frsize;
+}
+
+} // namespace zo::os
