@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 
@@ -172,6 +173,31 @@ void clear()
 }
 
 } // namespace fault
+
+pid_t runAndKill(const std::function<void()>& body)
+{
+    int ready[2];
+    if (::pipe2(ready, O_CLOEXEC) != 0)
+        return -1;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(ready[0]);
+        body();
+        const char done = 1;
+        if (::write(ready[1], &done, 1) == 1)
+            ::pause();
+        ::_exit(1);
+    }
+    ::close(ready[1]);
+    char done = 0;
+    const bool finished = child > 0 && ::read(ready[0], &done, 1) == 1;
+    ::close(ready[0]);
+    if (child > 0) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+    }
+    return finished ? child : -1;
+}
 
 bool isTerminal(int descriptor)
 {

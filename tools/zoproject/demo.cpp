@@ -1,6 +1,7 @@
 // The demo command: a crash-safe edit, a crash and its recovery, told step by step.
 #include "command.h"
 
+#include <zo/os.h>
 #include <zo/project/archive.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/project.h>
@@ -13,10 +14,7 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
-#include <csignal>
 #include <stdexcept>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace zo::cli {
 namespace {
@@ -39,23 +37,11 @@ void write(ProjectVFS& project, const QString& path, const QByteArray& data)
 // Edits a file in a child process that is killed before it saves.
 void crashWhileEditing(const QString& root, const QString& path, const QByteArray& data)
 {
-    int ready[2];
-    if (pipe(ready) != 0)
-        throw std::runtime_error("pipe failed");
-    const pid_t editor = fork();
-    if (editor == 0) {
+    const pid_t editor = zo::os::runAndKill([&] {
         ProjectVFS project(root);
         write(project, path, data);
-        const char done = 1;
-        _exit(::write(ready[1], &done, 1) == 1 ? (pause(), 0) : 1);
-    }
-    close(ready[1]);
-    char done = 0;
-    const bool edited = read(ready[0], &done, 1) == 1;
-    close(ready[0]);
-    kill(editor, SIGKILL);
-    waitpid(editor, nullptr, 0);
-    if (!edited)
+    });
+    if (editor < 0)
         throw std::runtime_error("the editing process failed");
     print(
         QStringLiteral("  process %1 wrote %2 and was killed before saving").arg(editor).arg(path));

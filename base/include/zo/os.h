@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <initializer_list>
 #include <optional>
 #include <string>
@@ -52,6 +53,11 @@ struct Process {
 
 // The process with this id; none when there is none.
 ZO_EXPORT std::optional<Process> findProcess(pid_t pid);
+
+// Runs body in a forked child process and kills that child with SIGKILL as soon as body has
+// returned in it, as a crash at that moment would. Returns the child's id once it is gone; -1
+// when it could not be started or did not finish body, with errno set where the system said why.
+ZO_EXPORT pid_t runAndKill(const std::function<void()>& body);
 
 // Whether the descriptor is a terminal, where progress may be drawn.
 ZO_EXPORT bool isTerminal(int descriptor);
