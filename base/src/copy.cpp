@@ -2,6 +2,7 @@
 #include <zo/os.h>
 #include <zo/treewalk.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -65,21 +66,20 @@ bool copyContent(int from, int to, std::uint64_t size)
 {
     if (::ioctl(to, FICLONE, from) == 0)
         return true;
-    for (std::uint64_t done = 0; done < size;) {
-        const ssize_t copied = ::copy_file_range(
-            from, nullptr, to, nullptr, static_cast<std::size_t>(size - done), 0);
+    // Up to the end of the file, whatever it gained since it was measured: the measured size
+    // only makes the first call ask for everything at once.
+    constexpr std::uint64_t kMostAtOnce = 1ULL << 30;
+    for (bool first = true;; first = false) {
+        const ssize_t copied = ::copy_file_range(from, nullptr, to, nullptr,
+            static_cast<std::size_t>(first && size > 0 ? std::min(size, kMostAtOnce) : kMostAtOnce),
+            0);
         if (copied < 0 && errno == EINTR)
             continue;
-        if (copied < 0 && done == 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL))
+        if (copied < 0 && first && (errno == EXDEV || errno == ENOSYS || errno == EINVAL))
             return copyByReadWrite(from, to); // file systems the kernel cannot copy between
-        if (copied < 0)
-            return false;
-        if (copied == 0)
-            break; // the source shrank meanwhile
-        done += static_cast<std::uint64_t>(copied);
+        if (copied <= 0)
+            return copied == 0;
     }
-    // Whatever the source gained since it was measured.
-    return copyByReadWrite(from, to);
 }
 
 bool copyFile(const char* from, const char* to)
