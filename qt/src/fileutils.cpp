@@ -546,9 +546,15 @@ void copy(const QString& src, const QString& dst, const bool& overwrite)
 {
     DescentPath descent;
     copyEntry(src, dst, overwrite, descent);
-    // One flush of the destination's file system makes every file copied durable, at a small
-    // part of the cost of a sync per file; a move removes its source only after it.
-    if (!zo::os::syncFileSystem(QFile::encodeName(dst).constData())) {
+    // What was copied is durable before this returns; a move removes its source only after.
+    // A single file needs itself and its directory flushed. A tree gets one flush of the
+    // destination's file system, at a small part of the cost of a sync per file.
+    const QFileInfo target(dst);
+    const QByteArray path = QFile::encodeName(target.filePath());
+    const bool synced = target.isDir() ? zo::os::syncFileSystem(path.constData())
+                                       : zo::os::syncFile(path.constData())
+            && zo::os::syncDirectory(QFile::encodeName(target.absolutePath()).constData());
+    if (!synced) {
         throw copyFailure(src, dst, errno);
     }
 }
