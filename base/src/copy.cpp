@@ -3,6 +3,7 @@
 #include <zo/treewalk.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -60,6 +61,27 @@ UniqueFd openUnnamedBeside(const char* to, mode_t mode, std::string& hidden)
     return createTemporaryFile(hidden);
 }
 
+// Gives an unnamed file the name to. Linking by the descriptor alone needs CAP_DAC_READ_SEARCH
+// on older kernels (newer ones also let the process that opened the file), which refuse it with
+// ENOENT; the file's /proc name always works, at the price of a lookup in /proc per file. The
+// first refusal settles it for the process.
+bool linkUnnamed(int fd, const char* to)
+{
+    static std::atomic<bool> byDescriptor { true };
+    if (byDescriptor.load(std::memory_order_relaxed)) {
+        if (::linkat(fd, "", AT_FDCWD, to, AT_EMPTY_PATH) == 0)
+            return true;
+        if (errno != ENOENT)
+            return false;
+    }
+    const std::string self = "/proc/self/fd/" + std::to_string(fd);
+    if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, to, AT_SYMLINK_FOLLOW) != 0)
+        return false;
+    // ENOENT can also mean a missing directory; only a link that worked here tells it apart.
+    byDescriptor.store(false, std::memory_order_relaxed);
+    return true;
+}
+
 } // namespace
 
 bool copyContent(int from, int to, std::uint64_t size)
@@ -105,11 +127,8 @@ bool copyFile(const char* from, const char* to)
         dropHidden();
         return false;
     }
-    if (hidden.empty()) {
-        const std::string self = "/proc/self/fd/" + std::to_string(out.get());
-        return ::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, to, AT_SYMLINK_FOLLOW) == 0
-            && out.close();
-    }
+    if (hidden.empty())
+        return linkUnnamed(out.get(), to) && out.close();
     // link refuses an existing target, as an unnamed file's linkat does.
     const bool linked = out.close() && ::link(hidden.c_str(), to) == 0;
     dropHidden();

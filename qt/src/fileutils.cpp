@@ -373,7 +373,13 @@ void makeDirectory(const QString& path)
     }
 }
 
-void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPath& descent);
+// Whether the directory that receives the copies has passed its checks; its entries share it.
+struct DestinationDirectory {
+    bool checked = false;
+};
+
+void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPath& descent,
+    DestinationDirectory& parent);
 
 // Leaves the destination mirroring the source: entries found only in the destination go.
 void copyDirectory(const QString& src, const QString& dst, const QFileInfo& dstInfo, bool overwrite,
@@ -396,8 +402,9 @@ void copyDirectory(const QString& src, const QString& dst, const QFileInfo& dstI
     }
     const QDir srcDir(src);
     const QDir dstDir(dst);
+    DestinationDirectory children;
     for (const QString& name : srcDir.entryList(kEveryEntry, QDir::NoSort)) {
-        copyEntry(srcDir.filePath(name), dstDir.filePath(name), overwrite, descent);
+        copyEntry(srcDir.filePath(name), dstDir.filePath(name), overwrite, descent, children);
         stale.removeAll(name);
     }
     for (const QString& name : qAsConst(stale)) {
@@ -405,7 +412,24 @@ void copyDirectory(const QString& src, const QString& dst, const QFileInfo& dstI
     }
 }
 
-void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPath& descent)
+void checkDestinationDirectory(const QString& dst)
+{
+    const QDir parent = QFileInfo(dst).dir();
+    if (!parent.exists()) {
+        throw PathNotFound(
+            message(QStringLiteral("Copy file error: %1 destination path not found"), dst));
+    }
+    const QFileInfo parentInfo(parent.absolutePath());
+    if (!parentInfo.isWritable()) {
+        // Names the directory above the tested one; other programs match it so.
+        throw IOWriteError(
+            message(QStringLiteral("Copy file error: destination directory is not writable: %1"),
+                parentInfo.absolutePath()));
+    }
+}
+
+void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPath& descent,
+    DestinationDirectory& parent)
 {
     const QFileInfo srcInfo(src);
     QFileInfo dstInfo(dst);
@@ -417,16 +441,10 @@ void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPa
         throw PathNotFound(
             message(QStringLiteral("Copy file error: source path is not readable: %1"), dst));
     }
-    if (!dstInfo.dir().exists()) {
-        throw PathNotFound(
-            message(QStringLiteral("Copy file error: %1 destination path not found"), dst));
-    }
-    const QFileInfo parentInfo(dstInfo.dir().absolutePath());
-    if (!parentInfo.isWritable()) {
-        // Names the directory above the tested one; other programs match it so.
-        throw IOWriteError(
-            message(QStringLiteral("Copy file error: destination directory is not writable: %1"),
-                parentInfo.absolutePath()));
+    // The entries of one directory share their destination's; the first of them checks it.
+    if (!parent.checked) {
+        checkDestinationDirectory(dst);
+        parent.checked = true;
     }
     // A link in the destination's place is replaced, never written through; a dangling one
     // does not exist as far as QFileInfo knows, but is in the way all the same.
@@ -546,7 +564,8 @@ void remove(const QString& path)
 void copy(const QString& src, const QString& dst, const bool& overwrite)
 {
     DescentPath descent;
-    copyEntry(src, dst, overwrite, descent);
+    DestinationDirectory parent;
+    copyEntry(src, dst, overwrite, descent, parent);
     // What was copied is durable before this returns; a move removes its source only after.
     // A single file needs itself and its directory flushed. A tree gets one flush of the
     // destination's file system, at a small part of the cost of a sync per file.

@@ -168,6 +168,24 @@ TEST(Copy, ChecksInOrder)
     EXPECT_EQ(::geteuid() == 0 ? test::runAsNobody(copyUnreadable) : copyUnreadable(), 0);
 }
 
+// Without privileges, older kernels let an unnamed copy be linked in only through its /proc name.
+TEST(Copy, LinksEachFileInWithoutPrivileges)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root to drop privileges";
+    Scratch tree;
+    tree.file("src/d/a", "first");
+    tree.file("src/b", "second");
+    QFile::setPermissions(tree.path(), QFileDevice::Permissions(0x7777));
+    EXPECT_EQ(test::runAsNobody([&] {
+        copy(tree.path("src"), tree.path("dst"), false);
+        return 0;
+    }),
+        0);
+    EXPECT_EQ(test::readFile(tree.path("dst/d/a")), "first");
+    EXPECT_EQ(test::readFile(tree.path("dst/b")), "second");
+}
+
 TEST(Copy, MirrorsDirectoriesFollowingLinksButNoCycleAndNoLinkInTheDestination)
 {
     Scratch tree;
