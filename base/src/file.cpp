@@ -45,6 +45,11 @@ bool UniqueFd::close()
     return _fd < 0 || ::close(std::exchange(_fd, -1)) == 0;
 }
 
+bool isReadable(const char* path)
+{
+    return ::access(path, R_OK) == 0;
+}
+
 UniqueFd openDirectory(const char* path)
 {
     return UniqueFd(::open(path, directoryFlags));

@@ -201,6 +201,11 @@ std::optional<FileStatus> status(const char* path)
     return statusAt(AT_FDCWD, path, true);
 }
 
+std::optional<FileStatus> linkStatus(const char* path)
+{
+    return statusAt(AT_FDCWD, path, false);
+}
+
 WalkEntry::WalkEntry(std::string_view path, std::string_view name, EntryType type, bool isLink,
     int depth, int directory, bool followLinks, std::optional<FileStatus> knownStatus)
     : path(path)

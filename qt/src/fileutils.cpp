@@ -2,6 +2,7 @@
 
 #include "decodedpath.h"
 
+#include <zo/file.h>
 #include <zo/os.h>
 #include <zo/treewalk.h>
 #include <zo/unicode.h>
@@ -12,10 +13,9 @@
 
 #include <boost/filesystem.hpp>
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <optional>
 #include <vector>
@@ -106,8 +106,8 @@ template <typename Step> bool succeedsWithinAttempts(Step step)
 
 // Where a file is stored; two paths that name the same directory share it.
 struct FileIdentity {
-    dev_t device;
-    ino_t inode;
+    std::uint64_t device;
+    std::uint64_t inode;
 
     bool operator==(const FileIdentity& other) const
     {
@@ -118,11 +118,12 @@ struct FileIdentity {
 // The identity of what path names, links followed; none when it cannot be read.
 std::optional<FileIdentity> identityOf(const QString& path)
 {
-    struct stat status { };
-    if (::stat(QFile::encodeName(path).constData(), &status) != 0) {
+    const std::optional<zo::os::FileStatus> status
+        = zo::os::status(QFile::encodeName(path).constData());
+    if (!status) {
         return std::nullopt;
     }
-    return FileIdentity { status.st_dev, status.st_ino };
+    return FileIdentity { status->device, status->inode };
 }
 
 // The directories a recursive walk is inside of, outermost first.
@@ -229,14 +230,15 @@ unsigned long long availableSpace(const QString& directory)
     }
 }
 
-// The entry a path names, never what a link there points to ("link/" resolves through it).
-QFileInfo namedEntry(const QString& path)
+// The path of the entry a path names, never of what a link there points to ("link/" resolves
+// through it).
+QString namedEntryPath(const QString& path)
 {
     QString entry = path;
     while (entry.size() > 1 && entry.endsWith(QLatin1Char('/'))) {
         entry.chop(1);
     }
-    return QFileInfo(entry);
+    return entry;
 }
 
 void removeFile(const QString& path)
@@ -326,23 +328,23 @@ std::runtime_error copyFailure(const QString& src, const QString& dst, int error
 }
 
 // Files are copied without a sync each; the copy as a whole is synced once before it returns.
-void copyFile(const QString& src, const QString& dst, const QFileInfo& srcInfo,
-    const QFileInfo& dstInfo, bool overwrite)
+void copyFile(const QString& src, const QString& dst, const zo::os::FileStatus& source,
+    const std::optional<QFileInfo>& dstInfo, bool overwrite)
 {
-    if (dstInfo.exists()) {
+    const auto size = static_cast<qint64>(source.size);
+    if (dstInfo && dstInfo->exists()) {
         if (!overwrite) {
             throw destinationExists(dst);
         }
-        if (!dstInfo.isWritable()) {
+        if (!dstInfo->isWritable()) {
             throw IOWriteError(message(
                 QStringLiteral("Copy file error: destination path is not writable: %1"), dst));
         }
-        if (dstInfo.isFile() && dstInfo.size() == srcInfo.size() && holdsSameData(srcInfo, dst)) {
+        if (dstInfo->isFile() && dstInfo->size() == size && holdsSameData(QFileInfo(src), dst)) {
             return;
         }
         remove(dst);
     }
-    const qint64 size = srcInfo.size();
     long long missing = 0;
     if (size > kSpaceCheckedCopySize && !hasEnoughSpaceDiskToCopyTo(dst, size, &missing)) {
         throw noSpaceError(kNoSpaceBeforeCopy, missing, src, dst);
@@ -382,19 +384,19 @@ void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPa
     DestinationDirectory& parent);
 
 // Leaves the destination mirroring the source: entries found only in the destination go.
-void copyDirectory(const QString& src, const QString& dst, const QFileInfo& dstInfo, bool overwrite,
-    DescentPath& descent)
+void copyDirectory(const QString& src, const QString& dst, const std::optional<QFileInfo>& dstInfo,
+    bool overwrite, DescentPath& descent)
 {
     const DescentStep step(descent, src);
     if (!step.entered()) {
         return;
     }
     QStringList stale;
-    if (!dstInfo.exists()) {
+    if (!dstInfo || !dstInfo->exists()) {
         makeDirectory(dst);
     } else if (!overwrite) {
         throw destinationExists(dst);
-    } else if (dstInfo.isDir()) {
+    } else if (dstInfo->isDir()) {
         stale = QDir(dst).entryList(kEveryEntry, QDir::NoSort);
     } else {
         remove(dst);
@@ -431,12 +433,13 @@ void checkDestinationDirectory(const QString& dst)
 void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPath& descent,
     DestinationDirectory& parent)
 {
-    const QFileInfo srcInfo(src);
-    QFileInfo dstInfo(dst);
-    if (!srcInfo.exists()) {
+    // Read straight from the system: a tree copy makes these checks for every entry.
+    const QByteArray srcPath = QFile::encodeName(src);
+    const std::optional<zo::os::FileStatus> source = zo::os::status(srcPath.constData());
+    if (!source) {
         throw PathNotFound(message(QStringLiteral("Copy file error: %1 not found"), src));
     }
-    if (!srcInfo.isReadable()) {
+    if (!zo::os::isReadable(srcPath.constData())) {
         // Names the destination although the source was tested: other programs match it so.
         throw PathNotFound(
             message(QStringLiteral("Copy file error: source path is not readable: %1"), dst));
@@ -447,18 +450,25 @@ void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPa
         parent.checked = true;
     }
     // A link in the destination's place is replaced, never written through; a dangling one
-    // does not exist as far as QFileInfo knows, but is in the way all the same.
-    const QFileInfo dstEntry = namedEntry(dst);
-    if (dstEntry.isSymLink()) {
+    // is in the way all the same.
+    const QString dstEntry = namedEntryPath(dst);
+    const std::optional<zo::os::FileStatus> named
+        = zo::os::linkStatus(QFile::encodeName(dstEntry).constData());
+    const bool isLink = named && named->type == zo::os::EntryType::Link;
+    if (isLink) {
         if (!overwrite) {
             throw destinationExists(dst);
         }
-        removeFile(dstEntry.filePath());
-        dstInfo.refresh();
+        removeFile(dstEntry);
     }
-    if (srcInfo.isFile()) {
-        copyFile(src, dst, srcInfo, dstInfo, overwrite);
-    } else if (srcInfo.isDir()) {
+    // Most entries of a copy go where nothing is; only what is in the way is looked at more.
+    std::optional<QFileInfo> dstInfo;
+    if (named && !isLink) {
+        dstInfo.emplace(dst);
+    }
+    if (source->type == zo::os::EntryType::File) {
+        copyFile(src, dst, *source, dstInfo, overwrite);
+    } else if (source->type == zo::os::EntryType::Directory) {
         copyDirectory(src, dst, dstInfo, overwrite, descent);
     }
 }
@@ -544,7 +554,7 @@ bool hasEnoughSpaceDiskToCopyTo(const QString& path, long long size, long long* 
 void remove(const QString& path)
 {
     const QFileInfo info(path);
-    const QFileInfo entry = namedEntry(path);
+    const QFileInfo entry(namedEntryPath(path));
     if (!info.exists() && !entry.isSymLink()) {
         throw PathNotFound(message(QStringLiteral("Delete file error: %1 not found"), path));
     }

@@ -39,6 +39,9 @@ private:
     int _fd = -1;
 };
 
+// Whether this process may read what path names (by its real user and group, as access(2)).
+ZO_EXPORT bool isReadable(const char* path);
+
 // A directory, links followed.
 ZO_EXPORT UniqueFd openDirectory(const char* path);
 ZO_EXPORT UniqueFd openDirectoryAt(int directory, const char* name);

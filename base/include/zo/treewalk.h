@@ -38,6 +38,8 @@ struct FileStatus {
 
 // The status of what path names, links followed; none when it cannot be read, with errno set.
 ZO_EXPORT std::optional<FileStatus> status(const char* path);
+// The status of what path names itself, a link not followed.
+ZO_EXPORT std::optional<FileStatus> linkStatus(const char* path);
 // The status of an open file.
 ZO_EXPORT std::optional<FileStatus> status(int descriptor);
 // The status of name in the open directory (or AT_FDCWD), of a link itself unless followLinks.
