@@ -104,7 +104,7 @@ bool copyContent(int from, int to, std::uint64_t size)
     }
 }
 
-bool copyFile(const char* from, const char* to)
+bool copyFile(const char* from, const char* to, CopyTarget target)
 {
     const UniqueFd in = openForReading(from);
     const std::optional<FileStatus> status = in ? os::status(in.get()) : std::nullopt;
@@ -112,26 +112,41 @@ bool copyFile(const char* from, const char* to)
         return false;
     const mode_t mode = status->permissions;
 
-    std::string hidden;
-    UniqueFd out = openUnnamedBeside(to, mode, hidden);
+    // The name the content is written under, removed again when the copy fails; none for an
+    // unnamed file.
+    std::string written;
+    UniqueFd out;
+    if (target == CopyTarget::Unseen) {
+        out = createFileAt(AT_FDCWD, to, mode);
+        if (out)
+            written = to;
+    } else {
+        out = openUnnamedBeside(to, mode, written);
+    }
     if (!out)
         return false;
-    const auto dropHidden = [&hidden] {
-        if (!hidden.empty()) {
+    const auto dropWritten = [&written] {
+        if (!written.empty()) {
             const int saved = errno;
-            os::remove(hidden.c_str());
+            os::remove(written.c_str());
             errno = saved;
         }
     };
     if (!copyContent(in.get(), out.get(), status->size) || !setPermissions(out.get(), mode)) {
-        dropHidden();
+        dropWritten();
         return false;
     }
-    if (hidden.empty())
+    if (target == CopyTarget::Unseen) {
+        if (out.close())
+            return true;
+        dropWritten();
+        return false;
+    }
+    if (written.empty())
         return linkUnnamed(out.get(), to) && out.close();
     // link refuses an existing target, as an unnamed file's linkat does.
-    const bool linked = out.close() && ::link(hidden.c_str(), to) == 0;
-    dropHidden();
+    const bool linked = out.close() && ::link(written.c_str(), to) == 0;
+    dropWritten();
     return linked;
 }
 

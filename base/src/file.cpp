@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <random>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -84,6 +86,33 @@ UniqueFd createTemporaryFile(std::string& pathTemplate)
 bool createTemporaryDirectory(std::string& pathTemplate)
 {
     return ::mkdtemp(pathTemplate.data()) != nullptr;
+}
+
+bool makeUniqueDirectory(std::string& pathTemplate, mode_t mode)
+{
+    constexpr std::string_view kLetters
+        = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    constexpr std::string_view kPlaceholder = "XXXXXX";
+    if (pathTemplate.size() < kPlaceholder.size()
+        || pathTemplate.compare(
+               pathTemplate.size() - kPlaceholder.size(), kPlaceholder.size(), kPlaceholder)
+            != 0) {
+        errno = EINVAL;
+        return false;
+    }
+    std::random_device seed;
+    std::mt19937 random(seed());
+    std::uniform_int_distribution<std::size_t> letter(0, kLetters.size() - 1);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        for (std::size_t at = pathTemplate.size() - kPlaceholder.size(); at < pathTemplate.size();
+             ++at)
+            pathTemplate[at] = kLetters[letter(random)];
+        if (::mkdir(pathTemplate.c_str(), mode) == 0)
+            return true;
+        if (errno != EEXIST)
+            return false;
+    }
+    return false;
 }
 
 bool makeDirectoryAt(int directory, const char* name, mode_t mode)

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -144,6 +145,22 @@ bool exchange(const char* first, const char* second)
 {
     return !failsOnPurpose(fault::Step::Rename)
         && ::renameat2(AT_FDCWD, first, AT_FDCWD, second, RENAME_EXCHANGE) == 0;
+}
+
+bool renameToFreeName(const char* from, const char* to)
+{
+    if (failsOnPurpose(fault::Step::Rename))
+        return false;
+    if (::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno != EINVAL)
+        return false;
+    struct stat status { };
+    if (::lstat(to, &status) == 0) {
+        errno = EEXIST;
+        return false;
+    }
+    return ::rename(from, to) == 0;
 }
 
 std::optional<Process> findProcess(pid_t pid)

@@ -327,18 +327,61 @@ std::runtime_error copyFailure(const QString& src, const QString& dst, int error
         src, dst, QString::fromLocal8Bit(std::strerror(error))));
 }
 
+// A copy in progress. A directory copied where nothing is yet is built under a hidden name
+// beside its destination and renamed into place once complete: its files can be written under
+// their own names, which costs a journalled file system less than an unnamed file linked in,
+// and still no one sees a partial file under a destination name. Messages name the
+// destination, never the hidden name.
+class CopyRun {
+public:
+    DescentPath descent;
+
+    bool building() const { return !_hidden.isEmpty(); }
+
+    // The path as the caller knows it.
+    QString shown(const QString& path) const
+    {
+        if (building() && (path == _hidden || path.startsWith(_hidden + QLatin1Char('/')))) {
+            return _target + path.mid(_hidden.size());
+        }
+        return path;
+    }
+
+    // Paths below hidden are shown below target while it lives.
+    class Building {
+    public:
+        Building(CopyRun& run, const QString& hidden, const QString& target)
+            : _run(run)
+        {
+            _run._hidden = hidden;
+            _run._target = target;
+        }
+        ~Building() { _run._hidden.clear(); }
+        Building(const Building&) = delete;
+        Building& operator=(const Building&) = delete;
+
+    private:
+        CopyRun& _run;
+    };
+
+private:
+    QString _hidden;
+    QString _target;
+};
+
 // Files are copied without a sync each; the copy as a whole is synced once before it returns.
 void copyFile(const QString& src, const QString& dst, const zo::os::FileStatus& source,
-    const std::optional<QFileInfo>& dstInfo, bool overwrite)
+    const std::optional<QFileInfo>& dstInfo, bool overwrite, const CopyRun& run)
 {
+    const QString shownDst = run.shown(dst);
     const auto size = static_cast<qint64>(source.size);
     if (dstInfo && dstInfo->exists()) {
         if (!overwrite) {
-            throw destinationExists(dst);
+            throw destinationExists(shownDst);
         }
         if (!dstInfo->isWritable()) {
             throw IOWriteError(message(
-                QStringLiteral("Copy file error: destination path is not writable: %1"), dst));
+                QStringLiteral("Copy file error: destination path is not writable: %1"), shownDst));
         }
         if (dstInfo->isFile() && dstInfo->size() == size && holdsSameData(QFileInfo(src), dst)) {
             return;
@@ -347,31 +390,37 @@ void copyFile(const QString& src, const QString& dst, const zo::os::FileStatus& 
     }
     long long missing = 0;
     if (size > kSpaceCheckedCopySize && !hasEnoughSpaceDiskToCopyTo(dst, size, &missing)) {
-        throw noSpaceError(kNoSpaceBeforeCopy, missing, src, dst);
+        throw noSpaceError(kNoSpaceBeforeCopy, missing, src, shownDst);
     }
     const QByteArray from = QFile::encodeName(src);
     const QByteArray to = QFile::encodeName(dst);
+    const zo::os::CopyTarget target
+        = run.building() ? zo::os::CopyTarget::Unseen : zo::os::CopyTarget::Visible;
     int copyError = 0;
     const bool copied = succeedsWithinAttempts([&] {
-        if (zo::os::copyFile(from.constData(), to.constData())) {
+        if (zo::os::copyFile(from.constData(), to.constData(), target)) {
             return true;
         }
         copyError = errno;
         if (!hasEnoughSpaceDiskToCopyTo(dst, size, &missing)) {
-            throw noSpaceError(kNoSpaceAfterFailedCopy, missing, src, dst);
+            throw noSpaceError(kNoSpaceAfterFailedCopy, missing, src, shownDst);
         }
         return false;
     });
     if (!copied) {
-        throw copyFailure(src, dst, copyError);
+        throw copyFailure(src, shownDst, copyError);
     }
 }
 
-void makeDirectory(const QString& path)
+IOWriteError notCreated(const QString& path)
+{
+    return IOWriteError(message(QStringLiteral("Copy file error: %1 could not be created"), path));
+}
+
+void makeDirectory(const QString& path, const CopyRun& run)
 {
     if (!QDir().mkdir(path)) {
-        throw IOWriteError(
-            message(QStringLiteral("Copy file error: %1 could not be created"), path));
+        throw notCreated(run.shown(path));
     }
 }
 
@@ -380,33 +429,19 @@ struct DestinationDirectory {
     bool checked = false;
 };
 
-void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPath& descent,
+void copyEntry(const QString& src, const QString& dst, bool overwrite, CopyRun& run,
     DestinationDirectory& parent);
 
-// Leaves the destination mirroring the source: entries found only in the destination go.
-void copyDirectory(const QString& src, const QString& dst, const std::optional<QFileInfo>& dstInfo,
-    bool overwrite, DescentPath& descent)
+// Copies the entries of src into the directory dst; with overwrite, the names in stale that
+// src does not have go, so that dst ends up mirroring src.
+void copyEntries(
+    const QString& src, const QString& dst, QStringList stale, bool overwrite, CopyRun& run)
 {
-    const DescentStep step(descent, src);
-    if (!step.entered()) {
-        return;
-    }
-    QStringList stale;
-    if (!dstInfo || !dstInfo->exists()) {
-        makeDirectory(dst);
-    } else if (!overwrite) {
-        throw destinationExists(dst);
-    } else if (dstInfo->isDir()) {
-        stale = QDir(dst).entryList(kEveryEntry, QDir::NoSort);
-    } else {
-        remove(dst);
-        makeDirectory(dst);
-    }
     const QDir srcDir(src);
     const QDir dstDir(dst);
     DestinationDirectory children;
     for (const QString& name : srcDir.entryList(kEveryEntry, QDir::NoSort)) {
-        copyEntry(srcDir.filePath(name), dstDir.filePath(name), overwrite, descent, children);
+        copyEntry(srcDir.filePath(name), dstDir.filePath(name), overwrite, run, children);
         stale.removeAll(name);
     }
     for (const QString& name : qAsConst(stale)) {
@@ -414,23 +449,93 @@ void copyDirectory(const QString& src, const QString& dst, const std::optional<Q
     }
 }
 
-void checkDestinationDirectory(const QString& dst)
+void removeLeavingErrorsToTheCaller(const QString& path)
 {
-    const QDir parent = QFileInfo(dst).dir();
-    if (!parent.exists()) {
-        throw PathNotFound(
-            message(QStringLiteral("Copy file error: %1 destination path not found"), dst));
-    }
-    const QFileInfo parentInfo(parent.absolutePath());
-    if (!parentInfo.isWritable()) {
-        // Names the directory above the tested one; other programs match it so.
-        throw IOWriteError(
-            message(QStringLiteral("Copy file error: destination directory is not writable: %1"),
-                parentInfo.absolutePath()));
+    try {
+        remove(path);
+    } catch (const std::exception&) {
+        // The failure of the copy is what the caller hears of.
     }
 }
 
-void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPath& descent,
+// Builds the copy of src under a hidden name beside dst and gives it dst's name when complete.
+// A copy that fails midway still leaves what it copied so far under dst, complete files only,
+// as a copy made in place would.
+void buildDirectory(const QString& src, const QString& dst, bool overwrite, CopyRun& run)
+{
+    const QString entry = namedEntryPath(dst);
+    const QFileInfo target(entry);
+    std::string hidden = QFile::encodeName(
+        target.path() + QStringLiteral("/.") + target.fileName() + QStringLiteral(".XXXXXX"))
+                             .toStdString();
+    if (!zo::os::makeUniqueDirectory(hidden, 0777)) {
+        throw notCreated(dst);
+    }
+    const QString hiddenPath = QFile::decodeName(QByteArray::fromStdString(hidden));
+    const QByteArray targetPath = QFile::encodeName(entry);
+    try {
+        const CopyRun::Building building(run, hiddenPath, QDir(dst).path());
+        copyEntries(src, hiddenPath, {}, overwrite, run);
+    } catch (const std::exception&) {
+        if (!zo::os::renameToFreeName(hidden.c_str(), targetPath.constData())) {
+            removeLeavingErrorsToTheCaller(hiddenPath);
+        }
+        throw;
+    }
+    if (!zo::os::renameToFreeName(hidden.c_str(), targetPath.constData())) {
+        const int error = errno;
+        removeLeavingErrorsToTheCaller(hiddenPath);
+        if (error == EEXIST || error == ENOTEMPTY) {
+            throw destinationExists(dst);
+        }
+        throw notCreated(dst);
+    }
+}
+
+// Leaves the destination mirroring the source: entries found only in the destination go.
+void copyDirectory(const QString& src, const QString& dst, const std::optional<QFileInfo>& dstInfo,
+    bool overwrite, CopyRun& run)
+{
+    const DescentStep step(run.descent, src);
+    if (!step.entered()) {
+        return;
+    }
+    const bool exists = dstInfo && dstInfo->exists();
+    if (!exists && !run.building()) {
+        buildDirectory(src, dst, overwrite, run);
+        return;
+    }
+    QStringList stale;
+    if (!exists) {
+        makeDirectory(dst, run);
+    } else if (!overwrite) {
+        throw destinationExists(run.shown(dst));
+    } else if (dstInfo->isDir()) {
+        stale = QDir(dst).entryList(kEveryEntry, QDir::NoSort);
+    } else {
+        remove(dst);
+        makeDirectory(dst, run);
+    }
+    copyEntries(src, dst, stale, overwrite, run);
+}
+
+void checkDestinationDirectory(const QString& dst, const CopyRun& run)
+{
+    const QString shownDst = run.shown(dst);
+    if (!QFileInfo(dst).dir().exists()) {
+        throw PathNotFound(
+            message(QStringLiteral("Copy file error: %1 destination path not found"), shownDst));
+    }
+    if (!QFileInfo(QFileInfo(dst).dir().absolutePath()).isWritable()) {
+        // Names the directory above the tested one; other programs match it so.
+        const QFileInfo shownParent(QFileInfo(shownDst).dir().absolutePath());
+        throw IOWriteError(
+            message(QStringLiteral("Copy file error: destination directory is not writable: %1"),
+                shownParent.absolutePath()));
+    }
+}
+
+void copyEntry(const QString& src, const QString& dst, bool overwrite, CopyRun& run,
     DestinationDirectory& parent)
 {
     // Read straight from the system: a tree copy makes these checks for every entry.
@@ -441,12 +546,12 @@ void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPa
     }
     if (!zo::os::isReadable(srcPath.constData())) {
         // Names the destination although the source was tested: other programs match it so.
-        throw PathNotFound(
-            message(QStringLiteral("Copy file error: source path is not readable: %1"), dst));
+        throw PathNotFound(message(
+            QStringLiteral("Copy file error: source path is not readable: %1"), run.shown(dst)));
     }
     // The entries of one directory share their destination's; the first of them checks it.
     if (!parent.checked) {
-        checkDestinationDirectory(dst);
+        checkDestinationDirectory(dst, run);
         parent.checked = true;
     }
     // A link in the destination's place is replaced, never written through; a dangling one
@@ -457,7 +562,7 @@ void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPa
     const bool isLink = named && named->type == zo::os::EntryType::Link;
     if (isLink) {
         if (!overwrite) {
-            throw destinationExists(dst);
+            throw destinationExists(run.shown(dst));
         }
         removeFile(dstEntry);
     }
@@ -467,9 +572,9 @@ void copyEntry(const QString& src, const QString& dst, bool overwrite, DescentPa
         dstInfo.emplace(dst);
     }
     if (source->type == zo::os::EntryType::File) {
-        copyFile(src, dst, *source, dstInfo, overwrite);
+        copyFile(src, dst, *source, dstInfo, overwrite, run);
     } else if (source->type == zo::os::EntryType::Directory) {
-        copyDirectory(src, dst, dstInfo, overwrite, descent);
+        copyDirectory(src, dst, dstInfo, overwrite, run);
     }
 }
 
@@ -573,9 +678,9 @@ void remove(const QString& path)
 
 void copy(const QString& src, const QString& dst, const bool& overwrite)
 {
-    DescentPath descent;
+    CopyRun run;
     DestinationDirectory parent;
-    copyEntry(src, dst, overwrite, descent, parent);
+    copyEntry(src, dst, overwrite, run, parent);
     // What was copied is durable before this returns; a move removes its source only after.
     // A single file needs itself and its directory flushed. A tree gets one flush of the
     // destination's file system, at a small part of the cost of a sync per file.

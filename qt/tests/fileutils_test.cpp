@@ -274,6 +274,27 @@ TEST(Copy, ChecksFreeSpaceAboveFiveMebibytesAndAfterEveryFailedAttempt)
     EXPECT_GT(failed.size(), prefix.size());
 }
 
+// A tree is built out of sight and named when complete; one that fails midway keeps what it
+// copied, complete files only, and leaves nothing hidden beside it.
+TEST(Copy, TreeThatDoesNotFitKeepsItsCompleteFilesOnly)
+{
+    Scratch tree;
+    const ScopedMount tiny(tree.dir("tiny"), "size=256k");
+    if (!tiny.mounted)
+        GTEST_SKIP() << "cannot mount a tmpfs here";
+    tree.file("src/small", "fits");
+    tree.file("src/sub/large", QByteArray(kMiB, 'x'));
+    const QString dst = tree.path("tiny/dst");
+    const std::string thrown = thrownBy([&] { copy(tree.path("src"), dst, false); });
+    EXPECT_EQ(thrown.rfind("runtime_error: Copy file error: No space disk left.", 0), 0u) << thrown;
+    EXPECT_NE(thrown.find(" to " + u8(dst) + "/sub/large"), std::string::npos) << thrown;
+    EXPECT_EQ(listDirectory(tree.path("tiny"), true, false, true), QStringList { "dst" });
+    EXPECT_FALSE(QFileInfo::exists(dst + "/sub/large"));
+    if (QFileInfo::exists(dst + "/small")) {
+        EXPECT_EQ(test::readFile(dst + "/small"), "fits");
+    }
+}
+
 TEST(Move, ChecksThenRenamesOrCopiesAndRemoves)
 {
     Scratch tree;

@@ -54,6 +54,9 @@ ZO_EXPORT UniqueFd createFileAt(int directory, const char* name, mode_t mode);
 // replaced by the name made.
 ZO_EXPORT UniqueFd createTemporaryFile(std::string& pathTemplate);
 ZO_EXPORT bool createTemporaryDirectory(std::string& pathTemplate);
+// A new directory named after pathTemplate as above, but with mode less the umask, as mkdir
+// makes it, where a temporary directory is private.
+ZO_EXPORT bool makeUniqueDirectory(std::string& pathTemplate, mode_t mode);
 
 ZO_EXPORT bool makeDirectoryAt(int directory, const char* name, mode_t mode);
 ZO_EXPORT bool makeSymlinkAt(const char* target, int directory, const char* name);

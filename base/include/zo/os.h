@@ -32,12 +32,25 @@ ZO_EXPORT bool rename(const char* from, const char* to);
 // Rename applies to it too.
 ZO_EXPORT bool exchange(const char* first, const char* second);
 
-// Copies the regular file from to the new name to, which must not exist. The content goes to
-// an unnamed (or hidden) file in to's directory that takes the name only once it is complete,
-// so that no partial file is ever seen under to. Blocks are shared where the file system can
-// (a reflink), else copied inside the kernel. Nothing is synced: a caller that copies many
-// files syncs once at the end (syncFileSystem). False with errno set on failure.
-ZO_EXPORT bool copyFile(const char* from, const char* to);
+// Renames from to to only while nothing is named to (RENAME_NOREPLACE; where the file system
+// cannot, a plain rename once to was found free). A fault set for Rename applies to it too.
+ZO_EXPORT bool renameToFreeName(const char* from, const char* to);
+
+// Where copyFile's destination can be seen while the copy is written.
+enum class CopyTarget {
+    // By anyone: the content goes to an unnamed (or hidden) file in to's directory that takes
+    // the name only once it is complete.
+    Visible,
+    // By no one yet, because to's directory is being built under a hidden name: the content is
+    // written under to directly, which costs a journalled file system less.
+    Unseen
+};
+
+// Copies the regular file from to the new name to, which must not exist, so that no partial
+// file is ever seen under to; what a failed copy wrote is removed. Blocks are shared where the
+// file system can (a reflink), else copied inside the kernel. Nothing is synced: a caller that
+// copies many files syncs once at the end (syncFileSystem). False with errno set on failure.
+ZO_EXPORT bool copyFile(const char* from, const char* to, CopyTarget target = CopyTarget::Visible);
 // Flushes everything written to the file system that holds path (syncfs).
 ZO_EXPORT bool syncFileSystem(const char* path);
 

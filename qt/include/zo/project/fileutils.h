@@ -74,7 +74,11 @@ ZOPROJECTQT_EXPORT void remove(const QString& path);
 
 // Copies a file or a directory tree, following links in the source except back into a directory
 // being copied. Overwriting a directory leaves it mirroring the source: entries only it had are
-// deleted; a link in the destination is replaced, never written through.
+// deleted; a link in the destination is replaced, never written through. No partial file is
+// ever seen under a destination name: a new directory is built under a hidden name beside it
+// and named when complete (or when the copy fails, with the complete files copied so far), and
+// a file written into an existing directory takes its name once complete. What was copied is
+// on the disk when this returns.
 ZOPROJECTQT_EXPORT void copy(const QString& src, const QString& dst, const bool& overwrite);
 
 // Renames, or copies and then removes the source.
