@@ -82,6 +82,14 @@ bool linkUnnamed(int fd, const char* to)
     return true;
 }
 
+// Gives the new file the source's exact mode, which the umask may have narrowed. A change of
+// mode is a journalled inode update; a status read is not, and usually finds nothing to change.
+bool hasPermissions(int fd, mode_t mode)
+{
+    const std::optional<FileStatus> created = status(fd);
+    return created && (created->permissions == mode || setPermissions(fd, mode));
+}
+
 } // namespace
 
 bool copyContent(int from, int to, std::uint64_t size)
@@ -132,7 +140,7 @@ bool copyFile(const char* from, const char* to, CopyTarget target)
             errno = saved;
         }
     };
-    if (!copyContent(in.get(), out.get(), status->size) || !setPermissions(out.get(), mode)) {
+    if (!copyContent(in.get(), out.get(), status->size) || !hasPermissions(out.get(), mode)) {
         dropWritten();
         return false;
     }

@@ -210,12 +210,18 @@ TEST(Copy, MirrorsDirectoriesFollowingLinksButNoCycleAndNoLinkInTheDestination)
     ASSERT_TRUE(same.open(QIODevice::ReadWrite)
         && same.setFileTime(longAgo, QFileDevice::FileModificationTime));
     same.close();
+    // Wider than any umask lets a new file be.
+    QFile::setPermissions(tree.path("src/a"), QFileDevice::Permissions(0x7777));
 
     copy(tree.path("src"), tree.path("dst"), true);
     copy(tree.path("src"), tree.path("plain"), true);
+    copy(tree.path("src"), tree.path("new"), false);
     const QStringList mirrored { ".h", "a", "same", "side", "side/c", "sub", "sub/b", "twin" };
-    EXPECT_EQ(everything(tree.path("dst")), mirrored);
-    EXPECT_EQ(everything(tree.path("plain")), mirrored);
+    for (const char* copied : { "dst", "plain", "new" }) {
+        EXPECT_EQ(everything(tree.path(copied)), mirrored) << copied;
+        EXPECT_EQ(QFile::permissions(tree.path(copied) + "/a"), QFileDevice::Permissions(0x7777))
+            << copied;
+    }
     EXPECT_EQ(test::readFile(tree.path("dst/a")), "new");
     EXPECT_EQ(test::readFile(tree.path("dst/twin")), "abcd") << "same size, other bytes";
     EXPECT_EQ(QFileInfo(same).lastModified(), longAgo);
