@@ -20,23 +20,19 @@
 namespace zo::os {
 namespace {
 
+// Only ever called before anything was written to the new file, which is filled from its start.
 bool copyByReadWrite(int from, int to)
 {
     std::vector<char> buffer(256 * 1024);
-    for (;;) {
+    for (off_t offset = 0;;) {
         const ssize_t count = ::read(from, buffer.data(), buffer.size());
         if (count < 0 && errno == EINTR)
             continue;
         if (count <= 0)
             return count == 0;
-        for (ssize_t done = 0; done < count;) {
-            const ssize_t written = ::write(to, buffer.data() + done, count - done);
-            if (written < 0 && errno == EINTR)
-                continue;
-            if (written <= 0)
-                return false;
-            done += written;
-        }
+        if (!writeAll(to, buffer.data(), static_cast<std::size_t>(count), offset))
+            return false;
+        offset += count;
     }
 }
 

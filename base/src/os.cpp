@@ -1,6 +1,7 @@
 #include <zo/fault.h>
 #include <zo/file.h>
 #include <zo/os.h>
+#include <zo/treewalk.h>
 
 #include <atomic>
 #include <cerrno>
@@ -11,7 +12,6 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -155,8 +155,7 @@ bool renameToFreeName(const char* from, const char* to)
         return true;
     if (errno != EINVAL)
         return false;
-    struct stat status { };
-    if (::lstat(to, &status) == 0) {
+    if (linkStatus(to)) {
         errno = EEXIST;
         return false;
     }

@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <exception>
 #include <optional>
 #include <vector>
 
@@ -472,23 +473,26 @@ void buildDirectory(const QString& src, const QString& dst, bool overwrite, Copy
         throw notCreated(dst);
     }
     const QString hiddenPath = QFile::decodeName(QByteArray::fromStdString(hidden));
-    const QByteArray targetPath = QFile::encodeName(entry);
+    std::exception_ptr failure;
     try {
         const CopyRun::Building building(run, hiddenPath, QDir(dst).path());
         copyEntries(src, hiddenPath, {}, overwrite, run);
     } catch (const std::exception&) {
-        if (!zo::os::renameToFreeName(hidden.c_str(), targetPath.constData())) {
-            removeLeavingErrorsToTheCaller(hiddenPath);
-        }
-        throw;
+        failure = std::current_exception();
     }
-    if (!zo::os::renameToFreeName(hidden.c_str(), targetPath.constData())) {
+    if (!zo::os::renameToFreeName(hidden.c_str(), QFile::encodeName(entry).constData())) {
         const int error = errno;
         removeLeavingErrorsToTheCaller(hiddenPath);
+        if (failure) {
+            std::rethrow_exception(failure);
+        }
         if (error == EEXIST || error == ENOTEMPTY) {
             throw destinationExists(dst);
         }
         throw notCreated(dst);
+    }
+    if (failure) {
+        std::rethrow_exception(failure);
     }
 }
 
@@ -522,11 +526,12 @@ void copyDirectory(const QString& src, const QString& dst, const std::optional<Q
 void checkDestinationDirectory(const QString& dst, const CopyRun& run)
 {
     const QString shownDst = run.shown(dst);
-    if (!QFileInfo(dst).dir().exists()) {
+    const QDir parent = QFileInfo(dst).dir();
+    if (!parent.exists()) {
         throw PathNotFound(
             message(QStringLiteral("Copy file error: %1 destination path not found"), shownDst));
     }
-    if (!QFileInfo(QFileInfo(dst).dir().absolutePath()).isWritable()) {
+    if (!QFileInfo(parent.absolutePath()).isWritable()) {
         // Names the directory above the tested one; other programs match it so.
         const QFileInfo shownParent(QFileInfo(shownDst).dir().absolutePath());
         throw IOWriteError(
