@@ -1,5 +1,7 @@
 #include "workspace.h"
 
+#include "projectvfs_impl.h"
+
 #include <zo/os.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/projectmodel.h>
@@ -53,28 +55,14 @@ QByteArray encoded(const QString& path)
                            .toStdString());
 }
 
-// Flushes every file and directory of a tree (or the one file) that a save wrote.
+// Flushes what a save wrote: a tree with its whole file system at once, at a small part of the
+// cost of a sync per file, or the one file.
 void syncTree(const QString& path, const QString& target)
 {
     const QByteArray root = encoded(path);
-    if (!QFileInfo(path).isDir()) {
-        if (!zo::os::syncFile(root.constData()))
-            failToReplace(target, "sync the replacement of");
-        return;
-    }
-    zo::os::WalkOptions options;
-    options.includeHidden = true;
-    options.followLinks = false;
-    bool synced = true;
-    zo::os::walkTree(root.toStdString(), options, [&](const zo::os::WalkEntry& entry) {
-        const std::string child = root.toStdString() + '/' + std::string(entry.path);
-        if (entry.type == zo::os::EntryType::File)
-            synced = zo::os::syncFile(child.c_str());
-        else if (entry.type == zo::os::EntryType::Directory)
-            synced = zo::os::syncDirectory(child.c_str());
-        return synced ? zo::os::WalkStep::Continue : zo::os::WalkStep::Stop;
-    });
-    if (!synced || !zo::os::syncDirectory(root.constData()))
+    const bool synced = QFileInfo(path).isDir() ? zo::os::syncFileSystem(root.constData())
+                                                : zo::os::syncFile(root.constData());
+    if (!synced)
         failToReplace(target, "sync the replacement of");
 }
 
@@ -152,7 +140,7 @@ QString temporaryPathBeside(const QString& target)
         + QStringLiteral(".zo-save-%1-").arg(zo::os::getpid());
     for (unsigned long long n = 0;; ++n) {
         const QString path = prefix + QString::number(n);
-        if (!QFileInfo(path).exists() && !QFileInfo(path).isSymLink())
+        if (!isOnDisk(path))
             return path;
     }
 }
