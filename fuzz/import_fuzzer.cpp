@@ -18,9 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     } catch (const zo::project::ArchiveError&) {
     } catch (const zo::project::UnsupportedFormat&) {
     }
-    for (const auto& entry : std::filesystem::directory_iterator(work.path)) {
+    for (const auto& entry : std::filesystem::directory_iterator(work.path))
         if (entry.path() != archive && entry.path() != destination)
             __builtin_trap();
-    }
     return 0;
 }

@@ -234,10 +234,9 @@ int signalPipe(std::initializer_list<int> signalNumbers)
     action.sa_handler = writeSignalNumber;
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
-    for (const int signalNumber : signalNumbers) {
+    for (const int signalNumber : signalNumbers)
         if (::sigaction(signalNumber, &action, nullptr) != 0)
             return -1;
-    }
     return readEnd;
 }
 

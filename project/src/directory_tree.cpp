@@ -180,10 +180,9 @@ void DirectoryTree::remember(Node node, const std::string& entry)
 std::vector<DirectoryTree::Node> DirectoryTree::created() const
 {
     std::vector<Node> nodes;
-    for (Node node = 0; node < _directories.size(); ++node) {
+    for (Node node = 0; node < _directories.size(); ++node)
         if (_directories[node].created)
             nodes.push_back(node);
-    }
     std::stable_sort(
         nodes.begin(), nodes.end(), [this](Node a, Node b) { return depth(a) > depth(b); });
     return nodes;

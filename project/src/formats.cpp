@@ -124,10 +124,9 @@ std::string leadingBytes(const std::string& path)
 const Filter& filterOf(const std::string& path)
 {
     const std::string bytes = leadingBytes(path);
-    for (const Filter* filter : filters) {
+    for (const Filter* filter : filters)
         if (bytes.compare(0, filter->magic.size(), filter->magic) == 0)
             return *filter;
-    }
     return uncompressed;
 }
 
@@ -209,10 +208,9 @@ std::string lowerCase(std::string text)
 ArchiveFormat formatFromName(const std::string& path)
 {
     const std::string name = lowerCase(path);
-    for (const Extension& extension : extensions) {
+    for (const Extension& extension : extensions)
         if (endsWith(name, extension.suffix))
             return extension.format;
-    }
     throw UnsupportedFormat("'" + path + "': the name tells no archive format");
 }
 

@@ -17,10 +17,9 @@ void writeEntry(
     if (archive_write_header(writer, entry) != ARCHIVE_OK)
         failEntry(archive, entryName(entry), errorText(writer));
     Block block;
-    while (reader.read(block)) {
+    while (reader.read(block))
         if (archive_write_data(writer, block.data, block.size) < 0)
             failEntry(archive, entryName(entry), errorText(writer));
-    }
     if (archive_write_finish_entry(writer) != ARCHIVE_OK)
         failEntry(archive, entryName(entry), errorText(writer));
 }

@@ -116,10 +116,9 @@ uint64_t zipStart(const std::string& path)
     // signature too.
     size_t end = tail.size() - endSize;
     while (!signatureAt(tail, end, "PK\5\6")
-        || end + endSize + littleEndian(tail, end + 20, 2) != tail.size()) {
+        || end + endSize + littleEndian(tail, end + 20, 2) != tail.size())
         if (end-- == 0)
             return 0;
-    }
     const uint64_t start = statedStart(tail, end, static_cast<uint64_t>(tailStart) + end);
     // Believed only where an entry's local header begins.
     std::string header(4, '\0');

@@ -97,11 +97,9 @@ template <typename... Args> std::string message(const QString& format, const Arg
 
 template <typename Step> bool succeedsWithinAttempts(Step step)
 {
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (step()) {
+    for (int attempt = 0; attempt < kAttempts; ++attempt)
+        if (step())
             return true;
-        }
-    }
     return false;
 }
 
@@ -121,9 +119,8 @@ std::optional<FileIdentity> identityOf(const QString& path)
 {
     const std::optional<zo::os::FileStatus> status
         = zo::os::status(QFile::encodeName(path).constData());
-    if (!status) {
+    if (!status)
         return std::nullopt;
-    }
     return FileIdentity { status->device, status->inode };
 }
 
@@ -146,9 +143,8 @@ public:
     }
     ~DescentStep()
     {
-        if (_entered) {
+        if (_entered)
             _path.pop_back();
-        }
     }
     DescentStep(const DescentStep&) = delete;
     DescentStep& operator=(const DescentStep&) = delete;
@@ -212,9 +208,8 @@ bool addFolderSize(const std::string& path, unsigned long long& size, unsigned i
             size += entry.size;
             ++count;
         }
-        if (limits.reached(size, count)) {
+        if (limits.reached(size, count))
             return true;
-        }
     }
     return false;
 }
@@ -236,9 +231,8 @@ unsigned long long availableSpace(const QString& directory)
 QString namedEntryPath(const QString& path)
 {
     QString entry = path;
-    while (entry.size() > 1 && entry.endsWith(QLatin1Char('/'))) {
+    while (entry.size() > 1 && entry.endsWith(QLatin1Char('/')))
         entry.chop(1);
-    }
     return entry;
 }
 
@@ -255,9 +249,8 @@ void removeDirectoryTree(const QString& path)
 {
     QDir dir(path);
     // System adds dangling links, which must go too for the directory to go.
-    for (const QString& name : dir.entryList(kEveryEntry | QDir::System, QDir::NoSort)) {
+    for (const QString& name : dir.entryList(kEveryEntry | QDir::System, QDir::NoSort))
         remove(dir.filePath(name));
-    }
     const QString name = dir.dirName();
     if (!succeedsWithinAttempts([&dir] { return dir.cdUp(); })) {
         throw std::runtime_error(message(
@@ -283,9 +276,8 @@ bool holdsSameData(const QFileInfo& srcInfo, const QString& dst)
         throw IOReadError(srcInfo.canonicalFilePath().toUtf8().toStdString());
     }
     QFile destination(dst);
-    if (!destination.open(QIODevice::ReadOnly)) {
+    if (!destination.open(QIODevice::ReadOnly))
         return false;
-    }
     constexpr qint64 kBlockSize = 256 * 1024;
     QByteArray sourceBlock(kBlockSize, Qt::Uninitialized);
     QByteArray destinationBlock(kBlockSize, Qt::Uninitialized);
@@ -293,18 +285,16 @@ bool holdsSameData(const QFileInfo& srcInfo, const QString& dst)
     for (;;) {
         const qint64 sourceRead = source.read(sourceBlock.data(), kBlockSize);
         const qint64 destinationRead = destination.read(destinationBlock.data(), kBlockSize);
-        if (sourceRead < 0 || sourceRead != destinationRead) {
+        if (sourceRead < 0 || sourceRead != destinationRead)
             return false;
-        }
         if (sourceRead == 0) {
             // What cannot be read in full is not the same.
             return compared == srcInfo.size();
         }
         if (std::memcmp(sourceBlock.constData(), destinationBlock.constData(),
                 static_cast<size_t>(sourceRead))
-            != 0) {
+            != 0)
             return false;
-        }
         compared += sourceRead;
     }
 }
@@ -342,9 +332,8 @@ public:
     // The path as the caller knows it.
     QString shown(const QString& path) const
     {
-        if (building() && (path == _hidden || path.startsWith(_hidden + QLatin1Char('/')))) {
+        if (building() && (path == _hidden || path.startsWith(_hidden + QLatin1Char('/'))))
             return _target + path.mid(_hidden.size());
-        }
         return path;
     }
 
@@ -377,40 +366,34 @@ void copyFile(const QString& src, const QString& dst, const zo::os::FileStatus& 
     const QString shownDst = run.shown(dst);
     const auto size = static_cast<qint64>(source.size);
     if (dstInfo && dstInfo->exists()) {
-        if (!overwrite) {
+        if (!overwrite)
             throw destinationExists(shownDst);
-        }
         if (!dstInfo->isWritable()) {
             throw IOWriteError(message(
                 QStringLiteral("Copy file error: destination path is not writable: %1"), shownDst));
         }
-        if (dstInfo->isFile() && dstInfo->size() == size && holdsSameData(QFileInfo(src), dst)) {
+        if (dstInfo->isFile() && dstInfo->size() == size && holdsSameData(QFileInfo(src), dst))
             return;
-        }
         remove(dst);
     }
     long long missing = 0;
-    if (size > kSpaceCheckedCopySize && !hasEnoughSpaceDiskToCopyTo(dst, size, &missing)) {
+    if (size > kSpaceCheckedCopySize && !hasEnoughSpaceDiskToCopyTo(dst, size, &missing))
         throw noSpaceError(kNoSpaceBeforeCopy, missing, src, shownDst);
-    }
     const QByteArray from = QFile::encodeName(src);
     const QByteArray to = QFile::encodeName(dst);
     const zo::os::CopyTarget target
         = run.building() ? zo::os::CopyTarget::Unseen : zo::os::CopyTarget::Visible;
     int copyError = 0;
     const bool copied = succeedsWithinAttempts([&] {
-        if (zo::os::copyFile(from.constData(), to.constData(), target)) {
+        if (zo::os::copyFile(from.constData(), to.constData(), target))
             return true;
-        }
         copyError = errno;
-        if (!hasEnoughSpaceDiskToCopyTo(dst, size, &missing)) {
+        if (!hasEnoughSpaceDiskToCopyTo(dst, size, &missing))
             throw noSpaceError(kNoSpaceAfterFailedCopy, missing, src, shownDst);
-        }
         return false;
     });
-    if (!copied) {
+    if (!copied)
         throw copyFailure(src, shownDst, copyError);
-    }
 }
 
 IOWriteError notCreated(const QString& path)
@@ -420,9 +403,8 @@ IOWriteError notCreated(const QString& path)
 
 void makeDirectory(const QString& path, const CopyRun& run)
 {
-    if (!QDir().mkdir(path)) {
+    if (!QDir().mkdir(path))
         throw notCreated(run.shown(path));
-    }
 }
 
 // Whether the directory that receives the copies has passed its checks; its entries share it.
@@ -445,9 +427,8 @@ void copyEntries(
         copyEntry(srcDir.filePath(name), dstDir.filePath(name), overwrite, run, children);
         stale.removeAll(name);
     }
-    for (const QString& name : qAsConst(stale)) {
+    for (const QString& name : qAsConst(stale))
         remove(dstDir.filePath(name));
-    }
 }
 
 void removeLeavingErrorsToTheCaller(const QString& path)
@@ -469,9 +450,8 @@ void buildDirectory(const QString& src, const QString& dst, bool overwrite, Copy
     std::string hidden = QFile::encodeName(
         target.path() + QStringLiteral("/.") + target.fileName() + QStringLiteral(".XXXXXX"))
                              .toStdString();
-    if (!zo::os::makeUniqueDirectory(hidden, 0777)) {
+    if (!zo::os::makeUniqueDirectory(hidden, 0777))
         throw notCreated(dst);
-    }
     const QString hiddenPath = QFile::decodeName(QByteArray::fromStdString(hidden));
     std::exception_ptr failure;
     try {
@@ -483,17 +463,14 @@ void buildDirectory(const QString& src, const QString& dst, bool overwrite, Copy
     if (!zo::os::renameToFreeName(hidden.c_str(), QFile::encodeName(entry).constData())) {
         const int error = errno;
         removeLeavingErrorsToTheCaller(hiddenPath);
-        if (failure) {
+        if (failure)
             std::rethrow_exception(failure);
-        }
-        if (error == EEXIST || error == ENOTEMPTY) {
+        if (error == EEXIST || error == ENOTEMPTY)
             throw destinationExists(dst);
-        }
         throw notCreated(dst);
     }
-    if (failure) {
+    if (failure)
         std::rethrow_exception(failure);
-    }
 }
 
 // Leaves the destination mirroring the source: entries found only in the destination go.
@@ -501,9 +478,8 @@ void copyDirectory(const QString& src, const QString& dst, const std::optional<Q
     bool overwrite, CopyRun& run)
 {
     const DescentStep step(run.descent, src);
-    if (!step.entered()) {
+    if (!step.entered())
         return;
-    }
     const bool exists = dstInfo && dstInfo->exists();
     if (!exists && !run.building()) {
         buildDirectory(src, dst, overwrite, run);
@@ -546,9 +522,8 @@ void copyEntry(const QString& src, const QString& dst, bool overwrite, CopyRun& 
     // Read straight from the system: a tree copy makes these checks for every entry.
     const QByteArray srcPath = QFile::encodeName(src);
     const std::optional<zo::os::FileStatus> source = zo::os::status(srcPath.constData());
-    if (!source) {
+    if (!source)
         throw PathNotFound(message(QStringLiteral("Copy file error: %1 not found"), src));
-    }
     if (!zo::os::isReadable(srcPath.constData())) {
         // Names the destination although the source was tested: other programs match it so.
         throw PathNotFound(message(
@@ -566,21 +541,18 @@ void copyEntry(const QString& src, const QString& dst, bool overwrite, CopyRun& 
         = zo::os::linkStatus(QFile::encodeName(dstEntry).constData());
     const bool isLink = named && named->type == zo::os::EntryType::Link;
     if (isLink) {
-        if (!overwrite) {
+        if (!overwrite)
             throw destinationExists(run.shown(dst));
-        }
         removeFile(dstEntry);
     }
     // Most entries of a copy go where nothing is; only what is in the way is looked at more.
     std::optional<QFileInfo> dstInfo;
-    if (named && !isLink) {
+    if (named && !isLink)
         dstInfo.emplace(dst);
-    }
-    if (source->type == zo::os::EntryType::File) {
+    if (source->type == zo::os::EntryType::File)
         copyFile(src, dst, *source, dstInfo, overwrite, run);
-    } else if (source->type == zo::os::EntryType::Directory) {
+    else if (source->type == zo::os::EntryType::Directory)
         copyDirectory(src, dst, dstInfo, overwrite, run);
-    }
 }
 
 std::string moveFailure(const QString& src, const QString& dst, const std::exception& error)
@@ -619,9 +591,8 @@ QStringList xListFiles(
 void folderSize(const QString& path, unsigned long long* pSize, unsigned int* pCount,
     bool* pAborted, unsigned int maxCount, unsigned long long maxSize)
 {
-    if (pSize == nullptr) {
+    if (pSize == nullptr)
         throw std::runtime_error("folderSize() error: pSize parameter must not be NULL");
-    }
     unsigned int localCount = 0;
     bool localAborted = false;
     unsigned int& count = pCount != nullptr ? *pCount : localCount;
@@ -650,14 +621,12 @@ void folderSize(const QString& path, unsigned long long* pSize, unsigned int* pC
 bool hasEnoughSpaceDiskToCopyTo(const QString& path, long long size, long long* pMissing)
 {
     QFileInfo existing(path);
-    while (!existing.exists() && !existing.isRoot()) {
+    while (!existing.exists() && !existing.isRoot())
         existing = QFileInfo(existing.dir().absolutePath());
-    }
     const auto available = static_cast<long long>(availableSpace(existing.absolutePath()));
     const long long missing = size + kSpaceReserve - available;
-    if (pMissing != nullptr) {
+    if (pMissing != nullptr)
         *pMissing = missing;
-    }
     return missing < 0;
 }
 
@@ -665,9 +634,8 @@ void remove(const QString& path)
 {
     const QFileInfo info(path);
     const QFileInfo entry(namedEntryPath(path));
-    if (!info.exists() && !entry.isSymLink()) {
+    if (!info.exists() && !entry.isSymLink())
         throw PathNotFound(message(QStringLiteral("Delete file error: %1 not found"), path));
-    }
     // A dangling link has no target whose permissions could be tested.
     if (info.exists() && !info.isWritable()) {
         throw IOWriteError(message(
@@ -694,17 +662,15 @@ void copy(const QString& src, const QString& dst, const bool& overwrite)
     const bool synced = target.isDir() ? zo::os::syncFileSystem(path.constData())
                                        : zo::os::syncFile(path.constData())
             && zo::os::syncDirectory(QFile::encodeName(target.absolutePath()).constData());
-    if (!synced) {
+    if (!synced)
         throw copyFailure(src, dst, errno);
-    }
 }
 
 void move(const QString& src, const QString& dst, const bool& overwrite)
 {
     const QFileInfo srcInfo(src);
-    if (!srcInfo.exists()) {
+    if (!srcInfo.exists())
         throw PathNotFound(message(QStringLiteral("Move file error: %1 not found"), src));
-    }
     if (!srcInfo.isWritable()) {
         // Names the containing directory although the source itself was tested; kept so.
         throw IOWriteError(

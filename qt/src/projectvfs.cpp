@@ -316,11 +316,10 @@ std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
             } else if (entry.type == zo::os::EntryType::Link && entry.name.front() != '.') {
                 const QString linked = detail::decodedPath(entry.path);
                 const QDir target(root + QLatin1Char('/') + linked);
-                if (target.exists() && scannable(target.path())) {
+                if (target.exists() && scannable(target.path()))
                     for (const QString& name :
                         target.entryList({ QLatin1Char('*') + suffix }, QDir::Files | QDir::Hidden))
                         consider(linked + QLatin1Char('/') + name);
-                }
             } else if (scanned[depth] && isSwapName(entry.name)) {
                 consider(detail::decodedPath(entry.path));
             }

@@ -80,10 +80,9 @@ QString copyToNewFile(const QString& source, const QString& target)
     if (!out.open(QIODevice::WriteOnly | QIODevice::Unbuffered)
         || !out.setPermissions(in.permissions()))
         return out.errorString();
-    for (QByteArray block; !(block = in.read(kCopyBlockSize)).isEmpty();) {
+    for (QByteArray block; !(block = in.read(kCopyBlockSize)).isEmpty();)
         if (!writeWhole(out, block))
             return out.errorString();
-    }
     if (in.error() != QFileDevice::NoError)
         return in.errorString();
     return out.commit() ? QString() : out.errorString();

@@ -191,10 +191,9 @@ void ProjectWatcher::xCheck(bool listingIsKnown)
     };
     for (const auto& [paths, event] : { std::pair(&changes.added, FileSystemEvent::Added),
              std::pair(&changes.modified, FileSystemEvent::Modified),
-             std::pair(&changes.removed, FileSystemEvent::Removed) }) {
+             std::pair(&changes.removed, FileSystemEvent::Removed) })
         for (const std::string& path : *paths)
             announce(QDir::filePath(detail::decodedPath(path)), event);
-    }
     for (const QString& key : changes.removedOutside)
         announce(key, FileSystemEvent::Removed);
     pruneNestedRemovals(changeMap);

@@ -36,18 +36,16 @@ void WatchSnapshot::setKnown(const std::vector<std::string>& paths, const QStrin
     for (StampTable::Row& row : _table.rows())
         row.known = false;
     std::vector<std::string_view> newPaths;
-    for (const std::string& path : paths) {
+    for (const std::string& path : paths)
         if (StampTable::Row* row = _table.find(path))
             row->known = true;
         else
             newPaths.emplace_back(path);
-    }
     // Rows that were only known, never stamped, leave with the old known set.
     StampTable table;
-    for (const StampTable::Row& row : _table.rows()) {
+    for (const StampTable::Row& row : _table.rows())
         if (row.known || row.stamped)
             table.appendRow(_table, row);
-    }
     for (const std::string_view path : newPaths)
         table.append(path, FileStamp {}, true, false);
     table.sort();

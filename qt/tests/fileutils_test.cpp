@@ -296,9 +296,8 @@ TEST(Copy, TreeThatDoesNotFitKeepsItsCompleteFilesOnly)
     EXPECT_NE(thrown.find(" to " + u8(dst) + "/sub/large"), std::string::npos) << thrown;
     EXPECT_EQ(listDirectory(tree.path("tiny"), true, false, true), QStringList { "dst" });
     EXPECT_FALSE(QFileInfo::exists(dst + "/sub/large"));
-    if (QFileInfo::exists(dst + "/small")) {
+    if (QFileInfo::exists(dst + "/small"))
         EXPECT_EQ(test::readFile(dst + "/small"), "fits");
-    }
 }
 
 TEST(Move, ChecksThenRenamesOrCopiesAndRemoves)

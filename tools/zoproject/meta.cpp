@@ -24,12 +24,11 @@ using Metadata = std::map<std::string, std::string>;
 void printMetadata(const Metadata& metadata, bool json)
 {
     QJsonObject object;
-    for (const auto& [key, value] : metadata) {
+    for (const auto& [key, value] : metadata)
         if (json)
             object.insert(QString::fromStdString(key), QString::fromStdString(value));
         else
             print(QString::fromStdString(key + "=" + value));
-    }
     if (json)
         printJson(QJsonDocument(object));
 }
