@@ -9,6 +9,7 @@
 #include <zo/os.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/fileutils.h>
+#include <zo/project/project.h>
 #include <zo/project/vfsfile.h>
 #include <zo/treewalk.h>
 
@@ -22,8 +23,6 @@
 
 namespace zo::project {
 namespace {
-
-const QString kMetadataFile = QStringLiteral(".metadata");
 
 void logStillRunning(const ProjectVFS::RecoverableInfo& info)
 {
@@ -187,7 +186,7 @@ QStringList ProjectVFS::getFileList(
         return { _impl->relativeFilePath(path) };
     // Listed below the project root, whatever the process's working directory is.
     QStringList list = listDirectory(_impl->filePath(path), showHidden, recursive, includeDirs);
-    list.removeAll(kMetadataFile);
+    list.removeAll(QLatin1String(metadataFileName));
     return list;
 }
 
