@@ -1,6 +1,5 @@
 // The ls command: the files of a project directory or archive, with their sizes.
 #include "command.h"
-#include "formats.h"
 #include "source.h"
 
 #include <zo/project/projectvfs.h>
@@ -31,7 +30,8 @@ int ls(const QCommandLineParser& parser)
         entries.append(QJsonObject { { "path", file }, { "size", size } });
     }
     if (jsonRequested(parser)) {
-        printJson(QJsonDocument(QJsonObject { { "format", formatName(source.format()) },
+        printJson(QJsonDocument(QJsonObject {
+            { "format", QString::fromStdString(zo::project::formatName(source.format())) },
             { "files", entries }, { "totalSize", total } }));
         return kSuccess;
     }
