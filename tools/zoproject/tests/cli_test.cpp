@@ -115,6 +115,9 @@ TEST_F(Cli, StatusAndRecoverSpareTheFilesOfARunningProcess)
     const QString runningSwap = QStringLiteral("docs/.main.xml.%1.csp").arg(running.processId());
     writeFile(project + "/" + endedSwap, "unsaved work\n");
     writeFile(project + "/" + runningSwap, "work in progress\n");
+    // Listing is read-only: it leaves the interrupted commits as they are.
+    EXPECT_TRUE(zoproject({ "ls", project }).out.contains(" 6  notes.txtbck\n"));
+    EXPECT_FALSE(QFile::exists(project + "/notes.txt"));
 
     Outcome status = zoproject({ "status", "--json", project });
     EXPECT_EQ(status.status, 3);
