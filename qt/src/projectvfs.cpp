@@ -327,6 +327,11 @@ std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
     return found;
 }
 
+const std::vector<ProjectVFS::RecoverableInfo>& ProjectVFS::recoverableFilesWhenOpened() const
+{
+    return _foundWhenOpened;
+}
+
 void ProjectVFS::recoverFile(const RecoverableInfo& info)
 {
     const auto impl = _impl; // outlives a handler that releases this facade, as above
@@ -369,7 +374,8 @@ void ProjectVFS::abandonFile(const RecoverableInfo& info)
 void ProjectVFS::xRestoreInterruptedCommits()
 {
     const std::string program = detail::programNameIfKnown();
-    for (const RecoverableInfo& info : recoverableFiles()) {
+    _foundWhenOpened = recoverableFiles();
+    for (const RecoverableInfo& info : _foundWhenOpened) {
         const QString source = _impl->absoluteFilePath(info.sourcePath);
         const QString backup = _impl->makeBackupPath(source);
         if (detail::isOnDisk(source) || !detail::isOnDisk(backup) || isOwnerRunning(info, program))

@@ -177,6 +177,28 @@ TEST_F(Cli, RecoverRefusesTwoSwapFilesOfOneSourceUntilOneIsNamed)
     EXPECT_EQ(QDir(project).entryList(QDir::Files | QDir::Hidden), QStringList { "notes.txt" });
 }
 
+// The one commit of a recovery stops at each file's leftover backup once and still goes through.
+TEST_F(Cli, RecoverCommitsPastTheLeftoverBackupsOfSeveralFiles)
+{
+    const QString project = path(QStringLiteral("project"));
+    const qint64 ended = endedProcessId();
+    const QStringList sources { "a.txt", "docs/b.txt" };
+    for (const QString& source : sources) {
+        writeFile(project + "/" + source, "saved\n");
+        writeFile(project + "/" + source + "bck", "older\n");
+        const QFileInfo file(project + "/" + source);
+        writeFile(file.path() + QStringLiteral("/.%1.%2.csp").arg(file.fileName()).arg(ended),
+            "unsaved work\n");
+    }
+    const Outcome recover = zoproject({ "recover", "--all" }, project);
+    EXPECT_EQ(recover.status, 0) << recover.err.toStdString();
+    for (const QString& source : sources) {
+        EXPECT_EQ(readFile(project + "/" + source), "unsaved work\n");
+        EXPECT_FALSE(QFile::exists(project + "/" + source + "bck"));
+    }
+    EXPECT_EQ(recover.out.count("recovered "), 2);
+}
+
 TEST_F(Cli, PackAndUnpackRoundTripKeepFilesAndMetadata)
 {
     const QString project = path(QStringLiteral("project"));
