@@ -94,9 +94,9 @@ public:
     void updateFromSource(const QString& path);
 
     std::vector<RecoverableInfo> recoverableFiles();
-    /// What recoverableFiles() found when the project was opened or its path last set: the
-    /// walk that put back the sources of interrupted commits. Spares a caller that lists the
-    /// swap files right after opening a second walk; empty for a facade without a path.
+    /// What recoverableFiles() returned when the project was opened or its path last set, in
+    /// the walk that put back the sources of interrupted commits: a caller that lists the swap
+    /// files right after opening needs no second walk. Empty for a facade without a path.
     const std::vector<RecoverableInfo>& recoverableFilesWhenOpened() const;
     // Takes the swap file over as this process's pending change of info.sourcePath; a file of
     // a process that still runs is copied rather than moved.
