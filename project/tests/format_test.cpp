@@ -48,7 +48,6 @@ TEST_F(Formats, EveryNameRoundTripsAndIsTheExtensionOfItsArchives)
     EXPECT_EQ(formatNames(), listed);
     for (const char* name : { "", "TAR", "rar", ".zip" })
         EXPECT_FALSE(formatNamed(name)) << name;
-    EXPECT_EQ(formatName(ArchiveFormat::Auto), "");
 }
 
 TEST_F(Formats, DetectedByContentAndForPathsThatDoNotExistByName)

@@ -182,13 +182,11 @@ TEST_F(Cli, RecoverCommitsPastTheLeftoverBackupsOfSeveralFiles)
 {
     const QString project = path(QStringLiteral("project"));
     const qint64 ended = endedProcessId();
-    const QStringList sources { "a.txt", "docs/b.txt" };
+    const QStringList sources { "a.txt", "b.txt" };
     for (const QString& source : sources) {
         writeFile(project + "/" + source, "saved\n");
         writeFile(project + "/" + source + "bck", "older\n");
-        const QFileInfo file(project + "/" + source);
-        writeFile(file.path() + QStringLiteral("/.%1.%2.csp").arg(file.fileName()).arg(ended),
-            "unsaved work\n");
+        writeFile(project + QStringLiteral("/.%1.%2.csp").arg(source).arg(ended), "unsaved work\n");
     }
     const Outcome recover = zoproject({ "recover", "--all" }, project);
     EXPECT_EQ(recover.status, 0) << recover.err.toStdString();
