@@ -5,7 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <utility>
+#include <string>
 
 namespace fs = std::filesystem;
 using zo::project::ArchiveFormat;
@@ -23,15 +23,15 @@ int main(int argc, char** argv)
     std::ofstream(project / "docs" / "main.xml") << "<doc>seed</doc>\n";
     fs::create_symlink("docs/main.xml", project / "main");
     zo::project::makeProject(project.string()).setMetadata("title", "100% = seed\n");
-    fs::copy_file(project / ".metadata", seeds / "metadata" / "seed");
+    fs::copy_file(project / zo::project::metadataFileName, seeds / "metadata" / "seed");
 
-    const std::pair<ArchiveFormat, const char*> formats[]
-        = { { ArchiveFormat::Native, "seed.zop" }, { ArchiveFormat::Zip, "seed.zip" },
-              { ArchiveFormat::Tar, "seed.tar" }, { ArchiveFormat::TarGz, "seed.tar.gz" },
-              { ArchiveFormat::TarBz2, "seed.tar.bz2" }, { ArchiveFormat::TarXz, "seed.tar.xz" },
-              { ArchiveFormat::TarZstd, "seed.tar.zst" }, { ArchiveFormat::SevenZip, "seed.7z" } };
-    for (const auto& [format, name] : formats)
-        zo::project::exportProject(project.string(), (seeds / "import" / name).string(), format);
+    // One seed per archive format, named by the format's own name (aliases would repeat one).
+    for (const std::string& name : zo::project::formatNames()) {
+        const ArchiveFormat format = *zo::project::formatNamed(name);
+        if (format != ArchiveFormat::Directory && zo::project::formatName(format) == name)
+            zo::project::exportProject(
+                project.string(), (seeds / "import" / ("seed." + name)).string(), format);
+    }
     fs::remove_all(project);
     return 0;
 }

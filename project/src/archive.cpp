@@ -22,11 +22,9 @@ namespace fs = std::filesystem;
 
 void requireKnown(ArchiveFormat format)
 {
-    // SevenZip is the last value of the enumeration.
-    const int value = static_cast<int>(format);
-    if (value < static_cast<int>(ArchiveFormat::Auto)
-        || value > static_cast<int>(ArchiveFormat::SevenZip))
-        throw UnsupportedFormat("unknown archive format " + std::to_string(value));
+    if (format != ArchiveFormat::Auto && formatName(format).empty())
+        throw UnsupportedFormat(
+            "unknown archive format " + std::to_string(static_cast<int>(format)));
 }
 
 bool isDirectory(const std::string& path)

@@ -7,6 +7,7 @@
 #include <zo/os.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstdio>
 #include <functional>
@@ -51,52 +52,40 @@ constexpr Filter xz { ARCHIVE_FILTER_XZ,
     archive_write_add_filter_xz };
 constexpr Filter zstd { ARCHIVE_FILTER_ZSTD, "\x28\xb5\x2f\xfd", archive_write_add_filter_zstd };
 
-constexpr const Container* containers[] = { &zip, &tar, &sevenZip };
-constexpr const Filter* filters[] = { &gzip, &bzip2, &xz, &zstd };
-
+// A format: the names people use for it, its container and its compression filter. An
+// archive's name ends in one of its format's names after a dot; the first name is the format's
+// own, a second one an alias. A directory has neither container nor filter.
 struct Traits {
     ArchiveFormat format;
+    std::array<std::string_view, 2> names;
     const Container* container;
     const Filter* filter;
 };
 
-// Zip precedes Native: content alone tells a plain zip.
+// In the order the command line lists the names.
 constexpr Traits formats[] = {
-    { ArchiveFormat::Zip, &zip, &uncompressed },
-    { ArchiveFormat::Native, &zip, &uncompressed },
-    { ArchiveFormat::Tar, &tar, &uncompressed },
-    { ArchiveFormat::TarGz, &tar, &gzip },
-    { ArchiveFormat::TarBz2, &tar, &bzip2 },
-    { ArchiveFormat::TarXz, &tar, &xz },
-    { ArchiveFormat::TarZstd, &tar, &zstd },
-    { ArchiveFormat::SevenZip, &sevenZip, &uncompressed },
+    { ArchiveFormat::Native, { "zop" }, &zip, &uncompressed },
+    { ArchiveFormat::Directory, { "dir" }, nullptr, nullptr },
+    { ArchiveFormat::Tar, { "tar" }, &tar, &uncompressed },
+    { ArchiveFormat::TarGz, { "tar.gz", "tgz" }, &tar, &gzip },
+    { ArchiveFormat::TarBz2, { "tar.bz2", "tbz2" }, &tar, &bzip2 },
+    { ArchiveFormat::TarXz, { "tar.xz", "txz" }, &tar, &xz },
+    { ArchiveFormat::TarZstd, { "tar.zst", "tzst" }, &tar, &zstd },
+    { ArchiveFormat::Zip, { "zip" }, &zip, &uncompressed },
+    { ArchiveFormat::SevenZip, { "7z" }, &sevenZip, &uncompressed },
 };
 
-struct Extension {
-    const char* suffix;
-    ArchiveFormat format;
-};
-
-constexpr Extension extensions[] = {
-    { ".zop", ArchiveFormat::Native },
-    { ".zip", ArchiveFormat::Zip },
-    { ".tar", ArchiveFormat::Tar },
-    { ".tar.gz", ArchiveFormat::TarGz },
-    { ".tgz", ArchiveFormat::TarGz },
-    { ".tar.bz2", ArchiveFormat::TarBz2 },
-    { ".tbz2", ArchiveFormat::TarBz2 },
-    { ".tar.xz", ArchiveFormat::TarXz },
-    { ".txz", ArchiveFormat::TarXz },
-    { ".tar.zst", ArchiveFormat::TarZstd },
-    { ".tzst", ArchiveFormat::TarZstd },
-    { ".7z", ArchiveFormat::SevenZip },
-};
-
-const Traits& traitsOf(ArchiveFormat format, const std::string& path)
+const Traits* lookUp(ArchiveFormat format)
 {
     const auto found = std::find_if(std::begin(formats), std::end(formats),
         [format](const Traits& traits) { return traits.format == format; });
-    if (found == std::end(formats))
+    return found == std::end(formats) ? nullptr : found;
+}
+
+const Traits& traitsOf(ArchiveFormat format, const std::string& path)
+{
+    const Traits* found = lookUp(format);
+    if (found == nullptr || found->container == nullptr)
         throw UnsupportedFormat("'" + path + "': format " + std::to_string(static_cast<int>(format))
             + " is not an archive format");
     return *found;
@@ -124,9 +113,10 @@ std::string leadingBytes(const std::string& path)
 const Filter& filterOf(const std::string& path)
 {
     const std::string bytes = leadingBytes(path);
-    for (const Filter* filter : filters)
-        if (bytes.compare(0, filter->magic.size(), filter->magic) == 0)
-            return *filter;
+    for (const Traits& traits : formats)
+        if (traits.filter != nullptr && !traits.filter->magic.empty()
+            && bytes.compare(0, traits.filter->magic.size(), traits.filter->magic) == 0)
+            return *traits.filter;
     return uncompressed;
 }
 
@@ -173,17 +163,20 @@ ArchiveFormat formatOf(const std::string& path)
     const Filter& filter = filterOf(path);
     // A container that cannot be enabled leaves its archives unrecognised, which is the answer.
     const ReadArchive reader = openThrough(filter, path, [](archive* handle) {
-        for (const Container* container : containers)
-            container->read(handle);
+        for (const Traits& traits : formats)
+            if (traits.container != nullptr)
+                traits.container->read(handle);
     });
     archive_entry* entry = nullptr;
     const int status = archive_read_next_header(reader.get(), &entry);
     if (status < ARCHIVE_WARN)
         fail(path, errorText(reader.get()));
     const int container = archive_format(reader.get()) & ARCHIVE_FORMAT_BASE_MASK;
+    // Content tells a zip, never a native project: only its name does (a directory has no filter).
     const auto found
         = std::find_if(std::begin(formats), std::end(formats), [&](const Traits& traits) {
-              return traits.container->code == container && traits.filter == &filter;
+              return traits.format != ArchiveFormat::Native && traits.filter == &filter
+                  && traits.container->code == container;
           });
     if (found == std::end(formats) || (status == ARCHIVE_EOF && !isSoundEmpty(path, found->format)))
         fail(path, "not an archive of a supported format");
@@ -203,14 +196,32 @@ std::string lowerCase(std::string text)
     return text;
 }
 
+// The first format with a name that matches, a format's own name tried before its alias.
+std::optional<ArchiveFormat> formatWithName(
+    const std::function<bool(const Traits&, std::string_view)>& matches)
+{
+    for (const Traits& traits : formats)
+        for (const std::string_view name : traits.names)
+            if (!name.empty() && matches(traits, name))
+                return traits.format;
+    return std::nullopt;
+}
+
+// The archive format whose extension path ends in, in any case.
+std::optional<ArchiveFormat> formatOfExtension(const std::string& path)
+{
+    const std::string lower = lowerCase(path);
+    return formatWithName([&lower](const Traits& traits, std::string_view name) {
+        return traits.container != nullptr && endsWith(lower, "." + std::string(name));
+    });
+}
+
 } // namespace
 
 ArchiveFormat formatFromName(const std::string& path)
 {
-    const std::string name = lowerCase(path);
-    for (const Extension& extension : extensions)
-        if (endsWith(name, extension.suffix))
-            return extension.format;
+    if (const auto format = formatOfExtension(path))
+        return *format;
     throw UnsupportedFormat("'" + path + "': the name tells no archive format");
 }
 
@@ -218,9 +229,9 @@ ArchiveFormat formatFromContent(const std::string& path)
 {
     try {
         const ArchiveFormat format = formatOf(path);
-        if (format == ArchiveFormat::Zip && endsWith(lowerCase(path), ".zop"))
-            return ArchiveFormat::Native;
-        return format;
+        const bool native
+            = format == ArchiveFormat::Zip && formatOfExtension(path) == ArchiveFormat::Native;
+        return native ? ArchiveFormat::Native : format;
     } catch (const ArchiveError& error) {
         throw UnsupportedFormat(error.what());
     }
@@ -250,3 +261,29 @@ void enableWriting(archive* writer, ArchiveFormat format, const std::string& pat
 }
 
 } // namespace zo::project::detail
+
+namespace zo::project {
+
+std::string formatName(ArchiveFormat format)
+{
+    const detail::Traits* found = detail::lookUp(format);
+    return found == nullptr ? std::string() : std::string(found->names.front());
+}
+
+std::optional<ArchiveFormat> formatNamed(const std::string& name)
+{
+    return detail::formatWithName(
+        [&name](const detail::Traits&, std::string_view known) { return known == name; });
+}
+
+std::vector<std::string> formatNames()
+{
+    std::vector<std::string> names;
+    for (const detail::Traits& traits : detail::formats)
+        for (const std::string_view name : traits.names)
+            if (!name.empty())
+                names.emplace_back(name);
+    return names;
+}
+
+} // namespace zo::project

@@ -15,7 +15,7 @@ using namespace detail;
 
 std::string metadataPath(const std::string& project)
 {
-    return project + "/.metadata";
+    return project + "/" + metadataFileName;
 }
 
 // The whole file, or nothing when it does not exist.

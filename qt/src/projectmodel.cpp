@@ -19,8 +19,6 @@
 namespace zo::project {
 namespace {
 
-const QString kMetadataFile = QStringLiteral(".metadata");
-
 std::string utf8(const QString& text)
 {
     return text.toUtf8().toStdString();
@@ -368,7 +366,7 @@ QStringList ProjectModel::getFileList(
     if (QFileInfo(path).isFile())
         return { relative };
     QStringList entries = listDirectory(path, showHidden, recursive, includeDirs);
-    entries.removeAll(kMetadataFile);
+    entries.removeAll(QLatin1String(metadataFileName));
     return entries;
 }
 

@@ -9,6 +9,7 @@
 #include <zo/os.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/fileutils.h>
+#include <zo/project/project.h>
 #include <zo/project/vfsfile.h>
 #include <zo/treewalk.h>
 
@@ -22,8 +23,6 @@
 
 namespace zo::project {
 namespace {
-
-const QString kMetadataFile = QStringLiteral(".metadata");
 
 void logStillRunning(const ProjectVFS::RecoverableInfo& info)
 {
@@ -187,7 +186,7 @@ QStringList ProjectVFS::getFileList(
         return { _impl->relativeFilePath(path) };
     // Listed below the project root, whatever the process's working directory is.
     QStringList list = listDirectory(_impl->filePath(path), showHidden, recursive, includeDirs);
-    list.removeAll(kMetadataFile);
+    list.removeAll(QLatin1String(metadataFileName));
     return list;
 }
 
@@ -328,6 +327,11 @@ std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
     return found;
 }
 
+const std::vector<ProjectVFS::RecoverableInfo>& ProjectVFS::recoverableFilesWhenOpened() const
+{
+    return _foundWhenOpened;
+}
+
 void ProjectVFS::recoverFile(const RecoverableInfo& info)
 {
     const auto impl = _impl; // outlives a handler that releases this facade, as above
@@ -370,7 +374,8 @@ void ProjectVFS::abandonFile(const RecoverableInfo& info)
 void ProjectVFS::xRestoreInterruptedCommits()
 {
     const std::string program = detail::programNameIfKnown();
-    for (const RecoverableInfo& info : recoverableFiles()) {
+    _foundWhenOpened = recoverableFiles();
+    for (const RecoverableInfo& info : _foundWhenOpened) {
         const QString source = _impl->absoluteFilePath(info.sourcePath);
         const QString backup = _impl->makeBackupPath(source);
         if (detail::isOnDisk(source) || !detail::isOnDisk(backup) || isOwnerRunning(info, program))

@@ -6,11 +6,8 @@
 
 #include <QCommandLineOption>
 #include <QCommandLineParser>
-#include <QString>
 
 namespace zo::cli {
-
-QString formatName(zo::project::ArchiveFormat format);
 
 // "--format NAME"; detection by default.
 QCommandLineOption formatOption();

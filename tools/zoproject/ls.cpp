@@ -1,9 +1,9 @@
 // The ls command: the files of a project directory or archive, with their sizes.
 #include "command.h"
-#include "formats.h"
 #include "source.h"
 
-#include <zo/project/projectvfs.h>
+#include <zo/project/fileutils.h>
+#include <zo/project/project.h>
 
 #include <QDir>
 #include <QFileInfo>
@@ -18,8 +18,8 @@ int ls(const QCommandLineParser& parser)
     const ProjectSource source(parser.positionalArguments().first(), ProjectSource::Unpack::InTemp);
     const QDir root(source.directory());
     // Listed as the library lists a project: hidden files too, the metadata file not.
-    QStringList files
-        = zo::project::ProjectVFS(root.path()).getFileList(QString(), true, true, false);
+    QStringList files = zo::project::listDirectory(root.path(), true, true, false);
+    files.removeAll(QLatin1String(zo::project::metadataFileName));
     // By path, whatever order the file system or the archive keeps them in.
     files.sort();
 
@@ -31,7 +31,8 @@ int ls(const QCommandLineParser& parser)
         entries.append(QJsonObject { { "path", file }, { "size", size } });
     }
     if (jsonRequested(parser)) {
-        printJson(QJsonDocument(QJsonObject { { "format", formatName(source.format()) },
+        printJson(QJsonDocument(QJsonObject {
+            { "format", QString::fromStdString(zo::project::formatName(source.format())) },
             { "files", entries }, { "totalSize", total } }));
         return kSuccess;
     }

@@ -1,6 +1,7 @@
 // The recover command: takes over or drops the swap files ended processes left below a
 // project, and never touches those of a process that still runs. Opening the project has put
-// the backups of interrupted commits back already (see scan.h).
+// the backups of interrupted commits back already (see scan.h); what is recovered is committed
+// at the end, at once.
 #include "command.h"
 #include "scan.h"
 #include "workspaces.h"
@@ -77,8 +78,15 @@ public:
         selection.requireAllUsed();
         if (!_abandon)
             requireOneSwapPerSource(swapFiles);
-        for (const SwapFile& swap : swapFiles)
-            handle(swap);
+        // What was taken over before a failure is saved all the same.
+        try {
+            for (const SwapFile& swap : swapFiles)
+                handle(swap);
+        } catch (...) {
+            commitRecovered();
+            throw;
+        }
+        commitRecovered();
     }
 
 private:
@@ -125,24 +133,28 @@ private:
         step(QStringLiteral("recovered %1 from %2").arg(info.sourcePath, info.swapPath),
             QStringLiteral("would recover %1 from %2").arg(info.sourcePath, info.swapPath), [&] {
                 _project.recoverFile(info);
-                commit(info.sourcePath);
+                ++_recovered;
             });
     }
 
     // A commit that meets the leftover backup of an earlier commit whose source is in place
-    // removes it and stops; the second attempt then goes through.
-    void commit(const QString& path)
+    // removes it and stops; each recovered file stops it at most once.
+    void commitRecovered()
     {
-        try {
-            _project.commit(path);
-        } catch (const zo::project::exception::SourceFileBackupRemove&) {
-            _project.commit(path);
-        }
+        for (int stops = 0;; ++stops)
+            try {
+                _project.commit();
+                return;
+            } catch (const zo::project::exception::SourceFileBackupRemove&) {
+                if (stops == _recovered)
+                    throw;
+            }
     }
 
     ProjectVFS& _project;
     const bool _abandon;
     const bool _dryRun;
+    int _recovered = 0;
 };
 
 int recover(const QCommandLineParser& parser)

@@ -44,10 +44,10 @@ SwapFile describe(
 
 } // namespace
 
-std::vector<SwapFile> scanProject(zo::project::ProjectVFS& project)
+std::vector<SwapFile> scanProject(const zo::project::ProjectVFS& project)
 {
     std::vector<SwapFile> swapFiles;
-    for (const auto& info : project.recoverableFiles())
+    for (const auto& info : project.recoverableFilesWhenOpened())
         swapFiles.push_back(describe(project, info));
     std::sort(swapFiles.begin(), swapFiles.end(),
         [](const auto& a, const auto& b) { return a.info.swapPath < b.info.swapPath; });

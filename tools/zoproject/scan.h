@@ -34,8 +34,9 @@ struct SwapFile {
     bool recoverable() const { return !owner.running; }
 };
 
-// Opening the project for the scan finishes the interrupted commits of ended owners.
-std::vector<SwapFile> scanProject(zo::project::ProjectVFS& project);
+// The swap files that opening the project found; opening it also finished the interrupted
+// commits of ended owners.
+std::vector<SwapFile> scanProject(const zo::project::ProjectVFS& project);
 
 int recoverableCount(const std::vector<SwapFile>& swapFiles);
 

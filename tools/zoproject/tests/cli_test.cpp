@@ -115,6 +115,9 @@ TEST_F(Cli, StatusAndRecoverSpareTheFilesOfARunningProcess)
     const QString runningSwap = QStringLiteral("docs/.main.xml.%1.csp").arg(running.processId());
     writeFile(project + "/" + endedSwap, "unsaved work\n");
     writeFile(project + "/" + runningSwap, "work in progress\n");
+    // Listing is read-only: it leaves the interrupted commits as they are.
+    EXPECT_TRUE(zoproject({ "ls", project }).out.contains(" 6  notes.txtbck\n"));
+    EXPECT_FALSE(QFile::exists(project + "/notes.txt"));
 
     Outcome status = zoproject({ "status", "--json", project });
     EXPECT_EQ(status.status, 3);
@@ -172,6 +175,26 @@ TEST_F(Cli, RecoverRefusesTwoSwapFilesOfOneSourceUntilOneIsNamed)
     EXPECT_EQ(zoproject({ "recover", project, "notes.txt", "--abandon" }).status, 0);
     EXPECT_EQ(readFile(project + "/notes.txt"), "second\n");
     EXPECT_EQ(QDir(project).entryList(QDir::Files | QDir::Hidden), QStringList { "notes.txt" });
+}
+
+// The one commit of a recovery stops at each file's leftover backup once and still goes through.
+TEST_F(Cli, RecoverCommitsPastTheLeftoverBackupsOfSeveralFiles)
+{
+    const QString project = path(QStringLiteral("project"));
+    const qint64 ended = endedProcessId();
+    const QStringList sources { "a.txt", "b.txt" };
+    for (const QString& source : sources) {
+        writeFile(project + "/" + source, "saved\n");
+        writeFile(project + "/" + source + "bck", "older\n");
+        writeFile(project + QStringLiteral("/.%1.%2.csp").arg(source).arg(ended), "unsaved work\n");
+    }
+    const Outcome recover = zoproject({ "recover", "--all" }, project);
+    EXPECT_EQ(recover.status, 0) << recover.err.toStdString();
+    for (const QString& source : sources) {
+        EXPECT_EQ(readFile(project + "/" + source), "unsaved work\n");
+        EXPECT_FALSE(QFile::exists(project + "/" + source + "bck"));
+    }
+    EXPECT_EQ(recover.out.count("recovered "), 2);
 }
 
 TEST_F(Cli, PackAndUnpackRoundTripKeepFilesAndMetadata)

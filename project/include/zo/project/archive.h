@@ -4,8 +4,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace zo::project {
 
@@ -68,5 +70,18 @@ ZOPROJECT_EXPORT bool exportProject(const std::string& source, const std::string
 
 // Never returns Auto; throws UnsupportedFormat.
 ZOPROJECT_EXPORT ArchiveFormat detectFormat(const std::string& path);
+
+/// The name of a format on a command line and in listings ("zop", "dir", "tar.gz", ...); empty
+/// for Auto and for a value outside the enumeration.
+ZOPROJECT_EXPORT std::string formatName(ArchiveFormat format);
+
+/// The format that a name of formatNames() stands for, spelled exactly as listed there;
+/// nothing for any other name.
+ZOPROJECT_EXPORT std::optional<ArchiveFormat> formatNamed(const std::string& name);
+
+/// Every name of every format, each format's own name (formatName) first and its alias, if
+/// any, after it: "zop", "dir", "tar", "tar.gz", "tgz", ... The name of an archive file ends in
+/// one of its format's names after a dot.
+ZOPROJECT_EXPORT std::vector<std::string> formatNames();
 
 } // namespace zo::project

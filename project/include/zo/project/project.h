@@ -7,6 +7,9 @@
 
 namespace zo::project {
 
+/// The file at a project's root that holds its metadata.
+inline constexpr char metadataFileName[] = ".metadata";
+
 // A project directory and its metadata, a copyable value. Construction touches no disk;
 // every metadata call reads or replaces the ".metadata" file at the project root.
 class ZOPROJECT_EXPORT Project {

@@ -94,6 +94,10 @@ public:
     void updateFromSource(const QString& path);
 
     std::vector<RecoverableInfo> recoverableFiles();
+    /// What recoverableFiles() returned when the project was opened or its path last set, in
+    /// the walk that put back the sources of interrupted commits: a caller that lists the swap
+    /// files right after opening needs no second walk. Empty for a facade without a path.
+    const std::vector<RecoverableInfo>& recoverableFilesWhenOpened() const;
     // Takes the swap file over as this process's pending change of info.sourcePath; a file of
     // a process that still runs is copied rather than moved.
     void recoverFile(const RecoverableInfo& info);
@@ -110,6 +114,7 @@ private:
     void xRestoreInterruptedCommits();
 
     std::shared_ptr<detail::ProjectVFS_Impl> _impl;
+    std::vector<RecoverableInfo> _foundWhenOpened;
 };
 
 } // namespace zo::project
