@@ -329,7 +329,7 @@ std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
 
 const std::vector<ProjectVFS::RecoverableInfo>& ProjectVFS::recoverableFilesWhenOpened() const
 {
-    return _foundWhenOpened;
+    return _impl->foundWhenOpened;
 }
 
 void ProjectVFS::recoverFile(const RecoverableInfo& info)
@@ -374,8 +374,8 @@ void ProjectVFS::abandonFile(const RecoverableInfo& info)
 void ProjectVFS::xRestoreInterruptedCommits()
 {
     const std::string program = detail::programNameIfKnown();
-    _foundWhenOpened = recoverableFiles();
-    for (const RecoverableInfo& info : _foundWhenOpened) {
+    _impl->foundWhenOpened = recoverableFiles();
+    for (const RecoverableInfo& info : _impl->foundWhenOpened) {
         const QString source = _impl->absoluteFilePath(info.sourcePath);
         const QString backup = _impl->makeBackupPath(source);
         if (detail::isOnDisk(source) || !detail::isOnDisk(backup) || isOwnerRunning(info, program))

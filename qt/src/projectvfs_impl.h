@@ -1,5 +1,6 @@
 #pragma once
 
+#include <zo/project/projectvfs.h>
 #include <zo/project/zoprojectqt_export.h>
 
 #include <QDir>
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <vector>
 
 namespace zo::project {
 class VFSFile;
@@ -34,6 +36,10 @@ public:
     QString makeSwapPath(const QString& path) const;
     QString makeBackupPath(const QString& path) const;
     const QString& swapExtension() const { return _swapExt; }
+
+    // The swap files below the root when it was last set, as the walk that put back the
+    // sources of interrupted commits found them.
+    std::vector<ProjectVFS::RecoverableInfo> foundWhenOpened;
 
     // Called with true when the table gains its only entry and with false whenever a removal
     // leaves it empty; both may repeat. Must never be empty.

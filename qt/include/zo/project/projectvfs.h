@@ -114,7 +114,6 @@ private:
     void xRestoreInterruptedCommits();
 
     std::shared_ptr<detail::ProjectVFS_Impl> _impl;
-    std::vector<RecoverableInfo> _foundWhenOpened;
 };
 
 } // namespace zo::project
