@@ -1,6 +1,6 @@
 #include <zo/project/fileutils.h>
 
-#include "decodedpath.h"
+#include "paths.h"
 
 #include <zo/file.h>
 #include <zo/os.h>
@@ -431,15 +431,6 @@ void copyEntries(
         remove(dstDir.filePath(name));
 }
 
-void removeLeavingErrorsToTheCaller(const QString& path)
-{
-    try {
-        remove(path);
-    } catch (const std::exception&) {
-        // The failure of the copy is what the caller hears of.
-    }
-}
-
 // Builds the copy of src under a hidden name beside dst and gives it dst's name when complete.
 // A copy that fails midway still leaves what it copied so far under dst, complete files only,
 // as a copy made in place would.
@@ -462,7 +453,7 @@ void buildDirectory(const QString& src, const QString& dst, bool overwrite, Copy
     }
     if (!zo::os::renameToFreeName(hidden.c_str(), QFile::encodeName(entry).constData())) {
         const int error = errno;
-        removeLeavingErrorsToTheCaller(hiddenPath);
+        detail::removeQuietly(hiddenPath); // the copy's failure is what the caller hears of
         if (failure)
             std::rethrow_exception(failure);
         if (error == EEXIST || error == ENOTEMPTY)

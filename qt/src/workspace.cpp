@@ -1,6 +1,6 @@
 #include "workspace.h"
 
-#include "projectvfs_impl.h"
+#include "paths.h"
 
 #include <zo/os.h>
 #include <zo/project/fileutils.h>
@@ -19,31 +19,13 @@
 #include <cerrno>
 #include <system_error>
 
-namespace zo::project {
-
-QString xGetNewTempPath()
-{
-    const QString prefix
-        = QDir::tempPath() + QStringLiteral("/zo_project_model_%1_").arg(zo::os::getpid());
-    for (unsigned long long n = 0;; ++n) {
-        const QString path = prefix + QString::number(n);
-        if (!QFile::exists(path))
-            return path;
-    }
-}
-
-namespace detail {
+namespace zo::project::detail {
 namespace {
 
 QString recordPathOf(const QString& workspace)
 {
     const QFileInfo info(workspace);
     return info.path() + QStringLiteral("/.") + info.fileName() + QStringLiteral(".source");
-}
-
-QByteArray encoded(const QString& path)
-{
-    return QFile::encodeName(path);
 }
 
 [[noreturn]] void failToReplace(const QString& target, const char* step)
@@ -166,14 +148,10 @@ void replaceDurably(const QString& replacement, const QString& target)
         errno = syncError;
         failToReplace(target, "sync the directory of");
     }
-    if (directoryOverDirectory) {
-        try {
-            remove(replacement); // the previous content, exchanged out of the way
-        } catch (const std::exception&) {
-            // A hidden leftover beside the saved tree; the save itself is complete.
-        }
-    }
+    // The previous content, exchanged out of the way; left hidden beside the saved tree when it
+    // cannot go, as the save itself is complete.
+    if (directoryOverDirectory)
+        removeQuietly(replacement);
 }
 
-} // namespace detail
-} // namespace zo::project
+} // namespace zo::project::detail
