@@ -2,7 +2,7 @@
 
 #include "paths.h"
 
-#include <zo/os.h>
+#include <zo/process.h>
 
 #include <QCoreApplication>
 #include <QFileInfo>

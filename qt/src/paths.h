@@ -1,7 +1,7 @@
 #pragma once
 
+#include <zo/file.h>
 #include <zo/project/fileutils.h>
-#include <zo/treewalk.h>
 
 #include <QByteArray>
 #include <QFile>

@@ -5,6 +5,7 @@
 #include "projectcommon.h"
 #include "workspace.h"
 
+#include <zo/file.h>
 #include <zo/os.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/project.h>

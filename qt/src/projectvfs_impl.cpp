@@ -3,6 +3,7 @@
 #include "logging.h"
 #include "paths.h"
 
+#include <zo/file.h>
 #include <zo/log.h>
 #include <zo/os.h>
 #include <zo/project/exceptions.h>

@@ -2,7 +2,7 @@
 #include "command.h"
 #include "source.h"
 
-#include <zo/os.h>
+#include <zo/file.h>
 #include <zo/project/project.h>
 
 #include <QCoreApplication>
