@@ -38,7 +38,7 @@ UniqueFd openUnnamedBeside(const char* to, mode_t mode, std::string& hidden)
     UniqueFd fd(::open(Path(to).directory().c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
     if (fd || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
         return fd;
-    hidden = Path(to).directory() + "/." + Path(to).filename() + ".XXXXXX";
+    hidden = hiddenTemplateBeside(to, "copy");
     return createTemporaryFile(hidden);
 }
 

@@ -123,7 +123,7 @@ ArchiveFormat exportFormat(const std::string& destination)
 void exportArchive(const std::string& source, const std::string& destination, ArchiveFormat format,
     const ProgressCallback& progress)
 {
-    AtomicFile file(destination);
+    AtomicFile file(destination, "pack");
     // The temporary archive lies inside the source when the destination does.
     TreeReader reader(source, identityOf(file.fd(), destination));
     reader.reportTo(progress);
@@ -134,7 +134,7 @@ void exportArchive(const std::string& source, const std::string& destination, Ar
 void exportTree(
     const std::string& source, const std::string& destination, const ProgressCallback& progress)
 {
-    std::string temp = tempTemplateBeside(destination);
+    std::string temp = os::hiddenTemplateBeside(destination, "pack");
     if (!os::createTemporaryDirectory(temp))
         fail(destination, "cannot create a temporary directory beside it: " + systemError());
     TreeGuard guard(temp);

@@ -19,11 +19,6 @@ void syncDirectory(const std::string& directory, const std::string& target)
 
 } // namespace
 
-std::string tempTemplateBeside(const std::string& path)
-{
-    return Path(path).directory() + "/." + Path(path).filename() + ".XXXXXX";
-}
-
 void renameInto(const std::string& temp, const std::string& target)
 {
     if (!os::rename(temp.c_str(), target.c_str()))
@@ -31,9 +26,9 @@ void renameInto(const std::string& temp, const std::string& target)
     syncDirectory(Path(target).directory(), target);
 }
 
-AtomicFile::AtomicFile(std::string target)
+AtomicFile::AtomicFile(std::string target, std::string_view purpose)
     : _target(std::move(target))
-    , _temp(tempTemplateBeside(_target))
+    , _temp(os::hiddenTemplateBeside(_target, purpose))
     , _fd(os::createTemporaryFile(_temp))
 {
     if (!_fd)

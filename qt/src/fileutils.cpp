@@ -382,10 +382,7 @@ void copyEntries(
 void buildDirectory(const QString& src, const QString& dst, bool overwrite, CopyRun& run)
 {
     const QString entry = namedEntryPath(dst);
-    const QFileInfo target(entry);
-    std::string hidden = detail::encoded(
-        target.path() + QStringLiteral("/.") + target.fileName() + QStringLiteral(".XXXXXX"))
-                             .toStdString();
+    std::string hidden = zo::os::hiddenTemplateBeside(detail::encoded(entry).toStdString(), "copy");
     if (!zo::os::makeUniqueDirectory(hidden, 0777))
         throw notCreated(dst);
     const QString hiddenPath = detail::decodedPath(hidden);

@@ -2,7 +2,6 @@
 
 #include "paths.h"
 
-#include <zo/os.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/projectmodel.h>
 #include <zo/treewalk.h>
@@ -13,7 +12,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
-#include <QSaveFile>
 
 #include <algorithm>
 #include <cerrno>
@@ -67,9 +65,19 @@ bool writeRecord(const QString& workspace, const WorkspaceRecord& record)
 {
     const QJsonObject fields { { QStringLiteral("source"), record.sourcePath },
         { QStringLiteral("format"), static_cast<int>(record.format) } };
-    QSaveFile file(recordPathOf(workspace));
-    return file.open(QIODevice::WriteOnly)
-        && file.write(QJsonDocument(fields).toJson(QJsonDocument::Compact)) >= 0 && file.commit();
+    const QByteArray text = QJsonDocument(fields).toJson(QJsonDocument::Compact);
+    const QByteArray target = encoded(recordPathOf(workspace));
+    std::string written = zo::os::hiddenTemplateBeside(target.toStdString(), "record");
+    zo::os::UniqueFd file = zo::os::createTemporaryFile(written);
+    if (!file)
+        return false;
+    const bool replaced = zo::os::setPermissions(file.get(), 0644)
+        && zo::os::writeAll(file.get(), text.constData(), static_cast<std::size_t>(text.size()), 0)
+        && zo::os::syncFile(file.get()) && file.close()
+        && zo::os::rename(written.c_str(), target.constData());
+    if (!replaced)
+        zo::os::remove(written.c_str());
+    return replaced;
 }
 
 std::optional<WorkspaceRecord> readRecord(const QString& workspace)
@@ -117,14 +125,7 @@ QDateTime lastModifiedOf(const QString& workspace)
 
 QString temporaryPathBeside(const QString& target)
 {
-    const QFileInfo info(target);
-    const QString prefix = info.path() + QStringLiteral("/.") + info.fileName()
-        + QStringLiteral(".zo-save-%1-").arg(zo::os::getpid());
-    for (unsigned long long n = 0;; ++n) {
-        const QString path = prefix + QString::number(n);
-        if (!isOnDisk(path))
-            return path;
-    }
+    return decodedPath(zo::os::unusedHiddenPathBeside(encoded(target).toStdString(), "save"));
 }
 
 void replaceDurably(const QString& replacement, const QString& target)

@@ -14,8 +14,8 @@
 #include <vector>
 
 /// @file
-/// Files and directories: their status and identity, descriptors, copies and the durability
-/// steps of an atomic replacement. Each call does one system step and reports failure
+/// Files and directories: their status and identity, descriptors, hidden names, copies and the
+/// durability steps of an atomic replacement. Each call does one system step and reports failure
 /// as false (or an empty result) with errno set, so that callers word their own messages; none
 /// throws. Paths are byte strings (UTF-8 where they come from text). Descriptors are opened
 /// close-on-exec; those opened "At" a directory never follow a link in the last component.
@@ -141,6 +141,27 @@ ZO_EXPORT bool makeDirectoryAt(int directory, const char* name, mode_t mode);
 /// Creates the symbolic link name to target in the open directory.
 ZO_EXPORT bool makeSymlinkAt(const char* target, int directory, const char* name);
 
+/// What a hidden name beside a file tells of it.
+struct HiddenName {
+    std::string purpose; ///< what made the file: "save", "copy", ...
+    int pid = 0; ///< the process that made it
+};
+
+/// A path for a file that this process writes beside path before it takes path's place, or
+/// works on and removes: "<directory>/.<name>.zo-<purpose>-<pid>.XXXXXX", for createTemporaryFile,
+/// createTemporaryDirectory and makeUniqueDirectory to fill in; pid is this process's id.
+/// purpose is a short word of lowercase letters that tells which step made it. Where the result's
+/// last component would pass NAME_MAX, the copied name is shortened (never inside a UTF-8
+/// sequence). A crash leaves the file behind; parseHiddenName reads its purpose and owner back.
+ZO_EXPORT std::string hiddenTemplateBeside(const std::string& path, std::string_view purpose);
+/// The first path "<directory>/.<name>.zo-<purpose>-<pid>.<n>", n = 0, 1, ..., that names
+/// nothing yet, for a step that creates it itself. Only the threads of this process could take
+/// it meanwhile.
+ZO_EXPORT std::string unusedHiddenPathBeside(const std::string& path, std::string_view purpose);
+/// The purpose and process of a file name (the last component only) made by
+/// hiddenTemplateBeside or unusedHiddenPathBeside; none for any other name.
+ZO_EXPORT std::optional<HiddenName> parseHiddenName(std::string_view name);
+
 /// Removes a file or link (not a directory).
 ZO_EXPORT bool remove(const char* path);
 /// Removes the file or link name in the open directory (not a directory).
@@ -170,8 +191,9 @@ ZO_EXPORT bool copyContent(int from, int to, std::uint64_t size);
 
 /// Where copyFile's destination can be seen while the copy is written.
 enum class CopyTarget {
-    /// By anyone: the content goes to an unnamed (or hidden) file in to's directory that takes
-    /// the name only once it is complete.
+    /// By anyone: the content goes to an unnamed file (or, where the file system has none, a
+    /// hidden one from hiddenTemplateBeside) in to's directory that takes the name only once it
+    /// is complete.
     Visible,
     /// By no one yet, because to's directory is being built under a hidden name: the content is
     /// written under to directly, which costs a journalled file system less.
@@ -180,7 +202,7 @@ enum class CopyTarget {
 
 /// Copies the regular file from to the new name to, which must not exist (EEXIST), with from's
 /// permissions, so that no partial file is ever seen under to; what a failed copy wrote is
-/// removed, though a crash can leave a hidden file beside to. Blocks are
+/// removed, though a crash can leave a hidden file of purpose "copy" beside to. Blocks are
 /// shared where the file system can (a reflink), else copied inside the kernel. Nothing is
 /// synced: a caller that copies many files syncs once at the end (syncFileSystem).
 ZO_EXPORT bool copyFile(const char* from, const char* to, CopyTarget target = CopyTarget::Visible);
