@@ -13,7 +13,7 @@
 // remove the old one. Only the commits are timed, not the edits before them.
 #include "benchtools.h"
 
-#include <zo/os.h>
+#include <zo/file.h>
 #include <zo/project/archive.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/projectvfs.h>

@@ -1,20 +1,15 @@
 #include <zo/file.h>
-#include <zo/os.h>
-#include <zo/treewalk.h>
+#include <zo/path.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <climits>
-#include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
 #include <vector>
 
 namespace zo::os {
@@ -36,24 +31,14 @@ bool copyByReadWrite(int from, int to)
     }
 }
 
-std::string directoryOf(const std::string& path)
-{
-    const auto slash = path.rfind('/');
-    return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-}
-
 // An unnamed file in to's directory, which cannot be seen at all until it is linked in; where
 // the file system has none, a file with a hidden name beside to, returned in hidden.
 UniqueFd openUnnamedBeside(const char* to, mode_t mode, std::string& hidden)
 {
-    const std::string target(to);
-    const std::string directory = directoryOf(target);
-    UniqueFd fd(::open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
+    UniqueFd fd(::open(Path(to).directory().c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
     if (fd || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
         return fd;
-    const auto slash = target.rfind('/');
-    hidden
-        = directory + "/." + target.substr(slash == std::string::npos ? 0 : slash + 1) + ".XXXXXX";
+    hidden = hiddenTemplateBeside(to, "copy");
     return createTemporaryFile(hidden);
 }
 
@@ -152,12 +137,6 @@ bool copyFile(const char* from, const char* to, CopyTarget target)
     const bool linked = out.close() && ::link(written.c_str(), to) == 0;
     dropWritten();
     return linked;
-}
-
-bool syncFileSystem(const char* path)
-{
-    const UniqueFd fd = openForReading(path);
-    return fd && ::syncfs(fd.get()) == 0;
 }
 
 } // namespace zo::os

@@ -1,6 +1,10 @@
+#include <zo/fault.h>
 #include <zo/file.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <random>
@@ -15,6 +19,47 @@ namespace {
 
 constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 constexpr int readFlags = O_RDONLY | O_CLOEXEC;
+
+EntryType typeOfMode(mode_t mode)
+{
+    if (S_ISREG(mode))
+        return EntryType::File;
+    if (S_ISDIR(mode))
+        return EntryType::Directory;
+    if (S_ISLNK(mode))
+        return EntryType::Link;
+    return EntryType::Other;
+}
+
+FileStatus fileStatusOf(const struct stat& status)
+{
+    return FileStatus { typeOfMode(status.st_mode), static_cast<std::uint64_t>(status.st_size),
+        static_cast<std::int64_t>(status.st_mtim.tv_sec),
+        static_cast<std::int32_t>(status.st_mtim.tv_nsec),
+        { static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino) },
+        static_cast<std::uint32_t>(status.st_mode & 07777) };
+}
+
+// The armed fault: its step (-1 when none), how many calls of it still pass, and its errno.
+std::atomic<int> faultStep { -1 };
+std::atomic<int> faultCountdown { 0 };
+std::atomic<int> faultError { 0 };
+
+// Whether this call of step is the one a test asked to fail; errno is set when it is.
+bool failsOnPurpose(fault::Step step)
+{
+    if (faultStep.load() != static_cast<int>(step) || faultCountdown.fetch_sub(1) != 1)
+        return false;
+    faultStep.store(-1);
+    errno = faultError.load();
+    return true;
+}
+
+bool syncPath(const char* path)
+{
+    UniqueFd descriptor = openForReading(path);
+    return descriptor && ::fsync(descriptor.get()) == 0 && descriptor.close();
+}
 
 } // namespace
 
@@ -47,9 +92,49 @@ bool UniqueFd::close()
     return _fd < 0 || ::close(std::exchange(_fd, -1)) == 0;
 }
 
+std::optional<FileStatus> statusAt(int directory, const char* name, bool followLinks)
+{
+    struct stat status { };
+    if (::fstatat(directory, name, &status, followLinks ? 0 : AT_SYMLINK_NOFOLLOW) != 0)
+        return std::nullopt;
+    return fileStatusOf(status);
+}
+
+std::optional<FileStatus> status(int descriptor)
+{
+    struct stat status { };
+    if (::fstat(descriptor, &status) != 0)
+        return std::nullopt;
+    return fileStatusOf(status);
+}
+
+std::optional<FileStatus> status(const char* path)
+{
+    return statusAt(AT_FDCWD, path, true);
+}
+
+std::optional<FileStatus> linkStatus(const char* path)
+{
+    return statusAt(AT_FDCWD, path, false);
+}
+
 bool isReadable(const char* path)
 {
     return ::access(path, R_OK) == 0;
+}
+
+DescentStep::DescentStep(DescentPath& path, const FileIdentity& directory)
+    : _path(path)
+    , _entered(std::find(path.begin(), path.end(), directory) == path.end())
+{
+    if (_entered)
+        path.push_back(directory);
+}
+
+DescentStep::~DescentStep()
+{
+    if (_entered)
+        _path.pop_back();
 }
 
 UniqueFd openDirectory(const char* path)
@@ -197,5 +282,69 @@ std::optional<std::uint64_t> availableSpace(int descriptor)
         return std::nullopt;
     return static_cast<std::uint64_t>(volume.f_bavail) * volume.f_frsize;
 }
+
+bool syncFile(const char* path)
+{
+    return !failsOnPurpose(fault::Step::SyncFile) && syncPath(path);
+}
+
+bool syncFile(int descriptor)
+{
+    return !failsOnPurpose(fault::Step::SyncFile) && ::fsync(descriptor) == 0;
+}
+
+bool syncDirectory(const char* path)
+{
+    return !failsOnPurpose(fault::Step::SyncDirectory) && syncPath(path);
+}
+
+bool rename(const char* from, const char* to)
+{
+    return !failsOnPurpose(fault::Step::Rename) && std::rename(from, to) == 0;
+}
+
+bool exchange(const char* first, const char* second)
+{
+    return !failsOnPurpose(fault::Step::Rename)
+        && ::renameat2(AT_FDCWD, first, AT_FDCWD, second, RENAME_EXCHANGE) == 0;
+}
+
+bool renameToFreeName(const char* from, const char* to)
+{
+    if (failsOnPurpose(fault::Step::Rename))
+        return false;
+    if (::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno != EINVAL)
+        return false;
+    if (linkStatus(to)) {
+        errno = EEXIST;
+        return false;
+    }
+    return ::rename(from, to) == 0;
+}
+
+bool syncFileSystem(const char* path)
+{
+    const UniqueFd fd = openForReading(path);
+    return fd && ::syncfs(fd.get()) == 0;
+}
+
+namespace fault {
+
+void inject(Step step, int nth, int error)
+{
+    faultStep.store(-1);
+    faultCountdown.store(nth);
+    faultError.store(error);
+    faultStep.store(static_cast<int>(step));
+}
+
+void clear()
+{
+    faultStep.store(-1);
+}
+
+} // namespace fault
 
 } // namespace zo::os

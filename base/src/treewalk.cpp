@@ -2,37 +2,13 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <memory>
-#include <utility>
-#include <vector>
 
 namespace zo::os {
 namespace {
-
-EntryType typeOfMode(mode_t mode)
-{
-    if (S_ISREG(mode))
-        return EntryType::File;
-    if (S_ISDIR(mode))
-        return EntryType::Directory;
-    if (S_ISLNK(mode))
-        return EntryType::Link;
-    return EntryType::Other;
-}
-
-FileStatus fileStatusOf(const struct stat& status)
-{
-    return FileStatus { typeOfMode(status.st_mode), static_cast<std::uint64_t>(status.st_size),
-        static_cast<std::int64_t>(status.st_mtim.tv_sec),
-        static_cast<std::int32_t>(status.st_mtim.tv_nsec),
-        static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino),
-        static_cast<std::uint32_t>(status.st_mode & 07777) };
-}
 
 struct DirectoryCloser {
     void operator()(DIR* directory) const { ::closedir(directory); }
@@ -64,14 +40,14 @@ public:
     // Walks the directory that descriptor names; false when the visitor stopped the walk.
     bool walkFrom(int descriptor, int depth)
     {
-        struct stat status { };
-        if (::fstat(descriptor, &status) != 0) {
+        const std::optional<FileStatus> status = os::status(descriptor);
+        if (!status) {
             reportError(errno);
             ::close(descriptor);
             return true;
         }
-        const Identity identity { status.st_dev, status.st_ino };
-        if (std::find(_descent.begin(), _descent.end(), identity) != _descent.end()) {
+        const DescentStep step(_descent, status->identity);
+        if (!step.entered()) {
             ::close(descriptor);
             return true;
         }
@@ -80,15 +56,10 @@ public:
             reportError(errno);
             return true;
         }
-        _descent.push_back(identity);
-        const bool goOn = walkEntries(stream.get(), depth);
-        _descent.pop_back();
-        return goOn;
+        return walkEntries(stream.get(), depth);
     }
 
 private:
-    using Identity = std::pair<dev_t, ino_t>;
-
     bool walkEntries(DIR* stream, int depth)
     {
         const int directory = ::dirfd(stream);
@@ -175,36 +146,10 @@ private:
     const WalkOptions& _options;
     const WalkVisitor& _visit;
     std::string _path;
-    std::vector<Identity> _descent;
+    DescentPath _descent;
 };
 
 } // namespace
-
-std::optional<FileStatus> statusAt(int directory, const char* name, bool followLinks)
-{
-    struct stat status { };
-    if (::fstatat(directory, name, &status, followLinks ? 0 : AT_SYMLINK_NOFOLLOW) != 0)
-        return std::nullopt;
-    return fileStatusOf(status);
-}
-
-std::optional<FileStatus> status(int descriptor)
-{
-    struct stat status { };
-    if (::fstat(descriptor, &status) != 0)
-        return std::nullopt;
-    return fileStatusOf(status);
-}
-
-std::optional<FileStatus> status(const char* path)
-{
-    return statusAt(AT_FDCWD, path, true);
-}
-
-std::optional<FileStatus> linkStatus(const char* path)
-{
-    return statusAt(AT_FDCWD, path, false);
-}
 
 WalkEntry::WalkEntry(std::string_view path, std::string_view name, EntryType type, bool isLink,
     int depth, int directory, bool followLinks, std::optional<FileStatus> knownStatus)

@@ -8,7 +8,7 @@
 #include "pack.h"
 #include "unpack.h"
 
-#include <zo/treewalk.h>
+#include <zo/file.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -33,12 +33,12 @@ bool isDirectory(const std::string& path)
     return status && status->type == os::EntryType::Directory;
 }
 
-Inode inodeOf(int fd, const std::string& path)
+os::FileIdentity identityOf(int fd, const std::string& path)
 {
     const auto status = os::status(fd);
     if (!status)
         fail(path, systemError());
-    return { status->device, status->inode };
+    return status->identity;
 }
 
 UniqueFd openDirectory(const std::string& path)
@@ -121,9 +121,9 @@ ArchiveFormat exportFormat(const std::string& destination)
 void exportArchive(const std::string& source, const std::string& destination, ArchiveFormat format,
     const ProgressCallback& progress)
 {
-    AtomicFile file(destination);
+    AtomicFile file(destination, "pack");
     // The temporary archive lies inside the source when the destination does.
-    TreeReader reader(source, inodeOf(file.fd(), destination));
+    TreeReader reader(source, identityOf(file.fd(), destination));
     reader.reportTo(progress);
     pack(reader, file.fd(), format, destination);
     file.keep();
@@ -132,12 +132,12 @@ void exportArchive(const std::string& source, const std::string& destination, Ar
 void exportTree(
     const std::string& source, const std::string& destination, const ProgressCallback& progress)
 {
-    std::string temp = tempTemplateBeside(destination);
+    std::string temp = os::hiddenTemplateBeside(destination, "pack");
     if (!os::createTemporaryDirectory(temp))
         fail(destination, "cannot create a temporary directory beside it: " + systemError());
     TreeGuard guard(temp);
     const UniqueFd root = openDirectory(temp);
-    TreeReader reader(source, inodeOf(root.get(), destination));
+    TreeReader reader(source, identityOf(root.get(), destination));
     reader.reportTo(progress);
     unpack(reader, root.get(), destination);
     const auto status = os::status(source.c_str());

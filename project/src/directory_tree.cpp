@@ -2,7 +2,7 @@
 
 #include "errors.h"
 
-#include <zo/treewalk.h>
+#include <zo/file.h>
 
 #include <algorithm>
 
@@ -127,8 +127,7 @@ void DirectoryTree::stepUp(const std::string& entry)
         // something moved it meanwhile.
         UniqueFd fd = os::openDirectoryAt(openFd(), "..");
         const auto status = fd ? os::status(fd.get()) : std::nullopt;
-        if (!status || status->device != _directories[above].device
-            || status->inode != _directories[above].inode)
+        if (!status || status->identity != _directories[above].identity)
             failEntry(_archive, entry.empty() ? pathOf(above) : entry,
                 "the directory '" + name(above) + "' moved while unpacking");
         _openFd = std::move(fd);
@@ -173,8 +172,7 @@ void DirectoryTree::remember(Node node, const std::string& entry)
     if (!status)
         failEntry(_archive, entry.empty() ? pathOf(node) : entry,
             "cannot query directory '" + name(node) + "': " + systemError());
-    _directories[node].device = status->device;
-    _directories[node].inode = status->inode;
+    _directories[node].identity = status->identity;
 }
 
 std::vector<DirectoryTree::Node> DirectoryTree::created() const

@@ -70,8 +70,7 @@ private:
         size_t depth;
         bool created = false;
         // The identity seen when it was last opened, which a step up through ".." must meet.
-        std::uint64_t device = 0;
-        std::uint64_t inode = 0;
+        os::FileIdentity identity {};
     };
     Node child(Node parent, std::string_view name);
     int openFd() const { return _openFd ? _openFd.get() : _rootFd; }

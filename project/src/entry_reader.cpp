@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <utility>
-#include <zo/treewalk.h>
+#include <zo/file.h>
 
 namespace zo::project::detail {
 
@@ -127,7 +127,7 @@ std::string prefixOf(const std::string& root)
 
 } // namespace
 
-TreeReader::TreeReader(const std::string& root, std::optional<Inode> skip)
+TreeReader::TreeReader(const std::string& root, std::optional<os::FileIdentity> skip)
     : EntryReader(root, newReadDiskArchive())
     , _prefix(prefixOf(withoutTrailingSlashes(root)))
     , _skip(skip)
@@ -163,8 +163,9 @@ archive_entry* TreeReader::fetch()
 {
     while (nextHeader()) {
         archive_entry* entry = _entry.get();
-        if (_skip && archive_entry_dev(entry) == _skip->device
-            && archive_entry_ino64(entry) == static_cast<la_int64_t>(_skip->number))
+        if (_skip
+            == os::FileIdentity { static_cast<std::uint64_t>(archive_entry_dev(entry)),
+                static_cast<std::uint64_t>(archive_entry_ino64(entry)) })
             continue;
         if (archive_entry_filetype(entry) == AE_IFDIR
             && archive_read_disk_descend(_handle.get()) != ARCHIVE_OK)

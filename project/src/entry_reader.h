@@ -2,6 +2,7 @@
 
 #include "libarchive.h"
 
+#include <zo/file.h>
 #include <zo/project/archive.h>
 
 #include <cstdint>
@@ -77,16 +78,11 @@ private:
     bool _started = false;
 };
 
-struct Inode {
-    std::uint64_t device;
-    std::uint64_t number;
-};
-
 // A directory tree; symbolic links are entries, never followed.
 class TreeReader final : public EntryReader {
 public:
     // skip names a file or directory inside the tree left out with all it contains.
-    TreeReader(const std::string& root, std::optional<Inode> skip);
+    TreeReader(const std::string& root, std::optional<os::FileIdentity> skip);
 
 protected:
     archive_entry* fetch() override;
@@ -96,7 +92,7 @@ protected:
 private:
     // The root's path and a slash, which entry names start with.
     std::string _prefix;
-    std::optional<Inode> _skip;
+    std::optional<os::FileIdentity> _skip;
 };
 
 // A reader of path: a TreeReader for Directory, otherwise an ArchiveFileReader.

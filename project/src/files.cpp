@@ -2,7 +2,6 @@
 
 #include "errors.h"
 
-#include <zo/os.h>
 #include <zo/path.h>
 
 #include <filesystem>
@@ -12,14 +11,6 @@ namespace zo::project::detail {
 
 namespace {
 
-std::string parentDirectory(const std::string& path)
-{
-    const auto slash = path.rfind('/');
-    if (slash == std::string::npos)
-        return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 void syncDirectory(const std::string& directory, const std::string& target)
 {
     if (!os::syncDirectory(directory.c_str()))
@@ -28,21 +19,16 @@ void syncDirectory(const std::string& directory, const std::string& target)
 
 } // namespace
 
-std::string tempTemplateBeside(const std::string& path)
-{
-    return parentDirectory(path) + "/." + Path(path).filename() + ".XXXXXX";
-}
-
 void renameInto(const std::string& temp, const std::string& target)
 {
     if (!os::rename(temp.c_str(), target.c_str()))
         fail(target, "cannot replace: " + systemError());
-    syncDirectory(parentDirectory(target), target);
+    syncDirectory(Path(target).directory(), target);
 }
 
-AtomicFile::AtomicFile(std::string target)
+AtomicFile::AtomicFile(std::string target, std::string_view purpose)
     : _target(std::move(target))
-    , _temp(tempTemplateBeside(_target))
+    , _temp(os::hiddenTemplateBeside(_target, purpose))
     , _fd(os::createTemporaryFile(_temp))
 {
     if (!_fd)

@@ -9,16 +9,14 @@ namespace zo::project::detail {
 
 using os::UniqueFd;
 
-// "dir/.name.XXXXXX": a hidden name beside path for mkstemp and mkdtemp.
-std::string tempTemplateBeside(const std::string& path);
-
 // Renames temp over target and syncs the directory so that the rename survives a crash.
 void renameInto(const std::string& temp, const std::string& target);
 
-// A temporary file beside target that replaces target when kept and is removed otherwise.
+// A hidden file beside target, named for purpose (see hiddenTemplateBeside), that replaces
+// target when kept and is removed otherwise.
 class AtomicFile {
 public:
-    explicit AtomicFile(std::string target);
+    AtomicFile(std::string target, std::string_view purpose);
     AtomicFile(const AtomicFile&) = delete;
     AtomicFile& operator=(const AtomicFile&) = delete;
     ~AtomicFile();

@@ -40,7 +40,7 @@ Metadata readMetadata(const std::string& file)
 
 void writeMetadata(const std::string& file, const Metadata& metadata)
 {
-    AtomicFile out(file);
+    AtomicFile out(file, "meta");
     out.write(encodeMetadata(metadata));
     out.keep();
 }

@@ -5,7 +5,7 @@
 #include "errors.h"
 #include "files.h"
 
-#include <zo/treewalk.h>
+#include <zo/file.h>
 
 #include <algorithm>
 #include <array>

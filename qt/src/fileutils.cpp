@@ -1,9 +1,7 @@
 #include <zo/project/fileutils.h>
 
-#include "decodedpath.h"
+#include "paths.h"
 
-#include <zo/file.h>
-#include <zo/os.h>
 #include <zo/treewalk.h>
 #include <zo/unicode.h>
 
@@ -102,59 +100,6 @@ template <typename Step> bool succeedsWithinAttempts(Step step)
             return true;
     return false;
 }
-
-// Where a file is stored; two paths that name the same directory share it.
-struct FileIdentity {
-    std::uint64_t device;
-    std::uint64_t inode;
-
-    bool operator==(const FileIdentity& other) const
-    {
-        return device == other.device && inode == other.inode;
-    }
-};
-
-// The identity of what path names, links followed; none when it cannot be read.
-std::optional<FileIdentity> identityOf(const QString& path)
-{
-    const std::optional<zo::os::FileStatus> status
-        = zo::os::status(QFile::encodeName(path).constData());
-    if (!status)
-        return std::nullopt;
-    return FileIdentity { status->device, status->inode };
-}
-
-// The directories a recursive walk is inside of, outermost first.
-using DescentPath = std::vector<FileIdentity>;
-
-// Enters a directory for the lifetime of the object unless it is already on the descent path,
-// so that a symbolic link to an ancestor does not make a walk loop. A directory that cannot be
-// identified is not entered either: it could be such an ancestor.
-class DescentStep {
-public:
-    DescentStep(DescentPath& path, const QString& directory)
-        : _path(path)
-    {
-        const std::optional<FileIdentity> identity = identityOf(directory);
-        if (identity && std::find(path.begin(), path.end(), *identity) == path.end()) {
-            path.push_back(*identity);
-            _entered = true;
-        }
-    }
-    ~DescentStep()
-    {
-        if (_entered)
-            _path.pop_back();
-    }
-    DescentStep(const DescentStep&) = delete;
-    DescentStep& operator=(const DescentStep&) = delete;
-
-    bool entered() const { return _entered; }
-
-private:
-    DescentPath& _path;
-    bool _entered = false;
-};
 
 struct FolderLimits {
     unsigned int maxCount;
@@ -325,7 +270,7 @@ std::runtime_error copyFailure(const QString& src, const QString& dst, int error
 // destination, never the hidden name.
 class CopyRun {
 public:
-    DescentPath descent;
+    zo::os::DescentPath descent;
 
     bool building() const { return !_hidden.isEmpty(); }
 
@@ -431,28 +376,16 @@ void copyEntries(
         remove(dstDir.filePath(name));
 }
 
-void removeLeavingErrorsToTheCaller(const QString& path)
-{
-    try {
-        remove(path);
-    } catch (const std::exception&) {
-        // The failure of the copy is what the caller hears of.
-    }
-}
-
 // Builds the copy of src under a hidden name beside dst and gives it dst's name when complete.
 // A copy that fails midway still leaves what it copied so far under dst, complete files only,
 // as a copy made in place would.
 void buildDirectory(const QString& src, const QString& dst, bool overwrite, CopyRun& run)
 {
     const QString entry = namedEntryPath(dst);
-    const QFileInfo target(entry);
-    std::string hidden = QFile::encodeName(
-        target.path() + QStringLiteral("/.") + target.fileName() + QStringLiteral(".XXXXXX"))
-                             .toStdString();
+    std::string hidden = zo::os::hiddenTemplateBeside(detail::encoded(entry).toStdString(), "copy");
     if (!zo::os::makeUniqueDirectory(hidden, 0777))
         throw notCreated(dst);
-    const QString hiddenPath = QFile::decodeName(QByteArray::fromStdString(hidden));
+    const QString hiddenPath = detail::decodedPath(hidden);
     std::exception_ptr failure;
     try {
         const CopyRun::Building building(run, hiddenPath, QDir(dst).path());
@@ -460,9 +393,9 @@ void buildDirectory(const QString& src, const QString& dst, bool overwrite, Copy
     } catch (const std::exception&) {
         failure = std::current_exception();
     }
-    if (!zo::os::renameToFreeName(hidden.c_str(), QFile::encodeName(entry).constData())) {
+    if (!zo::os::renameToFreeName(hidden.c_str(), detail::encoded(entry).constData())) {
         const int error = errno;
-        removeLeavingErrorsToTheCaller(hiddenPath);
+        detail::removeQuietly(hiddenPath); // the copy's failure is what the caller hears of
         if (failure)
             std::rethrow_exception(failure);
         if (error == EEXIST || error == ENOTEMPTY)
@@ -474,10 +407,11 @@ void buildDirectory(const QString& src, const QString& dst, bool overwrite, Copy
 }
 
 // Leaves the destination mirroring the source: entries found only in the destination go.
-void copyDirectory(const QString& src, const QString& dst, const std::optional<QFileInfo>& dstInfo,
-    bool overwrite, CopyRun& run)
+void copyDirectory(const QString& src, const zo::os::FileIdentity& source, const QString& dst,
+    const std::optional<QFileInfo>& dstInfo, bool overwrite, CopyRun& run)
 {
-    const DescentStep step(run.descent, src);
+    // A link to a directory the copy is inside of would make it loop.
+    const zo::os::DescentStep step(run.descent, source);
     if (!step.entered())
         return;
     const bool exists = dstInfo && dstInfo->exists();
@@ -552,7 +486,7 @@ void copyEntry(const QString& src, const QString& dst, bool overwrite, CopyRun& 
     if (source->type == zo::os::EntryType::File)
         copyFile(src, dst, *source, dstInfo, overwrite, run);
     else if (source->type == zo::os::EntryType::Directory)
-        copyDirectory(src, dst, dstInfo, overwrite, run);
+        copyDirectory(src, source->identity, dst, dstInfo, overwrite, run);
 }
 
 std::string moveFailure(const QString& src, const QString& dst, const std::exception& error)

@@ -1,9 +1,10 @@
 #include "liveness.h"
 
-#include <zo/os.h>
+#include "paths.h"
+
+#include <zo/process.h>
 
 #include <QCoreApplication>
-#include <QFile>
 #include <QFileInfo>
 
 #include <chrono>
@@ -47,7 +48,7 @@ bool isProcessRunning(pid_t pid, const std::string& programName, const QDateTime
     }
     if (programName.empty())
         return true;
-    const QString program = QFile::decodeName(QByteArray::fromStdString(process->program));
+    const QString program = decodedPath(process->program);
     return QFileInfo(program).baseName().toStdString() == programName;
 }
 

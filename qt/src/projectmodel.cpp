@@ -1,9 +1,11 @@
 #include <zo/project/projectmodel.h>
 
 #include "liveness.h"
+#include "paths.h"
 #include "projectcommon.h"
 #include "workspace.h"
 
+#include <zo/file.h>
 #include <zo/os.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/project.h>
@@ -19,31 +21,14 @@
 namespace zo::project {
 namespace {
 
-std::string utf8(const QString& text)
-{
-    return text.toUtf8().toStdString();
-}
+using detail::isOnDisk;
+using detail::removeQuietly;
+using detail::utf8;
 
 // Up to the first NUL byte, as a C string would end.
 QString fromUtf8(const std::string& text)
 {
     return QString::fromUtf8(text.c_str());
-}
-
-bool isPresent(const QString& path)
-{
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
-}
-
-// Removes what a failed step left; its own failure would hide the first one.
-void removeQuietly(const QString& path)
-{
-    try {
-        if (isPresent(path))
-            remove(path);
-    } catch (const std::exception&) {
-    }
 }
 
 // Workspaces may belong to any program built on this library, so any process of the owner's
@@ -62,6 +47,17 @@ void requireWorkspace(const ProjectModel::RecoverableWorkspace& workspace)
 }
 
 } // namespace
+
+QString xGetNewTempPath()
+{
+    const QString prefix
+        = QDir::tempPath() + QStringLiteral("/zo_project_model_%1_").arg(zo::os::getpid());
+    for (unsigned long long n = 0;; ++n) {
+        const QString path = prefix + QString::number(n);
+        if (!QFile::exists(path))
+            return path;
+    }
+}
 
 ProjectModel::ProjectModel()
     : _notifier(std::make_unique<detail::Notifier>())
@@ -105,7 +101,6 @@ void ProjectModel::createNew()
         throw;
     }
     _project = std::make_unique<ProjectWatcher>(workspace, true, nullptr);
-    xInitProject(_project.get());
     detail::writeRecord(workspace, { QString(), ArchiveFormat::Native });
     xSetSaved(false);
 }
@@ -122,7 +117,6 @@ void ProjectModel::load(const QString& path, ArchiveFormat format)
     }
     xReset();
     _project = std::make_unique<ProjectWatcher>(workspace, true, nullptr);
-    xInitProject(_project.get());
     _sourceWatcher = std::make_unique<ProjectWatcher>(path, true, nullptr);
     xInitProject(_sourceWatcher.get());
     // Detected, also when the caller named the format.
@@ -151,7 +145,7 @@ void ProjectModel::save(const QString& path, ArchiveFormat format, bool safe)
     const std::string workspace = _project->projectPath();
     // Only what this save made is removed on failure; an archive at the target stays.
     const QString output = safe ? detail::temporaryPathBeside(target) : target;
-    const bool outputExisted = isPresent(output);
+    const bool outputExisted = isOnDisk(output);
     try {
         exportProject(workspace, utf8(output), chosen);
         if (safe)
@@ -438,7 +432,6 @@ void ProjectModel::recoverWorkspace(const RecoverableWorkspace& workspace)
     detail::removeWorkspace(workspace.path); // only its record is left there
     xReset();
     _project = std::make_unique<ProjectWatcher>(adopted, true, nullptr);
-    xInitProject(_project.get());
     if (!workspace.sourcePath.isEmpty()) {
         _sourceWatcher = std::make_unique<ProjectWatcher>(workspace.sourcePath, true, nullptr);
         xInitProject(_sourceWatcher.get());
@@ -479,11 +472,9 @@ void ProjectModel::xReset()
     xSetSaved(true);
 }
 
+// Only for the source watcher: the workspace is never polled.
 void ProjectModel::xInitProject(ProjectWatcher* watcher)
 {
-    // The workspace is never polled; only the source is watched.
-    if (watcher == nullptr || watcher != _sourceWatcher.get())
-        return;
     ProjectModel* model = this;
     QObject::connect(
         watcher, qOverload<const QMap<QString, FileSystemEvent>&>(&ProjectWatcher::contentChanged),

@@ -1,8 +1,8 @@
 #include <zo/project/projectvfs.h>
 
-#include "decodedpath.h"
 #include "liveness.h"
 #include "logging.h"
+#include "paths.h"
 #include "projectvfs_impl.h"
 
 #include <zo/log.h>

@@ -1,7 +1,9 @@
 #include "projectvfs_impl.h"
 
 #include "logging.h"
+#include "paths.h"
 
+#include <zo/file.h>
 #include <zo/log.h>
 #include <zo/os.h>
 #include <zo/project/exceptions.h>
@@ -21,16 +23,6 @@ namespace {
 
 const QString kSwapExtension = QStringLiteral("csp");
 const QString kBackupExtension = QStringLiteral("bck");
-
-std::string utf8(const QString& text)
-{
-    return text.toStdString();
-}
-
-QByteArray encoded(const QString& path)
-{
-    return QFile::encodeName(path);
-}
 
 bool syncFile(const QString& path)
 {
@@ -389,12 +381,6 @@ void ProjectVFS_Impl::copy(VFSFile& file, const QString& newPath, bool overwrite
 void ProjectVFS_Impl::move(VFSFile& file, const QString& newPath, bool overwrite)
 {
     file.move(newPath, overwrite);
-}
-
-bool isOnDisk(const QString& path)
-{
-    const QFileInfo info(path);
-    return info.exists() || info.isSymLink();
 }
 
 QIODevice::OpenMode openModeOfStreamMode(const QString& mode)

@@ -106,9 +106,6 @@ private:
     QString _bckExt;
 };
 
-// Anything under that name, a dangling link included.
-bool isOnDisk(const QString& path);
-
 // The device flags that a C fopen mode stands for.
 QIODevice::OpenMode openModeOfStreamMode(const QString& mode);
 

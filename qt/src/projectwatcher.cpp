@@ -1,6 +1,6 @@
 #include <zo/project/projectwatcher.h>
 
-#include "decodedpath.h"
+#include "paths.h"
 
 #include "watchsnapshot.h"
 

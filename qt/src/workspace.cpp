@@ -1,8 +1,7 @@
 #include "workspace.h"
 
-#include "projectvfs_impl.h"
+#include "paths.h"
 
-#include <zo/os.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/projectmodel.h>
 #include <zo/treewalk.h>
@@ -13,37 +12,18 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
-#include <QSaveFile>
 
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
 
-namespace zo::project {
-
-QString xGetNewTempPath()
-{
-    const QString prefix
-        = QDir::tempPath() + QStringLiteral("/zo_project_model_%1_").arg(zo::os::getpid());
-    for (unsigned long long n = 0;; ++n) {
-        const QString path = prefix + QString::number(n);
-        if (!QFile::exists(path))
-            return path;
-    }
-}
-
-namespace detail {
+namespace zo::project::detail {
 namespace {
 
 QString recordPathOf(const QString& workspace)
 {
     const QFileInfo info(workspace);
     return info.path() + QStringLiteral("/.") + info.fileName() + QStringLiteral(".source");
-}
-
-QByteArray encoded(const QString& path)
-{
-    return QFile::encodeName(path);
 }
 
 [[noreturn]] void failToReplace(const QString& target, const char* step)
@@ -85,9 +65,19 @@ bool writeRecord(const QString& workspace, const WorkspaceRecord& record)
 {
     const QJsonObject fields { { QStringLiteral("source"), record.sourcePath },
         { QStringLiteral("format"), static_cast<int>(record.format) } };
-    QSaveFile file(recordPathOf(workspace));
-    return file.open(QIODevice::WriteOnly)
-        && file.write(QJsonDocument(fields).toJson(QJsonDocument::Compact)) >= 0 && file.commit();
+    const QByteArray text = QJsonDocument(fields).toJson(QJsonDocument::Compact);
+    const QByteArray target = encoded(recordPathOf(workspace));
+    std::string written = zo::os::hiddenTemplateBeside(target.toStdString(), "record");
+    zo::os::UniqueFd file = zo::os::createTemporaryFile(written);
+    if (!file)
+        return false;
+    const bool replaced = zo::os::setPermissions(file.get(), 0644)
+        && zo::os::writeAll(file.get(), text.constData(), static_cast<std::size_t>(text.size()), 0)
+        && zo::os::syncFile(file.get()) && file.close()
+        && zo::os::rename(written.c_str(), target.constData());
+    if (!replaced)
+        zo::os::remove(written.c_str());
+    return replaced;
 }
 
 std::optional<WorkspaceRecord> readRecord(const QString& workspace)
@@ -135,14 +125,7 @@ QDateTime lastModifiedOf(const QString& workspace)
 
 QString temporaryPathBeside(const QString& target)
 {
-    const QFileInfo info(target);
-    const QString prefix = info.path() + QStringLiteral("/.") + info.fileName()
-        + QStringLiteral(".zo-save-%1-").arg(zo::os::getpid());
-    for (unsigned long long n = 0;; ++n) {
-        const QString path = prefix + QString::number(n);
-        if (!isOnDisk(path))
-            return path;
-    }
+    return decodedPath(zo::os::unusedHiddenPathBeside(encoded(target).toStdString(), "save"));
 }
 
 void replaceDurably(const QString& replacement, const QString& target)
@@ -166,14 +149,10 @@ void replaceDurably(const QString& replacement, const QString& target)
         errno = syncError;
         failToReplace(target, "sync the directory of");
     }
-    if (directoryOverDirectory) {
-        try {
-            remove(replacement); // the previous content, exchanged out of the way
-        } catch (const std::exception&) {
-            // A hidden leftover beside the saved tree; the save itself is complete.
-        }
-    }
+    // The previous content, exchanged out of the way; left hidden beside the saved tree when it
+    // cannot go, as the save itself is complete.
+    if (directoryOverDirectory)
+        removeQuietly(replacement);
 }
 
-} // namespace detail
-} // namespace zo::project
+} // namespace zo::project::detail

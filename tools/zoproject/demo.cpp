@@ -1,7 +1,7 @@
 // The demo command: a crash-safe edit, a crash and its recovery, told step by step.
 #include "command.h"
 
-#include <zo/os.h>
+#include <zo/process.h>
 #include <zo/project/archive.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/project.h>

@@ -2,11 +2,9 @@
 #include "command.h"
 #include "source.h"
 
-#include <zo/os.h>
+#include <zo/file.h>
 #include <zo/project/project.h>
 
-#include <QCoreApplication>
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
@@ -38,17 +36,15 @@ void printMetadata(const Metadata& metadata, bool json)
 void replaceArchive(const ProjectSource& source)
 {
     const QFileInfo archive(source.path());
-    const QString packed
-        = archive.absoluteDir().filePath(QStringLiteral(".%1.%2.tmp")
-                                             .arg(archive.fileName())
-                                             .arg(QCoreApplication::applicationPid()));
+    const QByteArray to = QFile::encodeName(archive.absoluteFilePath());
+    const QString packed = QFile::decodeName(
+        QByteArray::fromStdString(zo::os::unusedHiddenPathBeside(to.toStdString(), "meta")));
     auto removePacked = qScopeGuard([&packed] { QFile::remove(packed); });
     zo::project::exportProject(
         source.directory().toStdString(), packed.toStdString(), source.format());
     QFile::setPermissions(packed, archive.permissions());
     // The new archive reaches the disk before its name replaces the old one.
     const QByteArray from = QFile::encodeName(packed);
-    const QByteArray to = QFile::encodeName(archive.absoluteFilePath());
     if (!zo::os::syncFile(from.constData()) || !zo::os::rename(from.constData(), to.constData()))
         throw std::runtime_error(
             "cannot replace '" + archive.filePath().toStdString() + "': " + std::strerror(errno));

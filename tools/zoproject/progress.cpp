@@ -1,6 +1,6 @@
 #include "progress.h"
 
-#include <zo/os.h>
+#include <zo/process.h>
 
 #include <QElapsedTimer>
 #include <QFile>

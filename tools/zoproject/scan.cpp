@@ -1,6 +1,6 @@
 #include "scan.h"
 
-#include <zo/os.h>
+#include <zo/process.h>
 
 #include <QFile>
 #include <QFileInfo>

@@ -1,6 +1,9 @@
 #include "source.h"
 
+#include <zo/file.h>
+
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
 #include <stdexcept>
@@ -13,9 +16,9 @@ ProjectSource::ProjectSource(const QString& path, Unpack where)
 {
     if (_format == zo::project::ArchiveFormat::Directory)
         return;
-    const QFileInfo archive(path);
     const QString pattern = where == Unpack::Beside
-        ? archive.absoluteDir().filePath(QLatin1Char('.') + archive.fileName() + "-XXXXXX")
+        ? QFile::decodeName(QByteArray::fromStdString(zo::os::hiddenTemplateBeside(
+            QFile::encodeName(QFileInfo(path).absoluteFilePath()).toStdString(), "unpack")))
         : QDir::temp().filePath(QStringLiteral("zoproject-XXXXXX"));
     _unpacked = std::make_unique<QTemporaryDir>(pattern);
     if (!_unpacked->isValid())

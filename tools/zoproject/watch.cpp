@@ -1,7 +1,7 @@
 // zoproject watch: the changes other programs make below a directory, as they happen.
 #include "command.h"
 
-#include <zo/os.h>
+#include <zo/process.h>
 #include <zo/project/projectwatcher.h>
 
 #include <QCoreApplication>

@@ -6,20 +6,27 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
+#include <vector>
 
-// Files and directories through descriptors. Each call does one system step and reports failure
-// as false (or an empty result) with errno set, so that callers word their own messages.
-// Descriptors are opened close-on-exec; those opened "At" a directory never follow a link in
-// the last component.
+/// @file
+/// Files and directories: their status and identity, descriptors, hidden names, copies and the
+/// durability steps of an atomic replacement. Each call does one system step and reports failure
+/// as false (or an empty result) with errno set, so that callers word their own messages; none
+/// throws. Paths are byte strings (UTF-8 where they come from text). Descriptors are opened
+/// close-on-exec; those opened "At" a directory never follow a link in the last component.
 namespace zo::os {
 
-// Owns a descriptor; closing keeps errno, so that a failure being reported is not masked.
+/// Owns a descriptor and closes it on destruction; closing keeps errno, so that a failure being
+/// reported is not masked.
 class ZO_EXPORT UniqueFd {
 public:
     UniqueFd() = default;
+    /// Takes fd over; a negative fd stands for none.
     explicit UniqueFd(int fd)
         : _fd(fd)
     {
@@ -30,60 +37,210 @@ public:
     UniqueFd& operator=(const UniqueFd&) = delete;
     ~UniqueFd();
 
+    /// The descriptor, -1 for none.
     int get() const { return _fd; }
     explicit operator bool() const { return _fd >= 0; }
-    // Closes the descriptor and reports close's own failure (a late write error) as false.
+    /// Closes the descriptor and reports close's own failure (a late write error) as false.
     bool close();
 
 private:
     int _fd = -1;
 };
 
-// Whether this process may read what path names (by its real user and group, as access(2)).
+/// Where a file is stored: two paths that name the same file share it. Read from a
+/// FileStatus.
+struct FileIdentity {
+    std::uint64_t device = 0; ///< the file system's device number
+    std::uint64_t inode = 0; ///< the file's number on that file system
+
+    bool operator==(const FileIdentity& other) const
+    {
+        return device == other.device && inode == other.inode;
+    }
+    bool operator!=(const FileIdentity& other) const { return !(*this == other); }
+};
+
+/// What a status read reports as a file's type.
+enum class EntryType : unsigned char {
+    File,
+    Directory,
+    Link, ///< a link that is not followed, or whose target is missing
+    Other ///< fifo, socket, device
+};
+
+/// The status of a file, as stat reports it.
+struct FileStatus {
+    EntryType type = EntryType::Other;
+    std::uint64_t size = 0; ///< in bytes
+    std::int64_t modifiedSeconds = 0; ///< the modification time, since 1970 (UTC)
+    std::int32_t modifiedNanoseconds = 0; ///< always 0 to 999999999, also before 1970
+    FileIdentity identity; ///< where it is stored
+    std::uint32_t permissions = 0; ///< the mode's 07777 bits
+
+    /// Rounded down, as Qt reports file times, so that a time set through Qt compares equal.
+    std::int64_t modifiedMilliseconds() const
+    {
+        return modifiedSeconds * 1000 + modifiedNanoseconds / 1000000;
+    }
+};
+
+/// The status of what path names, links followed; none when it cannot be read.
+ZO_EXPORT std::optional<FileStatus> status(const char* path);
+/// The status of what path names itself, a link not followed.
+ZO_EXPORT std::optional<FileStatus> linkStatus(const char* path);
+/// The status of an open file.
+ZO_EXPORT std::optional<FileStatus> status(int descriptor);
+/// The status of name in the open directory (or AT_FDCWD), of a link itself unless followLinks.
+ZO_EXPORT std::optional<FileStatus> statusAt(int directory, const char* name, bool followLinks);
+/// Whether this process may read what path names (by its real user and group, as access(2)).
 ZO_EXPORT bool isReadable(const char* path);
 
-// A directory, links followed.
-ZO_EXPORT UniqueFd openDirectory(const char* path);
-ZO_EXPORT UniqueFd openDirectoryAt(int directory, const char* name);
-// A file for reading.
-ZO_EXPORT UniqueFd openForReading(const char* path);
-ZO_EXPORT UniqueFd openForReadingAt(int directory, const char* name);
-// A new file for writing; fails with EEXIST when name exists.
-ZO_EXPORT UniqueFd createFileAt(int directory, const char* name, mode_t mode);
-// A new private file or directory named after pathTemplate, whose trailing "XXXXXX" is
-// replaced by the name made.
-ZO_EXPORT UniqueFd createTemporaryFile(std::string& pathTemplate);
-ZO_EXPORT bool createTemporaryDirectory(std::string& pathTemplate);
-// A new directory named after pathTemplate as above, but with mode less the umask, as mkdir
-// makes it, where a temporary directory is private.
-ZO_EXPORT bool makeUniqueDirectory(std::string& pathTemplate, mode_t mode);
+/// The directories a recursive descent is inside of, outermost first.
+using DescentPath = std::vector<FileIdentity>;
 
+/// Enters a directory on a descent path for its own lifetime, unless the directory is already
+/// on the path: a link to an ancestor is then not entered, so that a walk through links ends.
+class ZO_EXPORT DescentStep {
+public:
+    /// Pushes directory onto path unless it is on it already; the destructor pops it again.
+    DescentStep(DescentPath& path, const FileIdentity& directory);
+    ~DescentStep();
+    DescentStep(const DescentStep&) = delete;
+    DescentStep& operator=(const DescentStep&) = delete;
+
+    /// False when the directory was on the path already; the path is then unchanged.
+    bool entered() const { return _entered; }
+
+private:
+    DescentPath& _path;
+    bool _entered = false;
+};
+
+/// Opens a directory, links followed.
+ZO_EXPORT UniqueFd openDirectory(const char* path);
+/// Opens the directory name in the open directory; ELOOP or ENOTDIR for a link there.
+ZO_EXPORT UniqueFd openDirectoryAt(int directory, const char* name);
+/// Opens a file for reading, links followed.
+ZO_EXPORT UniqueFd openForReading(const char* path);
+/// Opens the file name in the open directory for reading; ELOOP for a link there.
+ZO_EXPORT UniqueFd openForReadingAt(int directory, const char* name);
+/// Creates a new file for writing; fails with EEXIST when name exists.
+ZO_EXPORT UniqueFd createFileAt(int directory, const char* name, mode_t mode);
+/// Creates a new private file named after pathTemplate, whose trailing "XXXXXX" is replaced by
+/// the name made (mkstemp). The caller removes it.
+ZO_EXPORT UniqueFd createTemporaryFile(std::string& pathTemplate);
+/// Creates a new private directory named after pathTemplate as createTemporaryFile does
+/// (mkdtemp). The caller removes it.
+ZO_EXPORT bool createTemporaryDirectory(std::string& pathTemplate);
+/// Creates a new directory named after pathTemplate as above, but with mode less the umask, as
+/// mkdir makes it, where a temporary directory is private. EINVAL when the template does not
+/// end in "XXXXXX". The caller removes it.
+ZO_EXPORT bool makeUniqueDirectory(std::string& pathTemplate, mode_t mode);
+/// Creates the directory name in the open directory with mode less the umask.
 ZO_EXPORT bool makeDirectoryAt(int directory, const char* name, mode_t mode);
+/// Creates the symbolic link name to target in the open directory.
 ZO_EXPORT bool makeSymlinkAt(const char* target, int directory, const char* name);
-// Removes a file or link (not a directory).
+
+/// What a hidden name beside a file tells of it.
+struct HiddenName {
+    std::string purpose; ///< what made the file: "save", "copy", ...
+    int pid = 0; ///< the process that made it
+};
+
+/// A path for a file that this process writes beside path before it takes path's place, or
+/// works on and removes: "<directory>/.<name>.zo-<purpose>-<pid>.XXXXXX", for createTemporaryFile,
+/// createTemporaryDirectory and makeUniqueDirectory to fill in; pid is this process's id.
+/// purpose is a short word of lowercase letters that tells which step made it. Where the result's
+/// last component would pass NAME_MAX, the copied name is shortened (never inside a UTF-8
+/// sequence). A crash leaves the file behind; parseHiddenName reads its purpose and owner back.
+ZO_EXPORT std::string hiddenTemplateBeside(const std::string& path, std::string_view purpose);
+/// The first path "<directory>/.<name>.zo-<purpose>-<pid>.<n>", n = 0, 1, ..., that names
+/// nothing yet, for a step that creates it itself. Only the threads of this process could take
+/// it meanwhile.
+ZO_EXPORT std::string unusedHiddenPathBeside(const std::string& path, std::string_view purpose);
+/// The purpose and process of a file name (the last component only) made by
+/// hiddenTemplateBeside or unusedHiddenPathBeside; none for any other name.
+ZO_EXPORT std::optional<HiddenName> parseHiddenName(std::string_view name);
+
+/// Removes a file or link (not a directory).
 ZO_EXPORT bool remove(const char* path);
+/// Removes the file or link name in the open directory (not a directory).
 ZO_EXPORT bool removeAt(int directory, const char* name);
-// Removes an empty directory.
+/// Removes an empty directory.
 ZO_EXPORT bool removeDirectoryAt(int directory, const char* name);
 
-// Access and modification time; a tv_nsec of UTIME_OMIT leaves that time as it is.
+/// Access and modification time; a tv_nsec of UTIME_OMIT leaves that time as it is.
 using FileTimes = std::array<timespec, 2>;
+/// Sets the permission bits (07777) of an open file.
 ZO_EXPORT bool setPermissions(int descriptor, mode_t mode);
+/// Sets the times of an open file.
 ZO_EXPORT bool setTimes(int descriptor, const FileTimes& times);
-// The times of name itself, a link included.
+/// Sets the times of name in the open directory itself, a link included.
 ZO_EXPORT bool setTimesAt(int directory, const char* name, const FileTimes& times);
+/// Cuts or extends an open file to size bytes.
 ZO_EXPORT bool resize(int descriptor, std::uint64_t size);
 
-// Reads from the current position to the end, appending to text.
+/// Reads from the current position to the end, appending to text.
 ZO_EXPORT bool readAll(int descriptor, std::string& text);
-// Writes all of data at offset.
+/// Writes all of data at offset; what was written before a failure stays.
 ZO_EXPORT bool writeAll(int descriptor, const void* data, std::size_t size, off_t offset);
-// Copies the content of from, size bytes as measured (and whatever it gained since), into the
-// empty file to: shares blocks where the file system can (a reflink), else copies inside the
-// kernel, else through a buffer.
+/// Copies the content of from, size bytes as measured (and whatever it gained since), into the
+/// empty file to: shares blocks where the file system can (a reflink), else copies inside the
+/// kernel, else through a buffer. A failure leaves to partly written.
 ZO_EXPORT bool copyContent(int from, int to, std::uint64_t size);
 
-// The bytes an unprivileged writer may still use on the file system of descriptor.
+/// Where copyFile's destination can be seen while the copy is written.
+enum class CopyTarget {
+    /// By anyone: the content goes to an unnamed file (or, where the file system has none, a
+    /// hidden one from hiddenTemplateBeside) in to's directory that takes the name only once it
+    /// is complete.
+    Visible,
+    /// By no one yet, because to's directory is being built under a hidden name: the content is
+    /// written under to directly, which costs a journalled file system less.
+    Unseen
+};
+
+/// Copies the regular file from to the new name to, which must not exist (EEXIST), with from's
+/// permissions, so that no partial file is ever seen under to; what a failed copy wrote is
+/// removed, though a crash can leave a hidden file of purpose "copy" beside to. Blocks are
+/// shared where the file system can (a reflink), else copied inside the kernel. Nothing is
+/// synced: a caller that copies many files syncs once at the end (syncFileSystem).
+ZO_EXPORT bool copyFile(const char* from, const char* to, CopyTarget target = CopyTarget::Visible);
+
+// The durability steps of an atomic replacement. Each but syncFileSystem can be made to fail on
+// purpose through zo/fault.h.
+
+/// Flushes the data of the file path names to the disk (fsync).
+ZO_EXPORT bool syncFile(const char* path);
+/// Flushes the data of an open file to the disk (fsync).
+ZO_EXPORT bool syncFile(int descriptor);
+/// Flushes a directory, so that the renames and removals in it survive a crash.
+ZO_EXPORT bool syncDirectory(const char* path);
+/// Renames from to to, replacing what to names (a link there is replaced, never followed).
+ZO_EXPORT bool rename(const char* from, const char* to);
+/// Swaps what the two paths name in one step, so that a directory replaces another one
+/// atomically; fails where the file system cannot (then nothing changed). A fault set for
+/// Rename applies to it too.
+ZO_EXPORT bool exchange(const char* first, const char* second);
+/// Renames from to to only while nothing is named to, else EEXIST (RENAME_NOREPLACE; where the
+/// file system cannot, a plain rename once to was found free). A fault set for Rename applies
+/// to it too.
+ZO_EXPORT bool renameToFreeName(const char* from, const char* to);
+/// Flushes everything written to the file system that holds path (syncfs).
+ZO_EXPORT bool syncFileSystem(const char* path);
+
+/// The bytes an unprivileged writer may still use on the file system of descriptor.
 ZO_EXPORT std::optional<std::uint64_t> availableSpace(int descriptor);
 
 } // namespace zo::os
+
+namespace std {
+/// File identities as keys of unordered containers.
+template <> struct hash<zo::os::FileIdentity> {
+    size_t operator()(const zo::os::FileIdentity& identity) const noexcept
+    {
+        return hash<uint64_t>()(identity.inode)
+            ^ (hash<uint64_t>()(identity.device) * 0x9e3779b97f4a7c15ULL);
+    }
+};
+} // namespace std

@@ -1,0 +1,102 @@
+#include <zo/file.h>
+#include <zo/os.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace {
+
+using zo::os::parseHiddenName;
+
+std::string repeated(const std::string& piece, std::size_t bytes)
+{
+    std::string text;
+    while (text.size() + piece.size() <= bytes)
+        text += piece;
+    return text;
+}
+
+// Removed with everything in it, names that are not UTF-8 too.
+struct ScratchDirectory {
+    std::string path = (std::filesystem::temp_directory_path() / "zo_hidden_XXXXXX").string();
+    bool made = zo::os::createTemporaryDirectory(path);
+    ~ScratchDirectory() { std::filesystem::remove_all(path); }
+};
+
+// The hidden file of every name can be made beside it, however long the name, and tells its
+// purpose and owner; the copied part never ends inside a UTF-8 sequence.
+TEST(HiddenName, IsMadeBesideAnyNameAndReadBack)
+{
+    const ScratchDirectory dir;
+    ASSERT_TRUE(dir.made);
+    const std::string names[]
+        = { "report.tar.gz", repeated("a", NAME_MAX), repeated("\xc3\xa9", NAME_MAX),
+              repeated("\xe2\x82\xac", NAME_MAX - 1), repeated("\xf0\x9f\x93\x81", NAME_MAX),
+              "a.zo-copy-12.x", "line\nbreak", "\xff\xfe.bin", ".hidden", "" };
+    for (const std::string& name : names) {
+        SCOPED_TRACE(name);
+        std::string made = zo::os::hiddenTemplateBeside(dir.path + "/" + name, "save");
+        ASSERT_TRUE(zo::os::createTemporaryFile(made)) << std::strerror(errno);
+        const std::string madeName = made.substr(made.rfind('/') + 1);
+        EXPECT_LE(madeName.size(), std::size_t(NAME_MAX));
+        const std::size_t copied = madeName.rfind(".zo-save-") - 1;
+        EXPECT_EQ(madeName.substr(1, copied), name.substr(0, copied));
+        if (copied < name.size()) {
+            EXPECT_NE(static_cast<unsigned char>(name[copied]) & 0xC0, 0x80);
+        }
+        const auto read = parseHiddenName(madeName);
+        ASSERT_TRUE(read);
+        EXPECT_EQ(read->purpose, "save");
+        EXPECT_EQ(read->pid, zo::os::getpid());
+        // The free name of a step that creates the file itself passes over a taken one.
+        const std::string beside = dir.path + "/" + name;
+        const std::string taken = zo::os::unusedHiddenPathBeside(beside, "save");
+        ASSERT_TRUE(zo::os::createFileAt(AT_FDCWD, taken.c_str(), 0600));
+        EXPECT_NE(zo::os::unusedHiddenPathBeside(beside, "save"), taken);
+    }
+}
+
+TEST(HiddenName, ParserReadsOnlyItsOwnPattern)
+{
+    const struct {
+        const char* name;
+        const char* purpose; // null: not a hidden name of ours
+        int pid;
+    } rows[] = {
+        { ".a.zo-copy-42.XyZ123", "copy", 42 },
+        { "..a.zo-save-1.0.zo-pack-7.abc", "pack", 7 }, // a save's own export: the last maker
+        { ".a.zo-save-12.x.zo-meta-3.4", "meta", 3 },
+        { ".a.txt.4242.csp", nullptr, 0 }, // a swap file
+        { "a.zo-save-12.x", nullptr, 0 },
+        { ".zo-save-12.x", nullptr, 0 },
+        { ".a.zo-save-12", nullptr, 0 },
+        { ".a.zo-save-12.", nullptr, 0 },
+        { ".a.zo-Save-12.x", nullptr, 0 },
+        { ".a.zo--12.x", nullptr, 0 },
+        { ".a.zo-save-0.x", nullptr, 0 },
+        { ".a.zo-save--5.x", nullptr, 0 },
+        { ".a.zo-save-12x.x", nullptr, 0 },
+        { ".a.zo-save-99999999999.x", nullptr, 0 },
+        { ".a.zo-save.x", nullptr, 0 },
+        { "", nullptr, 0 },
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const auto read = parseHiddenName(row.name);
+        ASSERT_EQ(read.has_value(), row.purpose != nullptr);
+        if (read) {
+            EXPECT_EQ(read->purpose, row.purpose);
+            EXPECT_EQ(read->pid, row.pid);
+        }
+    }
+}
+
+} // namespace

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <zo/file.h>
+#include <zo/project/fileutils.h>
+
+#include <QByteArray>
+#include <QFile>
+#include <QString>
+
+#include <exception>
+#include <string>
+#include <string_view>
+
+// Paths and texts between Qt and the byte strings of libzo and libzoproject, and the small steps
+// on paths that the engine, the file utilities and the archive project share.
+namespace zo::project::detail {
+
+// A path as the system takes it.
+inline QByteArray encoded(const QString& path)
+{
+    return QFile::encodeName(path);
+}
+
+// A path from the system, decoded as QFile::decodeName decodes file names on this platform,
+// without copying the bytes into a QByteArray first.
+inline QString decodedPath(std::string_view path)
+{
+    return QString::fromLocal8Bit(path.data(), static_cast<int>(path.size()));
+}
+
+// A text (a message, a metadata key) as the libraries take it.
+inline std::string utf8(const QString& text)
+{
+    return text.toStdString();
+}
+
+// Anything under that name, a dangling link included.
+inline bool isOnDisk(const QString& path)
+{
+    return zo::os::linkStatus(encoded(path).constData()).has_value();
+}
+
+// Removes what a failed or finished step left, if anything. Its own failure is not reported:
+// it would hide the failure being reported, or fail a step that is complete.
+inline void removeQuietly(const QString& path)
+{
+    try {
+        if (isOnDisk(path))
+            zo::project::remove(path);
+    } catch (const std::exception&) {
+    }
+}
+
+} // namespace zo::project::detail
