@@ -3,10 +3,9 @@
 #include <zo/project/projectdir.h>
 #include <zo/test/support.h>
 
-#include <QMetaMethod>
 #include <QTemporaryDir>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <functional>
 #include <string>
@@ -75,8 +74,7 @@ TEST_F(DirectoryProject, SavedFlagFollowsWritesSavesOutsideChangesAndMoves)
     moved.checkSourcePendingChanges({});
     EXPECT_EQ(heard.take(), (Said { "saved", "unsaved", "{ b.txt:2}" }));
     EXPECT_TRUE(heardByMovedFrom.empty());
-    EXPECT_EQ(thrownBy([&] { project.readFile("a.txt"); }),
-        "exception::ProjectPathDoesNotExists: Project path '' does not exist");
+    EXPECT_THROW(project.readFile("a.txt"), exception::ProjectPathDoesNotExists);
     project.load(dir.path());
     EXPECT_EQ(project.readFile("a.txt"), "new") << "a moved-from project can be given a path again";
 }
@@ -93,38 +91,24 @@ TEST_F(DirectoryProject, OutsideRemovalOfAPendingFileIsDroppedAndMissingPathsCha
     EXPECT_EQ(heard.take(), Said { "{}" }) << "still there through its swap file";
 
     EXPECT_THROW(project.createNew(at("missing")), exception::ProjectPathDoesNotExists);
-    EXPECT_THROW(project.setPath(at("missing")), exception::ProjectPathDoesNotExists);
+    EXPECT_THAT(thrownBy([&] { project.setPath(at("missing")); }),
+        testing::HasSubstr(at("missing").toStdString()));
     EXPECT_EQ(project.path(), dir.path());
     EXPECT_EQ(project.readFile("a.txt"), "pending");
     writeFile(at("c.txt"), "still watched");
     project.checkSourcePendingChanges({});
     EXPECT_EQ(heard.take(), Said { "{ c.txt:0}" });
-
-    EXPECT_EQ(thrownBy([&] { project.mkdir("x/y", false); }), "PathNotFound: ");
-    project.mkdir("x/y", true);
-    project.mkdir("x/y", false);
-    EXPECT_EQ(thrownBy([&] { project.exportFile("a.txt", "", true); }),
-        "PathNotFound: exporting file to an empty path.");
-    EXPECT_TRUE(heard.empty()) << "directories and exports leave the flag alone";
 }
 
+// Nothing is read or written relative to the working directory.
 TEST_F(DirectoryProject, WithoutAPathFileOperationsThrowUntilOneIsSet)
 {
     ProjectDir project;
-    const std::vector<std::pair<const char*, std::function<void()>>> operations {
-        { "read", [&] { project.readFile("a"); } },
-        { "write", [&] { project.writeFile("a", "x"); } },
-        { "save", [&] { project.save(); } },
-        { "remove", [&] { project.remove("a"); } },
-        { "mkdir", [&] { project.mkdir("a", true); } },
-        { "scan", [&] { project.recoverableFiles(); } },
-    };
-    for (const auto& [name, operation] : operations) {
-        SCOPED_TRACE(name);
-        EXPECT_EQ(thrownBy(operation),
-            "exception::ProjectPathDoesNotExists: Project path '' does not exist");
-    }
-    EXPECT_TRUE(project.path().isEmpty());
+    const std::vector<std::function<void()>> operations { [&] { project.readFile("a"); },
+        [&] { project.writeFile("a", "x"); }, [&] { project.save(); }, [&] { project.remove("a"); },
+        [&] { project.mkdir("a", true); }, [&] { project.recoverableFiles(); } };
+    for (const auto& operation : operations)
+        EXPECT_THROW(operation(), exception::ProjectPathDoesNotExists);
     project.setWatching(true);
     project.load(dir.path());
     EXPECT_TRUE(project.isWatching());
@@ -132,38 +116,16 @@ TEST_F(DirectoryProject, WithoutAPathFileOperationsThrowUntilOneIsSet)
     EXPECT_EQ(readFile(at("a")), "<missing>");
 }
 
-TEST_F(DirectoryProject, ShortWriteOnAFullFileSystemKeepsTheMessageAsItIs)
+TEST_F(DirectoryProject, ShortWriteOnAFullFileSystemNamesThePath)
 {
     const test::ScopedMount tmpfs(dir.path(), "size=64k");
     if (!tmpfs.mounted)
         GTEST_SKIP() << "cannot mount a tmpfs here";
     ProjectDir project(dir.path());
-    const std::string message
-        = thrownBy([&] { project.writeFile("big", QByteArray((1 << 20) + '*', 'x')); });
-    // The path is padded on the left to the number of bytes written, with the character whose
-    // code is the size of the data.
-    EXPECT_EQ(
-        message.rfind("IOWriteError: Project write file error: failed to write file at: ", 0), 0u);
-    EXPECT_NE(
-        message.find(at("big").toStdString() + " (%2 bytes written out of %3)"), std::string::npos)
-        << message.size() << message.substr(message.size() - 200);
-}
-
-TEST(Notifiers, AreTwoTypesWithTheSameSignals)
-{
-    detail::Notifier model;
-    detail::Notifier2 directory;
-    EXPECT_STREQ(model.metaObject()->className(), "zo::project::detail::Notifier");
-    EXPECT_STREQ(directory.metaObject()->className(), "zo::project::detail::Notifier2");
-    for (const QObject* notifier :
-        { static_cast<QObject*>(&model), static_cast<QObject*>(&directory) }) {
-        const QMetaObject* meta = notifier->metaObject();
-        EXPECT_EQ(meta->indexOfSignal("saved(bool)"), meta->methodOffset());
-        EXPECT_EQ(
-            meta->indexOfSignal("sourceProjectEvent(QMap<QString,zo::project::FileSystemEvent>)"),
-            meta->methodOffset() + 1);
-    }
-    EXPECT_EQ(qobject_cast<detail::Notifier2*>(static_cast<QObject*>(&model)), nullptr);
+    // The path is padded on the left with the character whose code is the size of the data.
+    EXPECT_THAT(thrownBy([&] { project.writeFile("big", QByteArray((1 << 20) + '*', 'x')); }),
+        testing::AllOf(testing::StartsWith("IOWriteError: Project write file error: "),
+            testing::HasSubstr(at("big").toStdString())));
 }
 
 } // namespace

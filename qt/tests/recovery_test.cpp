@@ -7,7 +7,7 @@
 #include <QCoreApplication>
 #include <QTemporaryDir>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <algorithm>
 #include <csignal>
@@ -26,19 +26,8 @@ namespace {
 
 using test::LogCapture;
 using test::readFile;
-using test::thrownBy;
 using test::writeFile;
 using Info = ProjectVFS::RecoverableInfo;
-
-// A process that has already ended; its id is free unless the system reuses it at once.
-pid_t deadPid()
-{
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(0);
-    waitpid(child, nullptr, 0);
-    return child;
-}
 
 // A live process that counts as another instance of this program: a forked copy of it.
 struct LiveInstance {
@@ -71,15 +60,13 @@ protected:
     ProjectVFS vfs { dir.path() };
 };
 
-TEST_F(Recovery, ListsSwapFilesWithSourceAndProcess)
+// Names that only look like swap files are never offered, so never recovered or abandoned.
+TEST_F(Recovery, ListsSwapFilesWithSourceAndProcessAndNothingElse)
 {
-    writeFile(abs("doc/.notes.txt.4242.csp"), "n");
-    writeFile(abs(".a.b.123.csp"), "ab");
-    writeFile(abs(".big.txt.4194304.csp"), "big");
-    writeFile(abs(".huge.txt.99999999999.csp"), "too big for any process id");
-    writeFile(abs(".hidden/.h.txt.5.csp"), "h");
-    writeFile(abs("doc/notes.txt.4242.csp"), "no leading dot");
-    writeFile(abs("doc/.x.txt.12.csp.bak"), "other extension");
+    for (const char* name : { "doc/.notes.txt.4242.csp", ".a.b.123.csp", ".big.txt.4194304.csp",
+             ".huge.txt.99999999999.csp", ".hidden/.h.txt.5.csp", "doc/notes.txt.4242.csp",
+             "doc/.x.txt.12.csp.bak" })
+        writeFile(abs(name), "work");
 
     auto found = vfs.recoverableFiles();
     std::sort(found.begin(), found.end(),
@@ -91,33 +78,8 @@ TEST_F(Recovery, ListsSwapFilesWithSourceAndProcess)
             { "doc/.notes.txt.4242.csp", "doc/notes.txt", 4242 } }));
 }
 
-TEST_F(Recovery, ReadOnlyDirectoriesAreNotScanned)
-{
-    writeFile(abs("ro/.r.txt.77.csp"), "r");
-    const test::ScopedMount readOnly(abs("ro"));
-    if (!readOnly.mounted)
-        GTEST_SKIP() << "cannot mount here";
-    EXPECT_TRUE(vfs.recoverableFiles().empty());
-}
-
-TEST_F(Recovery, SwapOfAnEndedProcessIsMovedAndCommitted)
-{
-    std::vector<bool> reports;
-    vfs.setCommittedChangedHandler([&](bool pending) { reports.push_back(pending); });
-    writeFile(abs("d/a.txt"), "old");
-    const QString foreign = "d/" + swapName("a.txt", deadPid());
-    writeFile(abs(foreign), "unsaved work");
-
-    const auto found = vfs.recoverableFiles();
-    ASSERT_EQ(found.size(), 1u);
-    vfs.recoverFile(found[0]);
-    EXPECT_FALSE(QFile::exists(abs(foreign)));
-    EXPECT_EQ(reports, std::vector<bool> { true });
-    EXPECT_EQ(vfs.open("d/a.txt", QIODevice::ReadOnly)->readAll(), "unsaved work");
-    vfs.commit();
-    EXPECT_EQ(readFile(abs("d/a.txt")), "unsaved work");
-}
-
+// The file of a process that still runs is copied, never moved or removed; that of an ended one
+// is removed.
 TEST_F(Recovery, SwapOfARunningProcessIsCopiedAndKept)
 {
     LiveInstance other;
@@ -130,13 +92,18 @@ TEST_F(Recovery, SwapOfARunningProcessIsCopiedAndKept)
     EXPECT_EQ(readFile(abs(theirs)), "their work");
     EXPECT_EQ(readFile(abs(vfs.makeSwapPath("a.txt"))), "their work");
     EXPECT_TRUE(vfs.isNotCommitted("a.txt"));
-
     vfs.abandonFile(info);
-    EXPECT_TRUE(QFile::exists(abs(theirs)));
-    const LogCapture::Line line("ProjectVFS", 4,
-        "Not removing '" + theirs.toStdString() + "' because process '" + std::to_string(other.pid)
-            + "' is still running");
-    EXPECT_EQ(log.lines, (std::vector<LogCapture::Line> { line, line }));
+    EXPECT_EQ(readFile(abs(theirs)), "their work");
+    ASSERT_EQ(log.lines.size(), 2u);
+    EXPECT_THAT(std::get<2>(log.lines[1]),
+        testing::AllOf(testing::HasSubstr(theirs.toStdString()),
+            testing::HasSubstr(std::to_string(other.pid) + "' is still running")));
+
+    const QString stale = swapName("b.txt", test::endedProcessId());
+    writeFile(abs(stale), "stale");
+    vfs.abandonFile({ stale, "b.txt", 0 });
+    EXPECT_FALSE(QFile::exists(abs(stale)));
+    EXPECT_THROW(vfs.abandonFile({ stale, "b.txt", 0 }), exception::SwapFileRemove);
 }
 
 TEST_F(Recovery, RefusedTransfersKeepBothFiles)
@@ -145,27 +112,14 @@ TEST_F(Recovery, RefusedTransfersKeepBothFiles)
     vfs.open("a.txt", QIODevice::WriteOnly)->write("mine");
     const QString mySwap = vfs.makeSwapPath("a.txt");
     const Info own { mySwap, "a.txt", static_cast<pid_t>(QCoreApplication::applicationPid()) };
-    EXPECT_EQ(thrownBy([&] { vfs.recoverFile(own); }),
-        "exception::SwapFileRename: Can not rename swap file: " + mySwap.toStdString());
+    EXPECT_THROW(vfs.recoverFile(own), exception::SwapFileRename);
 
     // Another process's file for a source this process already edits.
     const QString theirs = swapName("a.txt", 0);
     writeFile(abs(theirs), "theirs");
     EXPECT_THROW(vfs.recoverFile({ theirs, "a.txt", 0 }), exception::SwapFileRename);
-    EXPECT_EQ(readFile(abs(theirs)), "theirs");
-    EXPECT_EQ(readFile(abs(mySwap)), "mine");
-}
-
-TEST_F(Recovery, AbandonRemovesOnlyFilesOfEndedProcesses)
-{
-    const QString stale = swapName("a.txt", deadPid());
-    writeFile(abs(stale), "stale");
-    const Info info { stale, "a.txt", 0 };
-    vfs.abandonFile(info);
-    EXPECT_FALSE(QFile::exists(abs(stale)));
-    EXPECT_EQ(thrownBy([&] { vfs.abandonFile(info); }),
-        "exception::SwapFileRemove: Can not remove swap file: " + stale.toStdString());
-    EXPECT_FALSE(vfs.isNotCommitted());
+    EXPECT_EQ(test::filesBelow(dir.path()),
+        (QMap<QString, QByteArray> { { theirs, "theirs" }, { mySwap, "mine" } }));
 }
 
 // A process edits through swap files and is killed before it saves; this process recovers
@@ -197,10 +151,9 @@ TEST_F(Recovery, WorkOfAKilledProcessIsRecovered)
         vfs.recoverFile(info);
     }
     vfs.commit();
-    EXPECT_EQ(readFile(abs("existing.txt")), "before the crash and after");
-    EXPECT_EQ(readFile(abs("new/large.txt")), large);
-    EXPECT_EQ(readFile(abs("stream.txt")), "through a stream");
-    EXPECT_TRUE(vfs.recoverableFiles().empty());
+    EXPECT_EQ(test::filesBelow(dir.path()),
+        (QMap<QString, QByteArray> { { "existing.txt", "before the crash and after" },
+            { "new/large.txt", large }, { "stream.txt", "through a stream" } }));
 }
 
 } // namespace
