@@ -1,8 +1,11 @@
 #include <zo/project/exceptions.h>
 #include <zo/project/notifier.h>
 #include <zo/project/projectdir.h>
+#include <zo/project/projectwatcher.h>
 #include <zo/test/support.h>
 
+#include <QDateTime>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 
 #include <gmock/gmock.h>
@@ -15,11 +18,91 @@ namespace zo::project {
 namespace {
 
 using Events = QMap<QString, FileSystemEvent>;
+using Changes = Events;
 using test::readFile;
 using test::thrownBy;
 using test::writeFile;
 
 using Said = std::vector<std::string>;
+
+class Watcher : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(dir.isValid());
+        // The spy keeps the map in a QVariant; applications that queue it register it too.
+        qRegisterMetaType<Changes>("QMap<QString, zo::project::FileSystemEvent>");
+    }
+
+    QString at(const QString& name) const { return dir.filePath(name); }
+    // The map that one check emits, its paths relative to the root; empty when it emits none.
+    Changes check()
+    {
+        QSignalSpy spy(&watcher, qOverload<const Changes&>(&ProjectWatcher::contentChanged));
+        watcher.checkPendingChanges({});
+        EXPECT_LE(spy.size(), 1);
+        Changes relative;
+        const Changes changes = spy.isEmpty() ? Changes {} : spy.at(0).at(0).value<Changes>();
+        for (auto change = changes.begin(); change != changes.end(); ++change)
+            relative.insert(QDir(dir.path()).relativeFilePath(change.key()), change.value());
+        return relative;
+    }
+    static void setTime(const QString& path, const QDateTime& time)
+    {
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::ReadWrite)
+            && file.setFileTime(time, QFileDevice::FileModificationTime));
+    }
+
+    QTemporaryDir dir;
+    ProjectWatcher watcher { dir.path(), false, nullptr };
+};
+
+// A project's own writes happen under a blocker and are never reported as outside changes.
+TEST_F(Watcher, ReportsOutsideChangesAndAbsorbsThoseMadeWhileBlocked)
+{
+    writeFile(at("keep"), "1234");
+    writeFile(at("d/one"), "1");
+    watcher.enableWatching(true);
+    {
+        ProjectWatcher::Blocker blocker(&watcher);
+        EXPECT_FALSE(watcher.isWatching());
+        ProjectWatcher::Blocker moved(std::move(blocker));
+        writeFile(at("own"), "written by the project itself");
+    }
+    EXPECT_TRUE(watcher.isWatching());
+    EXPECT_EQ(check(), Changes {});
+
+    writeFile(at("new"), "x");
+    writeFile(at(".hidden"), "not watched");
+    QDir(at("d")).removeRecursively();
+    // Same time, other size.
+    const QDateTime time = QFileInfo(at("keep")).lastModified();
+    writeFile(at("keep"), "abcde");
+    setTime(at("keep"), time);
+    QSignalSpy perFile(
+        &watcher, qOverload<const QString&, FileSystemEvent>(&ProjectWatcher::contentChanged));
+    EXPECT_EQ(check(), (Changes { { "d/one", Removed }, { "keep", Modified }, { "new", Added } }));
+    EXPECT_EQ(perFile.size(), 3);
+
+    watcher.enableWatching(false);
+    {
+        const ProjectWatcher::Blocker blocker(&watcher);
+        watcher.enableWatching(true);
+    }
+    EXPECT_FALSE(watcher.isWatching()) << "restores the state before the blocker";
+}
+
+TEST_F(Watcher, FollowsLinksButListsALinkCycleOnce)
+{
+    writeFile(at("sub/f"), "1");
+    QFile::link("..", at("sub/loop"));
+    QFile::link("sub/f", at("alias"));
+    QStringList files = watcher.xListAllPaths("");
+    files.sort();
+    EXPECT_EQ(files, QStringList({ at("alias"), at("sub/f") }));
+    EXPECT_EQ(watcher.xListAllPaths("sub/f"), QStringList { at("sub/f") });
+}
 
 // What one notifier said, in order: "saved", "unsaved", or the event map as {path:kind ...}.
 struct Heard : Said {
