@@ -53,6 +53,19 @@ protected:
     std::vector<bool> reports;
 };
 
+// Another process's swap file of the same name is never overwritten.
+TEST_F(Facade, OpenFailureNamesThePathAndKeepsAForeignSwapFile)
+{
+    writeFile(swapOf("taken.txt"), "someone else's");
+    EXPECT_EQ(thrownBy([&] { vfs.open("taken.txt", QIODevice::WriteOnly); }),
+        "exception::OpenSwapFile: Can not open swap file for: taken.txt: A swap file already "
+        "exists for: taken.txt");
+    EXPECT_THROW(vfs.fopen("absent.txt", "r"), exception::OpenSwapFile);
+    EXPECT_EQ(readFile(swapOf("taken.txt")), "someone else's");
+    EXPECT_FALSE(vfs.isNotCommitted());
+}
+
+// No write reaches a source before the commit; export, copy and move take the pending content.
 TEST_F(Facade, EditsStayInSwapFilesUntilCommitOrDiscardOfAll)
 {
     writeFile(abs("a.txt"), "old");
@@ -68,55 +81,22 @@ TEST_F(Facade, EditsStayInSwapFilesUntilCommitOrDiscardOfAll)
     edit("a.txt", "new");
     ASSERT_TRUE(vfs.mkpath("n"));
     edit("n/new.txt", "created");
-    EXPECT_TRUE(vfs.exists("n/new.txt") && !QFile::exists(abs("n/new.txt")));
+    EXPECT_TRUE(vfs.exists("n/new.txt"));
     EXPECT_EQ(vfs.open("a.txt", QIODevice::ReadOnly)->readAll(), "new");
-    vfs.commit();
-    EXPECT_FALSE(vfs.isNotCommitted());
-    EXPECT_EQ(filesBelow(dir.path()), (Files { { "a.txt", "new" }, { "n/new.txt", "created" } }));
-    EXPECT_EQ(reports, (std::vector<bool> { true, true })) << "commit-all does not call it";
-}
-
-// Another process's swap file of the same name is never overwritten.
-TEST_F(Facade, OpenFailureNamesThePathAndKeepsAForeignSwapFile)
-{
-    writeFile(swapOf("taken.txt"), "someone else's");
-    EXPECT_EQ(thrownBy([&] { vfs.open("taken.txt", QIODevice::WriteOnly); }),
-        "exception::OpenSwapFile: Can not open swap file for: taken.txt: A swap file already "
-        "exists for: taken.txt");
-    EXPECT_THROW(vfs.fopen("absent.txt", "r"), exception::OpenSwapFile);
-    EXPECT_EQ(readFile(swapOf("taken.txt")), "someone else's");
-    EXPECT_FALSE(vfs.isNotCommitted());
-}
-
-TEST_F(Facade, ImportExportCopyAndMoveWorkOnPendingContent)
-{
     QTemporaryDir outside;
-    writeFile(outside.filePath("in.txt"), "imported");
-    vfs.importFile(outside.filePath("in.txt"), "deep/er/in.txt", false);
-    EXPECT_EQ(readFile(abs("deep/er/in.txt")), "imported");
-    EXPECT_FALSE(vfs.isNotCommitted());
-
-    writeFile(abs("a.txt"), "old");
-    edit("a.txt", "new");
     vfs.exportFile("a.txt", outside.filePath("out.txt"), false);
     EXPECT_EQ(readFile(outside.filePath("out.txt")), "new");
-
     vfs.copy("a.txt", "copy.txt", false);
-    EXPECT_FALSE(QFile::exists(abs("copy.txt")));
-    EXPECT_EQ(readFile(swapOf("copy.txt")), "new");
-    EXPECT_THROW(vfs.copy("a.txt", "copy.txt", false), AlreadyExists);
-
-    reports.clear();
     vfs.move("a.txt", "moved.txt", false);
-    EXPECT_EQ(reports, (std::vector<bool> {})) << "the table never became empty";
-    EXPECT_EQ(readFile(abs("moved.txt")), "old");
-    EXPECT_EQ(readFile(swapOf("moved.txt")), "new");
-    EXPECT_FALSE(QFile::exists(abs("a.txt")));
-    EXPECT_FALSE(vfs.isNotCommitted("a.txt"));
-
+    EXPECT_EQ(filesBelow(dir.path()),
+        (Files { { "moved.txt", "old" }, { vfs.makeSwapPath("moved.txt"), "new" },
+            { vfs.makeSwapPath("copy.txt"), "new" },
+            { vfs.makeSwapPath("n/new.txt"), "created" } }));
     vfs.commit();
-    EXPECT_EQ(readFile(abs("moved.txt")), "new");
-    EXPECT_EQ(readFile(abs("copy.txt")), "new");
+    EXPECT_FALSE(vfs.isNotCommitted());
+    EXPECT_EQ(filesBelow(dir.path()),
+        (Files { { "copy.txt", "new" }, { "moved.txt", "new" }, { "n/new.txt", "created" } }));
+    EXPECT_EQ(reports, (std::vector<bool> { true, true })) << "neither move nor commit-all call it";
 }
 
 TEST_F(Facade, RemoveTakesSwapFilesAndNeverFollowsLinks)

@@ -2,7 +2,6 @@
 // steps that fail, a full disk, and a process killed at every step of a commit.
 
 #include <zo/fault.h>
-#include <zo/project/archive.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/project.h>
@@ -174,13 +173,6 @@ TEST_F(Safety, FullDiskFailsClearlyAndKeepsTheSource)
     EXPECT_THROW(project.commit(), exception::SwapFileDamaged);
     project.discard();
     EXPECT_EQ(filesBelow(abs("disk")), (Files { { "a.txt", "old" }, { "big.bin", big } }));
-
-    writeFile(abs("tree/big.bin"), big);
-    const std::string archive = abs("tree.tar").toStdString();
-    exportProject(abs("tree").toStdString(), archive, ArchiveFormat::Tar);
-    EXPECT_THAT(
-        thrownBy([&] { importProject(archive, abs("disk/in").toStdString(), ArchiveFormat::Tar); }),
-        StartsWith("ArchiveError: '" + archive + "', entry 'big.bin': unpacking needs "));
 }
 
 // A child commits two files and is killed at each write, sync, rename and removal in turn; this

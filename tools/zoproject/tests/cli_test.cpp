@@ -113,10 +113,9 @@ TEST_F(Cli, StatusAndRecoverSpareTheFilesOfARunningProcess)
 
     const Outcome recover = zoproject({ "recover", "--all" }, project);
     EXPECT_EQ(recover.status, 0) << recover.err.toStdString();
-    EXPECT_EQ(readFile(project + "/notes.txt"), "unsaved work\n");
-    EXPECT_FALSE(QFile::exists(project + "/" + endedSwap));
-    EXPECT_EQ(readFile(project + "/" + runningSwap), "work in progress\n");
-    EXPECT_EQ(readFile(project + "/docs/main.xmlbck"), "saved\n");
+    EXPECT_EQ(zo::test::filesBelow(project),
+        (QMap<QString, QByteArray> { { "notes.txt", "unsaved work\n" },
+            { runningSwap, "work in progress\n" }, { "docs/main.xmlbck", "saved\n" } }));
 
     status = zoproject({ "status", "--json" }, project);
     EXPECT_EQ(status.status, 0);
@@ -156,25 +155,21 @@ TEST_F(Cli, PackAndUnpackRoundTripKeepFilesAndMetadata)
     const QJsonObject files = jsonOf(zoproject({ "ls", "--json", project }));
     ASSERT_EQ(files["files"].toArray().size(), 2);
 
-    const struct {
-        QString archive;
-        QStringList format;
-        QString detected;
-    } rows[] = {
-        { "project.tar.gz", {}, "tar.gz" },
-        { "nameless", { "--format", "7z" }, "7z" },
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.archive.toStdString());
-        const QString archive = path(row.archive);
-        const QString unpacked = path(row.archive + ".d");
-        const Outcome pack = zoproject(QStringList { "pack", project, archive } + row.format);
+    // The format told by the name, or named.
+    for (const auto& [name, format] :
+        { std::pair { "project.tar.gz", "tar.gz" }, { "nameless", "7z" } }) {
+        SCOPED_TRACE(name);
+        const QString archive = path(name);
+        const QString unpacked = path(name + QStringLiteral(".d"));
+        const QStringList option
+            = archive.contains(format) ? QStringList() : QStringList { "--format", format };
+        const Outcome pack = zoproject(QStringList { "pack", project, archive } + option);
         EXPECT_EQ(pack.status, 0);
         EXPECT_EQ(pack.err, ""); // no progress bar without a terminal
         const QJsonObject listed = jsonOf(zoproject({ "ls", "--json", archive }));
-        EXPECT_EQ(listed["format"].toString(), row.detected);
+        EXPECT_EQ(listed["format"].toString(), format);
         EXPECT_EQ(listed["files"], files["files"]);
-        EXPECT_EQ(zoproject(QStringList { "unpack", archive, unpacked } + row.format).status, 0);
+        EXPECT_EQ(zoproject(QStringList { "unpack", archive, unpacked } + option).status, 0);
         EXPECT_EQ(readFile(unpacked + "/docs/main.xml"), "<doc/>\n");
         EXPECT_EQ(zoproject({ "meta", unpacked, "title" }).out, "Round trip\n");
     }
