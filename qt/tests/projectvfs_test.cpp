@@ -191,7 +191,7 @@ TEST_F(Recovery, ListsSwapFilesWithSourceAndProcessAndNothingElse)
 
 // The file of a process that still runs is copied, never moved or removed; that of an ended one
 // is removed.
-TEST_F(Recovery, SwapOfARunningProcessIsCopiedAndKept)
+TEST_F(Recovery, SwapOfARunningProcessIsOnlyCopiedThatOfAnEndedOneRemoved)
 {
     LiveInstance other;
     const QString theirs = swapName("a.txt", other.pid);
