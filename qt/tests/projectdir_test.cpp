@@ -23,7 +23,8 @@ using test::writeFile;
 
 using Said = std::vector<std::string>;
 
-// A blocker, moved or not, switches watching off for its scope and then restores what it found.
+// A blocker switches watching off for its scope and then restores what it found, once also
+// when it was moved.
 TEST(Watcher, BlockerRestoresTheStateItFound)
 {
     const QTemporaryDir dir;
