@@ -2,10 +2,6 @@
 
 #include "sample_tree.h"
 
-#include <zo/test/support.h>
-
-#include <archive.h>
-#include <archive_entry.h>
 #include <gtest/gtest.h>
 
 #include <QDir>
@@ -13,7 +9,6 @@
 #include <clocale>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <random>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,12 +16,7 @@
 namespace {
 
 using namespace zo::project;
-using zo::project::test::listing;
-using zo::project::test::makeSampleTree;
-using zo::project::test::pathIn;
-using zo::test::readFile;
-using zo::test::writeFile;
-using Writer = std::unique_ptr<archive, int (*)(archive*)>;
+using namespace zo::project::test;
 
 QByteArray randomBytes(int size)
 {
@@ -37,35 +27,13 @@ QByteArray randomBytes(int size)
     return bytes;
 }
 
-// Writes one file entry "a" with data; configure picks format, filters and options.
-QByteArray writtenBy(const std::function<void(archive*)>& configure, const QByteArray& data)
-{
-    const Writer writer(archive_write_new(), archive_write_free);
-    configure(writer.get());
-    QByteArray out(data.size() * 2 + 64 * 1024, '\0');
-    size_t used = 0;
-    archive_write_open_memory(writer.get(), out.data(), static_cast<size_t>(out.size()), &used);
-    const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(
-        archive_entry_new(), archive_entry_free);
-    archive_entry_set_pathname(entry.get(), "a");
-    archive_entry_set_filetype(entry.get(), AE_IFREG);
-    archive_entry_set_perm(entry.get(), 0644);
-    archive_entry_set_size(entry.get(), data.size());
-    EXPECT_EQ(archive_write_header(writer.get(), entry.get()), ARCHIVE_OK);
-    archive_write_data(writer.get(), data.data(), static_cast<size_t>(data.size()));
-    EXPECT_EQ(archive_write_close(writer.get()), ARCHIVE_OK);
-    return out.left(static_cast<int>(used));
-}
-
 QByteArray gzipped(const QByteArray& data, int layers)
 {
-    return writtenBy(
-        [&](archive* writer) {
-            archive_write_set_format_raw(writer);
-            for (int layer = 0; layer < layers; ++layer)
-                archive_write_add_filter_gzip(writer);
-        },
-        data);
+    return archiveOf({ { "a", AE_IFREG, data.toStdString() } }, [&](archive* writer) {
+        archive_write_set_format_raw(writer);
+        for (int layer = 0; layer < layers; ++layer)
+            archive_write_add_filter_gzip(writer);
+    });
 }
 
 // A tar member in ustar form: header with name, type and size, then data padded to whole blocks.
@@ -154,13 +122,10 @@ TEST_F(RealWorld, ZipsWithDataInFrontImportTheirFiles)
     const QByteArray stub = "#!/bin/sh\nexec unzip \"$0\"\n" + randomBytes(4000);
     const QByteArray data = "zip64 member";
     writeFile(path("sfx64.zip"),
-        stub
-            + writtenBy(
-                [](archive* writer) {
-                    archive_write_set_format_zip(writer);
-                    archive_write_set_format_option(writer, "zip", "zip64", "1");
-                },
-                data));
+        stub + archiveOf({ { "a", AE_IFREG, data.toStdString() } }, [](archive* writer) {
+            archive_write_set_format_zip(writer);
+            archive_write_set_format_option(writer, "zip", "zip64", "1");
+        }));
     importProject(path("sfx64.zip"), imported, ArchiveFormat::Auto);
     EXPECT_EQ(readFile(imported + "/a"), data);
 
@@ -168,8 +133,7 @@ TEST_F(RealWorld, ZipsWithDataInFrontImportTheirFiles)
     exportProject(path("source"), path("p.zip"), ArchiveFormat::Zip);
     writeFile(path("sfx.zip"), stub + readFile(path("p.zip")));
     importProject(path("sfx.zip"), path("sfx"), ArchiveFormat::Zip);
-    EXPECT_EQ(listing(path("sfx"), zo::project::test::Everything),
-        listing(path("source"), zo::project::test::Everything));
+    EXPECT_EQ(listing(path("sfx"), Everything), listing(path("source"), Everything));
 }
 
 TEST_F(RealWorld, SparseFilesImportWithTheirHoles)

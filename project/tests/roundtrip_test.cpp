@@ -2,12 +2,38 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <clocale>
+#include <filesystem>
+#include <limits>
 
 namespace {
 
-using zo::project::ArchiveFormat;
+using namespace zo::project;
 using namespace zo::project::test;
+namespace fs = std::filesystem;
+
+// Keeps every report; asks to stop once stopAt entries are done.
+struct Recorder {
+    uint64_t stopAt = std::numeric_limits<uint64_t>::max();
+    std::vector<Progress> reports;
+
+    ProgressCallback callback()
+    {
+        return [this](const Progress& progress) {
+            reports.push_back(progress);
+            return progress.entriesDone < stopAt;
+        };
+    }
+};
+
+uint64_t sizeOfFiles(const std::string& root)
+{
+    uint64_t size = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(root))
+        size += entry.is_regular_file() && !entry.is_symlink() ? entry.file_size() : 0;
+    return size;
+}
 
 struct Case {
     ArchiveFormat format;
@@ -23,7 +49,7 @@ protected:
     const std::string previous = setlocale(LC_ALL, nullptr);
 };
 
-TEST_P(RoundTrip, KeepsNamesContentModesLinksAndTimesInTheCLocale)
+TEST_P(RoundTrip, KeepsNamesContentModesLinksAndTimesInTheCLocaleAndCountsToTheTotals)
 {
     QTemporaryDir dir;
     const std::string source = pathIn(dir, "source");
@@ -32,10 +58,28 @@ TEST_P(RoundTrip, KeepsNamesContentModesLinksAndTimesInTheCLocale)
     makeSampleTree(source, 8 * 1024 * 1024 + 123);
 
     // Misleading names: the content decides.
-    zo::project::exportProject(source, archive, GetParam().format);
-    EXPECT_EQ(zo::project::detectFormat(archive), GetParam().format);
-    zo::project::importProject(archive, target, ArchiveFormat::Auto);
+    Recorder exported, imported;
+    ASSERT_TRUE(exportProject(source, archive, GetParam().format, exported.callback()));
+    EXPECT_EQ(detectFormat(archive), GetParam().format);
+    ASSERT_TRUE(importProject(archive, target, ArchiveFormat::Auto, imported.callback()));
     EXPECT_EQ(listing(target, Everything), listing(source, Everything));
+
+    // An export counts the source first; an archive's bytes are those it takes on disk.
+    const uint64_t entries = listing(source, Links).size();
+    EXPECT_EQ(exported.reports.front().entriesTotal, entries);
+    EXPECT_EQ(exported.reports.front().bytesTotal, sizeOfFiles(source));
+    EXPECT_EQ(imported.reports.back().bytesTotal,
+        GetParam().format == ArchiveFormat::Directory ? sizeOfFiles(source)
+                                                      : fs::file_size(archive));
+    for (const auto& reports : { exported.reports, imported.reports }) {
+        EXPECT_EQ(reports.back().entriesDone, entries);
+        EXPECT_EQ(reports.back().entriesTotal, entries);
+        EXPECT_EQ(reports.back().bytesDone, reports.back().bytesTotal);
+        EXPECT_TRUE(std::is_sorted(
+            reports.begin(), reports.end(), [](const Progress& a, const Progress& b) {
+                return a.entriesDone < b.entriesDone || a.bytesDone < b.bytesDone;
+            }));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, RoundTrip,
@@ -46,5 +90,28 @@ INSTANTIATE_TEST_SUITE_P(Formats, RoundTrip,
         Case { ArchiveFormat::TarZstd, "tar_zst.tar.xz" },
         Case { ArchiveFormat::SevenZip, "7z.tar.bz2" }, Case { ArchiveFormat::Directory, "copy" }),
     [](const testing::TestParamInfo<Case>& info) { return testName(info.param.name); });
+
+TEST(Cancel, LeavesNothingBehind)
+{
+    QTemporaryDir dir;
+    const std::string source = pathIn(dir, "source");
+    makeSampleTree(source, 1024 * 1024);
+    exportProject(source, pathIn(dir, "p.tar.gz"), ArchiveFormat::Auto);
+    writeFile(pathIn(dir, "old.zip"), "previous archive");
+    writeFile(pathIn(dir, "kept/marker"), "mine");
+    const auto before = listing(dir.path().toStdString(), Links);
+    Recorder cancelling { 5, {} };
+    for (const auto& [name, format] :
+        { std::pair { "new.tar.gz", ArchiveFormat::TarGz }, { "new.zip", ArchiveFormat::Zip },
+            { "new", ArchiveFormat::Directory }, { "old.zip", ArchiveFormat::Auto } })
+        EXPECT_FALSE(exportProject(source, pathIn(dir, name), format, cancelling.callback()))
+            << name;
+    for (const char* name : { "new/destination", "kept" })
+        EXPECT_FALSE(importProject(
+            pathIn(dir, "p.tar.gz"), pathIn(dir, name), ArchiveFormat::Auto, cancelling.callback()))
+            << name;
+    // Content included: the previous archive is still the one that was there.
+    EXPECT_EQ(listing(dir.path().toStdString(), Links), before);
+}
 
 } // namespace

@@ -9,7 +9,9 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <memory>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 namespace zo::project::test {
 
@@ -86,6 +88,46 @@ std::vector<std::string> listing(const std::string& root, int details)
     }
     std::sort(lines.begin(), lines.end());
     return lines;
+}
+
+QByteArray archiveOf(const std::vector<Item>& items, const std::function<void(archive*)>& configure)
+{
+    const std::unique_ptr<archive, int (*)(archive*)> writer(
+        archive_write_new(), archive_write_free);
+    configure ? configure(writer.get())
+              : void(archive_write_set_format_pax_restricted(writer.get()));
+    QByteArray out;
+    const auto append = [](archive*, void* to, const void* data, size_t size) -> la_ssize_t {
+        static_cast<QByteArray*>(to)->append(
+            static_cast<const char*>(data), static_cast<int>(size));
+        return static_cast<la_ssize_t>(size);
+    };
+    archive_write_set_bytes_in_last_block(writer.get(), 1);
+    EXPECT_EQ(archive_write_open(writer.get(), &out, nullptr, append, nullptr), ARCHIVE_OK);
+    for (const Item& item : items) {
+        const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(
+            archive_entry_new(), archive_entry_free);
+        archive_entry_set_pathname(entry.get(), item.name.c_str());
+        archive_entry_set_filetype(entry.get(), item.type);
+        archive_entry_set_perm(entry.get(), 0644);
+        archive_entry_set_rdev(entry.get(), makedev(1, 3));
+        if (item.hardLink)
+            archive_entry_set_hardlink(entry.get(), item.content.c_str());
+        else if (item.type == AE_IFLNK)
+            archive_entry_set_symlink(entry.get(), item.content.c_str());
+        else if (item.type == AE_IFREG)
+            archive_entry_set_size(entry.get(), static_cast<int64_t>(item.content.size()));
+        if (item.declaredSize >= 0) {
+            archive_entry_set_size(entry.get(), item.declaredSize);
+            archive_entry_sparse_add_entry(
+                entry.get(), 0, static_cast<int64_t>(item.content.size()));
+        }
+        EXPECT_EQ(archive_write_header(writer.get(), entry.get()), ARCHIVE_OK) << item.name;
+        if (item.type == AE_IFREG && !item.hardLink)
+            archive_write_data(writer.get(), item.content.data(), item.content.size());
+    }
+    EXPECT_EQ(archive_write_close(writer.get()), ARCHIVE_OK);
+    return out;
 }
 
 } // namespace zo::project::test

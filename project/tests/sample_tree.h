@@ -3,9 +3,13 @@
 #include <zo/project/archive.h>
 #include <zo/test/support.h>
 
+#include <archive.h>
+#include <archive_entry.h>
+
 #include <QTemporaryDir>
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -33,5 +37,19 @@ enum Detail { Modes = 1, Times = 2, Links = 4, Everything = Modes | Times | Link
 // One sorted line per entry below root: kind, path, the details asked for (links are left
 // out without Links) and a digest of the content or the link's target.
 std::vector<std::string> listing(const std::string& root, int details);
+
+// One entry of a hand-made archive.
+struct Item {
+    std::string name;
+    unsigned type = AE_IFREG;
+    std::string content = {}; // a file's data or a link's target
+    bool hardLink = false;
+    int64_t declaredSize = -1; // a sparse file of that size when set
+};
+
+// The bytes of an archive of items, written by libarchive as configure sets it up (format,
+// filters, options); a restricted pax tar without it.
+QByteArray archiveOf(
+    const std::vector<Item>& items, const std::function<void(archive*)>& configure = nullptr);
 
 } // namespace zo::project::test

@@ -5,19 +5,33 @@
 #include <zo/project/projectvfs.h>
 #include <zo/project/vfsfile.h>
 
+#include <QCoreApplication>
 #include <QTemporaryDir>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <csignal>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace zo::project {
+
+// Found by argument-dependent lookup, so it lives in the record's namespace.
+static bool operator==(const ProjectVFS::RecoverableInfo& a, const ProjectVFS::RecoverableInfo& b)
+{
+    return a.swapPath == b.swapPath && a.sourcePath == b.sourcePath && a.pid == b.pid;
+}
+
 namespace {
 
+using test::filesBelow;
 using test::LogCapture;
 using test::readFile;
 using test::thrownBy;
 using test::writeFile;
+using Files = QMap<QString, QByteArray>;
+using Info = ProjectVFS::RecoverableInfo;
 
 class Facade : public ::testing::Test {
 protected:
@@ -39,17 +53,19 @@ protected:
     std::vector<bool> reports;
 };
 
-TEST_F(Facade, SetPathRefusesTheCurrentAndMissingPaths)
+// Another process's swap file of the same name is never overwritten.
+TEST_F(Facade, OpenFailureNamesThePathAndKeepsAForeignSwapFile)
 {
-    EXPECT_THROW(vfs.setPath(dir.path()), exception::ProjectPathDoesNotExists);
-    EXPECT_EQ(thrownBy([&] { vfs.setPath(abs("missing")); }),
-        "exception::ProjectPathDoesNotExists: Project path '" + abs("missing").toStdString()
-            + "' does not exist");
-    ASSERT_TRUE(vfs.mkdir("sub"));
-    vfs.setPath(abs("sub"));
-    EXPECT_EQ(vfs.path(), abs("sub"));
+    writeFile(swapOf("taken.txt"), "someone else's");
+    EXPECT_EQ(thrownBy([&] { vfs.open("taken.txt", QIODevice::WriteOnly); }),
+        "exception::OpenSwapFile: Can not open swap file for: taken.txt: A swap file already "
+        "exists for: taken.txt");
+    EXPECT_THROW(vfs.fopen("absent.txt", "r"), exception::OpenSwapFile);
+    EXPECT_EQ(readFile(swapOf("taken.txt")), "someone else's");
+    EXPECT_FALSE(vfs.isNotCommitted());
 }
 
+// No write reaches a source before the commit; export, copy and move take the pending content.
 TEST_F(Facade, EditsStayInSwapFilesUntilCommitOrDiscardOfAll)
 {
     writeFile(abs("a.txt"), "old");
@@ -58,132 +74,29 @@ TEST_F(Facade, EditsStayInSwapFilesUntilCommitOrDiscardOfAll)
     QFile::remove(swapOf("b.txt"));
     vfs.discard();
     EXPECT_FALSE(vfs.isNotCommitted());
-    EXPECT_EQ(readFile(abs("a.txt")), "old");
-    EXPECT_FALSE(QFile::exists(swapOf("a.txt")));
     EXPECT_FALSE(vfs.exists("b.txt"));
+    EXPECT_EQ(filesBelow(dir.path()), (Files { { "a.txt", "old" } }));
     EXPECT_EQ(reports, std::vector<bool> { true }) << "discard-all does not call the handler";
 
     edit("a.txt", "new");
     ASSERT_TRUE(vfs.mkpath("n"));
     edit("n/new.txt", "created");
-    EXPECT_TRUE(vfs.exists("n/new.txt") && !QFile::exists(abs("n/new.txt")));
-    vfs.commit();
-    EXPECT_EQ(readFile(abs("a.txt")), "new");
-    EXPECT_EQ(readFile(abs("n/new.txt")), "created");
-    EXPECT_FALSE(vfs.isNotCommitted());
-    EXPECT_EQ(reports, (std::vector<bool> { true, true })) << "commit-all does not call it";
-}
-
-TEST_F(Facade, CommitAllStopsAtTheFirstFailure)
-{
-    for (const char* name : { "1.txt", "2.txt", "3.txt" }) {
-        writeFile(abs(name), "old");
-        edit(name, "new");
-    }
-    // The second file's backup cannot be made: a non-empty directory holds its name.
-    writeFile(abs("2.txtbck/keep"), "");
-    EXPECT_THROW(vfs.commit(), exception::SourceFileRename);
-    EXPECT_EQ(readFile(abs("1.txt")), "new");
-    EXPECT_FALSE(vfs.isNotCommitted("1.txt"));
-    EXPECT_EQ(readFile(abs("3.txt")), "old");
-
-    QDir(abs("2.txtbck")).removeRecursively();
-    vfs.commit();
-    EXPECT_EQ(readFile(abs("2.txt")), "new");
-    EXPECT_EQ(readFile(abs("3.txt")), "new");
-}
-
-TEST_F(Facade, OpenFailureIsReportedWithThePath)
-{
-    writeFile(swapOf("taken.txt"), "someone else's");
-    EXPECT_EQ(thrownBy([&] { vfs.open("taken.txt", QIODevice::WriteOnly); }),
-        "exception::OpenSwapFile: Can not open swap file for: taken.txt: A swap file already "
-        "exists for: taken.txt");
-    EXPECT_THROW(vfs.open("absent.txt", QIODevice::ReadOnly), exception::OpenSwapFile);
-    EXPECT_THROW(vfs.fopen("absent.txt", "r"), exception::OpenSwapFile);
-    EXPECT_FALSE(vfs.isNotCommitted());
-}
-
-TEST_F(Facade, StreamsWriteToTheSwapFileAndTruncateItOnce)
-{
-    writeFile(abs("a.txt"), "old content");
-    const auto put = [&](const char* mode, const char* text) {
-        FILE* out = vfs.fopen("a.txt", mode);
-        ASSERT_NE(out, nullptr) << mode;
-        std::fputs(text, out);
-        std::fclose(out);
-    };
-    // Over a pending swap file "w" truncates once, through the device; the stream itself must
-    // not truncate again after writing.
-    put("w+", "0123456789");
-    put("w", "new");
-    put("ab", "+more");
-    EXPECT_EQ(readFile(swapOf("a.txt")), "new+more");
-    EXPECT_EQ(readFile(abs("a.txt")), "old content");
-
-    writeFile(abs("r.txt"), "read me");
-    FILE* in = vfs.fopen("r.txt", "rb"); // only the source exists to be opened
-    ASSERT_NE(in, nullptr);
-    std::fclose(in);
-    EXPECT_FALSE(QFile::exists(swapOf("r.txt")));
-}
-
-TEST_F(Facade, ListingHidesOnlyTheTopMetadataFile)
-{
-    writeFile(abs(".metadata"), "m");
-    writeFile(abs("sub/.metadata"), "m");
-    writeFile(abs("sub/f.txt"), "f");
-    QStringList all = vfs.getFileList(QString(), true, true, false);
-    all.sort();
-    EXPECT_EQ(all, (QStringList { "sub/.metadata", "sub/f.txt" }));
-    EXPECT_EQ(vfs.getFileList("sub/f.txt", false, false, false), QStringList { "sub/f.txt" });
-    EXPECT_EQ(vfs.getFileList("sub", false, false, false), QStringList { "f.txt" });
-}
-
-TEST_F(Facade, ImportChecksDestinationFirst)
-{
-    const auto message = [this](const QString& source, const QString& destination) {
-        return thrownBy([&] { vfs.importFile(source, destination, false); });
-    };
-    EXPECT_EQ(message(QString(), QString()), "PathNotFound: destination is empty");
-    EXPECT_EQ(message(QString(), "b"), "PathNotFound: source is empty");
-    EXPECT_EQ(message("x", "/abs/b"), "PathNotFound: /abs/b is not a relative path.");
-
-    QTemporaryDir outside;
-    writeFile(outside.filePath("in.txt"), "imported");
-    vfs.importFile(outside.filePath("in.txt"), "deep/er/in.txt", false);
-    EXPECT_EQ(readFile(abs("deep/er/in.txt")), "imported");
-    EXPECT_FALSE(vfs.isNotCommitted());
-}
-
-TEST_F(Facade, ExportCopyAndMoveWorkOnPendingContent)
-{
-    writeFile(abs("a.txt"), "old");
-    edit("a.txt", "new");
+    EXPECT_TRUE(vfs.exists("n/new.txt"));
+    EXPECT_EQ(vfs.open("a.txt", QIODevice::ReadOnly)->readAll(), "new");
     QTemporaryDir outside;
     vfs.exportFile("a.txt", outside.filePath("out.txt"), false);
     EXPECT_EQ(readFile(outside.filePath("out.txt")), "new");
-
     vfs.copy("a.txt", "copy.txt", false);
-    EXPECT_FALSE(QFile::exists(abs("copy.txt")));
-    EXPECT_EQ(readFile(swapOf("copy.txt")), "new");
-    EXPECT_THROW(vfs.copy("a.txt", "copy.txt", false), AlreadyExists);
-
-    reports.clear();
     vfs.move("a.txt", "moved.txt", false);
-    EXPECT_EQ(reports, (std::vector<bool> {})) << "the table never became empty";
-    EXPECT_EQ(readFile(abs("moved.txt")), "old");
-    EXPECT_EQ(readFile(swapOf("moved.txt")), "new");
-    EXPECT_FALSE(QFile::exists(abs("a.txt")));
-    EXPECT_FALSE(vfs.isNotCommitted("a.txt"));
-
+    EXPECT_EQ(filesBelow(dir.path()),
+        (Files { { "moved.txt", "old" }, { vfs.makeSwapPath("moved.txt"), "new" },
+            { vfs.makeSwapPath("copy.txt"), "new" },
+            { vfs.makeSwapPath("n/new.txt"), "created" } }));
     vfs.commit();
-    EXPECT_EQ(readFile(abs("moved.txt")), "new");
-    EXPECT_EQ(readFile(abs("copy.txt")), "new");
-
-    EXPECT_EQ(thrownBy([&] { vfs.copy("nope", "x", false); }), "PathNotFound: nope");
-    EXPECT_EQ(thrownBy([&] { vfs.move("nope", "x", false); }),
-        std::string("PathNotFound: ") + abs("nope").toStdString());
+    EXPECT_FALSE(vfs.isNotCommitted());
+    EXPECT_EQ(filesBelow(dir.path()),
+        (Files { { "copy.txt", "new" }, { "moved.txt", "new" }, { "n/new.txt", "created" } }));
+    EXPECT_EQ(reports, (std::vector<bool> { true, true })) << "neither move nor commit-all call it";
 }
 
 TEST_F(Facade, RemoveTakesSwapFilesAndNeverFollowsLinks)
@@ -204,29 +117,18 @@ TEST_F(Facade, RemoveTakesSwapFilesAndNeverFollowsLinks)
 
     edit("a.txt", "new");
     vfs.remove("a.txt");
-    EXPECT_FALSE(QFile::exists(abs("a.txt")));
-    EXPECT_FALSE(QFile::exists(swapOf("a.txt")));
+    EXPECT_EQ(filesBelow(dir.path()), Files {});
 
     // A directory in the place of a swap file makes the engine's removal fail; the whole tree
-    // goes all the same.
+    // goes all the same, and the warning names the swap file.
     writeFile(abs("f/a.txt"), "a");
     writeFile(swapOf("f/a.txt") + "/x", "x");
     LogCapture log;
     vfs.remove("f");
     EXPECT_FALSE(QFileInfo::exists(abs("f")));
-    EXPECT_EQ(log.lines,
-        std::vector { LogCapture::Line("ProjectVFS", 3,
-            "Can not remove swap file " + vfs.makeSwapPath("f/a.txt").toStdString()) });
-}
-
-TEST_F(Facade, UpdateFromSourceRefreshesThePendingSwap)
-{
-    writeFile(abs("a.txt"), "v1");
-    edit("a.txt", "mine");
-    writeFile(abs("a.txt"), "v2 from outside");
-    vfs.updateFromSource("a.txt");
-    EXPECT_EQ(readFile(swapOf("a.txt")), "v2 from outside");
-    vfs.updateFromSource("not-pending.txt");
+    ASSERT_EQ(log.lines.size(), 1u);
+    EXPECT_THAT(
+        std::get<2>(log.lines[0]), testing::HasSubstr(vfs.makeSwapPath("f/a.txt").toStdString()));
 }
 
 TEST(FacadeLifetime, HandlesOutliveTheFacade)
@@ -241,6 +143,127 @@ TEST(FacadeLifetime, HandlesOutliveTheFacade)
     file->write("kept");
     file->commit();
     EXPECT_EQ(readFile(dir.filePath("a.txt")), "kept");
+}
+
+// A live process that counts as another instance of this program: a forked copy of it.
+struct LiveInstance {
+    LiveInstance()
+    {
+        if (pid == 0) {
+            pause();
+            _exit(0);
+        }
+    }
+    ~LiveInstance()
+    {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    LiveInstance(const LiveInstance&) = delete;
+
+    const pid_t pid = fork();
+};
+
+QString swapName(const QString& file, long long pid)
+{
+    return QStringLiteral(".%1.%2.csp").arg(file).arg(pid);
+}
+
+using Recovery = Facade;
+
+// Names that only look like swap files are never offered, so never recovered or abandoned.
+TEST_F(Recovery, ListsSwapFilesWithSourceAndProcessAndNothingElse)
+{
+    for (const char* name : { "doc/.notes.txt.4242.csp", ".a.b.123.csp", ".big.txt.4194304.csp",
+             ".huge.txt.99999999999.csp", ".hidden/.h.txt.5.csp", "doc/notes.txt.4242.csp",
+             "doc/.x.txt.12.csp.bak" })
+        writeFile(abs(name), "work");
+
+    auto found = vfs.recoverableFiles();
+    std::sort(found.begin(), found.end(),
+        [](const Info& a, const Info& b) { return a.swapPath < b.swapPath; });
+    EXPECT_EQ(found,
+        (std::vector<Info> { { ".a.b.123.csp", "a.b", 123 },
+            { ".big.txt.4194304.csp", "big.txt", 4194304 },
+            { ".huge.txt.99999999999.csp", "huge.txt", 0 },
+            { "doc/.notes.txt.4242.csp", "doc/notes.txt", 4242 } }));
+}
+
+// The file of a process that still runs is copied, never moved or removed; that of an ended one
+// is removed.
+TEST_F(Recovery, SwapOfARunningProcessIsOnlyCopiedThatOfAnEndedOneRemoved)
+{
+    LiveInstance other;
+    const QString theirs = swapName("a.txt", other.pid);
+    writeFile(abs(theirs), "their work");
+    const Info info { theirs, "a.txt", other.pid };
+
+    LogCapture log;
+    vfs.recoverFile(info);
+    EXPECT_EQ(readFile(abs(theirs)), "their work");
+    EXPECT_EQ(readFile(abs(vfs.makeSwapPath("a.txt"))), "their work");
+    EXPECT_TRUE(vfs.isNotCommitted("a.txt"));
+    vfs.abandonFile(info);
+    EXPECT_EQ(readFile(abs(theirs)), "their work");
+    ASSERT_EQ(log.lines.size(), 2u);
+    EXPECT_THAT(std::get<2>(log.lines[1]),
+        testing::AllOf(testing::HasSubstr(theirs.toStdString()),
+            testing::HasSubstr(std::to_string(other.pid) + "' is still running")));
+
+    const QString stale = swapName("b.txt", test::endedProcessId());
+    writeFile(abs(stale), "stale");
+    vfs.abandonFile({ stale, "b.txt", 0 });
+    EXPECT_FALSE(QFile::exists(abs(stale)));
+    EXPECT_THROW(vfs.abandonFile({ stale, "b.txt", 0 }), exception::SwapFileRemove);
+}
+
+TEST_F(Recovery, RefusedTransfersKeepBothFiles)
+{
+    // This process's own swap file: the transfer onto itself fails.
+    vfs.open("a.txt", QIODevice::WriteOnly)->write("mine");
+    const QString mySwap = vfs.makeSwapPath("a.txt");
+    const Info own { mySwap, "a.txt", static_cast<pid_t>(QCoreApplication::applicationPid()) };
+    EXPECT_THROW(vfs.recoverFile(own), exception::SwapFileRename);
+
+    // Another process's file for a source this process already edits.
+    const QString theirs = swapName("a.txt", 0);
+    writeFile(abs(theirs), "theirs");
+    EXPECT_THROW(vfs.recoverFile({ theirs, "a.txt", 0 }), exception::SwapFileRename);
+    EXPECT_EQ(filesBelow(dir.path()), (Files { { theirs, "theirs" }, { mySwap, "mine" } }));
+}
+
+// A process edits through swap files and is killed before it saves; this process recovers
+// every byte it had written.
+TEST_F(Recovery, WorkOfAKilledProcessIsRecovered)
+{
+    writeFile(abs("existing.txt"), "before the crash");
+    QByteArray large;
+    for (int i = 0; i < 50000; ++i)
+        large += QByteArray::number(i) + '\n';
+
+    const pid_t editor = fork();
+    if (editor == 0) {
+        ProjectVFS project(dir.path());
+        project.open("existing.txt", QIODevice::WriteOnly | QIODevice::Append)->write(" and after");
+        project.mkpath("new");
+        project.open("new/large.txt", QIODevice::WriteOnly)->write(large);
+        FILE* stream = project.fopen("stream.txt", "w");
+        std::fputs("through a stream", stream);
+        std::fflush(stream);
+        raise(SIGKILL);
+    }
+    waitpid(editor, nullptr, 0);
+
+    const auto found = vfs.recoverableFiles();
+    EXPECT_EQ(found.size(), 3u);
+    for (const Info& info : found) {
+        EXPECT_EQ(info.pid, editor);
+        vfs.recoverFile(info);
+    }
+    vfs.commit();
+    EXPECT_EQ(filesBelow(dir.path()),
+        (Files { { "existing.txt", "before the crash and after" }, { "new/large.txt", large },
+            { "stream.txt", "through a stream" } }));
 }
 
 } // namespace

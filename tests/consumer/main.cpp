@@ -29,7 +29,10 @@ int main(int argc, char** argv)
         grouped = true;
     }
     const zo::project::Project description(dir.path().toStdString());
-    const bool ok = committed && grouped && zo::log::hasCategory("ProjectVFS")
+    bool registered = true;
+    for (const char* category : { "ProjectVFS", "ProjectVfs", "ProjectDir" })
+        registered = registered && zo::log::hasCategory(category);
+    const bool ok = committed && grouped && registered
         && description.projectPath() == dir.path().toStdString();
     std::printf("consumer: %s\n", ok ? "ok" : "FAILED");
     return ok ? 0 : 1;

@@ -1,6 +1,7 @@
 #include <zo/test/support.h>
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 
@@ -67,6 +68,39 @@ QByteArray readFile(const TestPath& path)
 {
     QFile file(path.value);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArrayLiteral("<missing>");
+}
+
+QStringList entriesBelow(const TestPath& root)
+{
+    const QDir base(root.value);
+    QStringList entries;
+    QDirIterator it(root.value,
+        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+        QDirIterator::Subdirectories);
+    while (it.hasNext())
+        entries.append(base.relativeFilePath(it.next()));
+    entries.sort();
+    return entries;
+}
+
+QMap<QString, QByteArray> filesBelow(const TestPath& root)
+{
+    QMap<QString, QByteArray> files;
+    for (const QString& entry : entriesBelow(root)) {
+        const QString path = QDir(root.value).filePath(entry);
+        if (QFileInfo(path).isFile() && !QFileInfo(path).isSymLink())
+            files.insert(entry, readFile(path));
+    }
+    return files;
+}
+
+pid_t endedProcessId()
+{
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(0);
+    ::waitpid(child, nullptr, 0);
+    return child;
 }
 
 LogCapture::LogCapture()

@@ -1,10 +1,7 @@
 // The zoproject program as people run it, on scratch projects.
 #include "../progress.h"
+#include "sample_tree.h"
 
-#include <zo/test/support.h>
-
-#include <archive.h>
-#include <archive_entry.h>
 #include <gtest/gtest.h>
 
 #include <QDir>
@@ -15,8 +12,6 @@
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
-
-#include <memory>
 
 namespace {
 
@@ -57,47 +52,25 @@ protected:
         ASSERT_TRUE(process.waitForStarted());
     }
 
-    qint64 endedProcessId()
-    {
-        QProcess process;
-        startNamedLikeUs(process);
-        const qint64 id = process.processId();
-        process.kill();
-        process.waitForFinished();
-        return id;
-    }
-
     QTemporaryDir scratch;
 };
 
 TEST_F(Cli, UsageErrorsExitWithStatusTwoAndHelpWithZero)
 {
-    const struct {
-        QStringList arguments;
-        int status;
-    } rows[] = {
-        { {}, 2 },
-        { { "frob" }, 2 },
-        { { "--frob" }, 2 },
-        { { "status", "--frob" }, 2 },
-        { { "status", "a", "b" }, 2 },
-        { { "pack", "only-one" }, 2 },
-        { { "pack", "--format", "rar", "a", "b" }, 2 },
-        { { "recover" }, 2 },
-        { { "help", "frob" }, 2 },
-        { { "--help" }, 0 },
-        { { "help", "meta" }, 0 },
-        { { "ls", "--help" }, 0 },
-        { { "--version" }, 0 },
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.arguments.join(' ').toStdString());
-        const Outcome run = zoproject(row.arguments, scratch.path());
-        EXPECT_EQ(run.status, row.status) << run.err.toStdString();
-        EXPECT_TRUE((row.status == 2 ? run.err : run.out).contains("zoproject"));
-        if (row.status == 2) {
+    const std::pair<const char*, int> rows[] = { { "", 2 }, { "frob", 2 }, { "--frob", 2 },
+        { "status --frob", 2 }, { "status a b", 2 }, { "pack only-one", 2 },
+        { "pack --format rar a b", 2 }, { "recover", 2 }, { "help frob", 2 }, { "--help", 0 },
+        { "help meta", 0 }, { "ls --help", 0 }, { "--version", 0 } };
+    for (const auto& [arguments, status] : rows) {
+        SCOPED_TRACE(arguments);
+        const Outcome run
+            = zoproject(QString(arguments).split(' ', Qt::SkipEmptyParts), scratch.path());
+        EXPECT_EQ(run.status, status) << run.err.toStdString();
+        if (status == 2) {
             EXPECT_TRUE(
                 run.err.startsWith("zoproject: ") && run.err.contains("\nusage: zoproject"));
+        } else {
+            EXPECT_TRUE(run.out.contains("zoproject"));
         }
     }
 }
@@ -108,7 +81,7 @@ TEST_F(Cli, StatusAndRecoverSpareTheFilesOfARunningProcess)
     const QString project = path(QStringLiteral("project"));
     writeFile(project + "/notes.txtbck", "saved\n");
     writeFile(project + "/docs/main.xmlbck", "saved\n");
-    const qint64 ended = endedProcessId();
+    const qint64 ended = zo::test::endedProcessId();
     QProcess running;
     startNamedLikeUs(running);
     const QString endedSwap = QStringLiteral(".notes.txt.%1.csp").arg(ended);
@@ -143,10 +116,9 @@ TEST_F(Cli, StatusAndRecoverSpareTheFilesOfARunningProcess)
 
     const Outcome recover = zoproject({ "recover", "--all" }, project);
     EXPECT_EQ(recover.status, 0) << recover.err.toStdString();
-    EXPECT_EQ(readFile(project + "/notes.txt"), "unsaved work\n");
-    EXPECT_FALSE(QFile::exists(project + "/" + endedSwap));
-    EXPECT_EQ(readFile(project + "/" + runningSwap), "work in progress\n");
-    EXPECT_EQ(readFile(project + "/docs/main.xmlbck"), "saved\n");
+    EXPECT_EQ(zo::test::filesBelow(project),
+        (QMap<QString, QByteArray> { { "notes.txt", "unsaved work\n" },
+            { runningSwap, "work in progress\n" }, { "docs/main.xmlbck", "saved\n" } }));
 
     status = zoproject({ "status", "--json" }, project);
     EXPECT_EQ(status.status, 0);
@@ -159,8 +131,8 @@ TEST_F(Cli, RecoverRefusesTwoSwapFilesOfOneSourceUntilOneIsNamed)
 {
     const QString project = path(QStringLiteral("project"));
     writeFile(project + "/notes.txt", "saved\n");
-    const QString first = QStringLiteral(".notes.txt.%1.csp").arg(endedProcessId());
-    const QString second = QStringLiteral(".notes.txt.%1.csp").arg(endedProcessId());
+    const QString first = QStringLiteral(".notes.txt.%1.csp").arg(zo::test::endedProcessId());
+    const QString second = QStringLiteral(".notes.txt.%1.csp").arg(zo::test::endedProcessId());
     writeFile(project + "/" + first, "first\n");
     writeFile(project + "/" + second, "second\n");
 
@@ -174,7 +146,7 @@ TEST_F(Cli, RecoverRefusesTwoSwapFilesOfOneSourceUntilOneIsNamed)
     EXPECT_EQ(zoproject({ "recover", project, second }).status, 0);
     EXPECT_EQ(zoproject({ "recover", project, "notes.txt", "--abandon" }).status, 0);
     EXPECT_EQ(readFile(project + "/notes.txt"), "second\n");
-    EXPECT_EQ(QDir(project).entryList(QDir::Files | QDir::Hidden), QStringList { "notes.txt" });
+    EXPECT_EQ(zo::test::entriesBelow(project), QStringList { "notes.txt" });
 }
 
 // The one commit of a recovery stops at each file's leftover backup once and still goes through.
@@ -206,25 +178,21 @@ TEST_F(Cli, PackAndUnpackRoundTripKeepFilesAndMetadata)
     const QJsonObject files = jsonOf(zoproject({ "ls", "--json", project }));
     ASSERT_EQ(files["files"].toArray().size(), 2);
 
-    const struct {
-        QString archive;
-        QStringList format;
-        QString detected;
-    } rows[] = {
-        { "project.tar.gz", {}, "tar.gz" },
-        { "nameless", { "--format", "7z" }, "7z" },
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.archive.toStdString());
-        const QString archive = path(row.archive);
-        const QString unpacked = path(row.archive + ".d");
-        const Outcome pack = zoproject(QStringList { "pack", project, archive } + row.format);
+    // The format told by the name, or named.
+    for (const auto& [name, format] :
+        { std::pair { "project.tar.gz", "tar.gz" }, { "nameless", "7z" } }) {
+        SCOPED_TRACE(name);
+        const QString archive = path(name);
+        const QString unpacked = path(name + QStringLiteral(".d"));
+        const QStringList option
+            = archive.contains(format) ? QStringList() : QStringList { "--format", format };
+        const Outcome pack = zoproject(QStringList { "pack", project, archive } + option);
         EXPECT_EQ(pack.status, 0);
         EXPECT_EQ(pack.err, ""); // no progress bar without a terminal
         const QJsonObject listed = jsonOf(zoproject({ "ls", "--json", archive }));
-        EXPECT_EQ(listed["format"].toString(), row.detected);
+        EXPECT_EQ(listed["format"].toString(), format);
         EXPECT_EQ(listed["files"], files["files"]);
-        EXPECT_EQ(zoproject(QStringList { "unpack", archive, unpacked } + row.format).status, 0);
+        EXPECT_EQ(zoproject(QStringList { "unpack", archive, unpacked } + option).status, 0);
         EXPECT_EQ(readFile(unpacked + "/docs/main.xml"), "<doc/>\n");
         EXPECT_EQ(zoproject({ "meta", unpacked, "title" }).out, "Round trip\n");
     }
@@ -240,8 +208,7 @@ TEST_F(Cli, MetaOnAnArchiveReplacesItWholeOrNotAtAll)
 
     EXPECT_EQ(zoproject({ "meta", archive, "title", "Shelved" }).status, 0);
     EXPECT_EQ(zoproject({ "meta", "--json", archive }).out, "{\n    \"title\": \"Shelved\"\n}\n");
-    EXPECT_EQ(QDir(path("shelf")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-        QStringList { "project.zop" });
+    EXPECT_EQ(zo::test::entriesBelow(path("shelf")), QStringList { "project.zop" });
     const Outcome missing = zoproject({ "meta", archive, "author" });
     EXPECT_EQ(missing.status, 1);
     EXPECT_EQ(missing.err, "zoproject: '" + archive.toUtf8() + "': no metadata key 'author'\n");
@@ -256,29 +223,15 @@ TEST_F(Cli, MetaOnAnArchiveReplacesItWholeOrNotAtAll)
 
 TEST_F(Cli, HostileArchiveIsRefusedNamingTheEntryAndWritesNothing)
 {
-    const std::string archive = path(QStringLiteral("hostile.tar")).toStdString();
-    const std::unique_ptr<struct archive, int (*)(struct archive*)> writer(
-        archive_write_new(), archive_write_free);
-    archive_write_set_format_pax_restricted(writer.get());
-    ASSERT_EQ(archive_write_open_filename(writer.get(), archive.c_str()), ARCHIVE_OK);
-    for (const char* name : { "fine.txt", "../outside/pwned" }) {
-        const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(
-            archive_entry_new(), archive_entry_free);
-        archive_entry_set_pathname(entry.get(), name);
-        archive_entry_set_filetype(entry.get(), AE_IFREG);
-        archive_entry_set_size(entry.get(), 4);
-        ASSERT_EQ(archive_write_header(writer.get(), entry.get()), ARCHIVE_OK);
-        archive_write_data(writer.get(), "evil", 4);
-    }
-    ASSERT_EQ(archive_write_close(writer.get()), ARCHIVE_OK);
-
+    writeFile(path("hostile.tar"),
+        zo::project::test::archiveOf(
+            { { "fine.txt", AE_IFREG, "fine" }, { "../outside/pwned", AE_IFREG, "evil" } }));
     const Outcome run
         = zoproject({ "unpack", "hostile.tar", "sandbox/destination" }, scratch.path());
     EXPECT_EQ(run.status, 1);
     EXPECT_TRUE(run.err.startsWith("zoproject: 'hostile.tar', entry '../outside/pwned': "))
         << run.err.toStdString();
-    EXPECT_EQ(QDir(scratch.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
-        QStringList { "hostile.tar" });
+    EXPECT_EQ(zo::test::entriesBelow(scratch.path()), QStringList { "hostile.tar" });
 }
 
 TEST(ProgressLine, ShowsWhatIsKnownAndTheTimeLeft)

@@ -5,7 +5,9 @@
 #include <zo/log.h>
 
 #include <QByteArray>
+#include <QMap>
 #include <QString>
+#include <QStringList>
 
 #include <functional>
 #include <ostream>
@@ -46,6 +48,14 @@ std::string thrownBy(const std::function<void()>& body);
 void writeFile(const TestPath& path, const QByteArray& data, mode_t mode = 0644);
 // The file's bytes, or "<missing>" so that assertions show what was not there.
 QByteArray readFile(const TestPath& path);
+// Every entry below root, hidden ones and directories too, as sorted relative paths; a link is
+// listed as itself, never followed.
+QStringList entriesBelow(const TestPath& root);
+// Every regular file below root (links not followed), relative path to content.
+QMap<QString, QByteArray> filesBelow(const TestPath& root);
+
+// The id of a process that has just ended: free unless the system reuses it at once.
+pid_t endedProcessId();
 
 // Collects every log line while alive.
 struct LogCapture {
