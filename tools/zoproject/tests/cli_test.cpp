@@ -153,7 +153,7 @@ TEST_F(Cli, RecoverRefusesTwoSwapFilesOfOneSourceUntilOneIsNamed)
 TEST_F(Cli, RecoverCommitsPastTheLeftoverBackupsOfSeveralFiles)
 {
     const QString project = path(QStringLiteral("project"));
-    const qint64 ended = endedProcessId();
+    const qint64 ended = zo::test::endedProcessId();
     const QStringList sources { "a.txt", "b.txt" };
     for (const QString& source : sources) {
         writeFile(project + "/" + source, "saved\n");
