@@ -16,12 +16,21 @@ function(run)
   endif()
 endfunction()
 
+# Installs a build tree into the prefix without listing every file; its manifest lists them.
+function(install_build build_dir)
+  execute_process(COMMAND ${CMAKE_COMMAND} --install ${build_dir} --prefix ${prefix} ${ARGN}
+    OUTPUT_QUIET RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "failed (${rc}): installing ${build_dir} ${ARGN}")
+  endif()
+endfunction()
+
 set(other_builds ${BUILD_DIRS})
 list(POP_FRONT other_builds first_build)
-run(${CMAKE_COMMAND} --install ${first_build} --prefix ${prefix})
+install_build(${first_build})
 file(STRINGS ${first_build}/install_manifest.txt installed_before)
 foreach(build_dir ${other_builds})
-  run(${CMAKE_COMMAND} --install ${build_dir} --prefix ${prefix} --component QtLibrary)
+  install_build(${build_dir} --component QtLibrary)
   file(STRINGS ${build_dir}/install_manifest_QtLibrary.txt installed)
   foreach(file ${installed})
     if(file IN_LIST installed_before)
