@@ -80,8 +80,8 @@ public:
     void enableWatching(bool enable);
     /// Whether polling is on.
     bool isWatching() const;
-    /// False after writeFile() or an outside change of the source; true after load() and
-    /// save().
+    /// False after createNew(), writeFile(), recoverWorkspace(), a failed save() or an outside
+    /// change of the source; true after load() and save().
     bool isSaved() const;
     /// The model's signals; owned by the model.
     detail::Notifier* notifier() const;

@@ -66,8 +66,9 @@ public:
     /// Closes the handle and puts the pending change in place through a backup and two renames
     /// that are synced before the backup goes; does nothing when no change is pending and the
     /// file exists.
-    /// @throws exception::SwapFileCommit (one of its kinds) on failure, the source keeping its
-    /// old content and the change staying pending.
+    /// @throws exception::SourceFileDoesNotExists when nothing is pending and there is no file.
+    /// @throws exception::SwapFileCommit (another of its kinds) when the commit fails, the
+    /// source keeping its old content and the change staying pending.
     void commit();
     /// Deletes the swap file and forgets the change; the file is untouched.
     void discard();
