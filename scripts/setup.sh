@@ -1,12 +1,21 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, the tests and the benchmarks need; only what is missing.
-# With --fuzz, also clang and its sanitizer and libFuzzer runtimes for the fuzz preset.
+# Installs the Debian packages that are missing, by default those the libraries, the zoproject
+# tool and its demo need to build (the demo preset). Options add to them:
+#   --tests  the tests, the benchmarks, the examples' checks and the manual (the default preset)
+#   --qt6    Qt 6, for the qt6 preset (with --tests for its tests)
+#   --fuzz   clang and its sanitizer and libFuzzer runtimes, for the fuzz preset
 set -euo pipefail
 
 packages=(
-  g++ cmake ninja-build pkg-config
+  g++ cmake ninja-build
   qtbase5-dev libboost-filesystem-dev libarchive-dev
+)
+test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
+  # the consumer test builds through the installed .pc file too
+  pkg-config
+  # the reference manual, whose warnings fail the build
+  doxygen
   # the formatting check
   clang-format
   # the crash test kills a committing process at each system call through it
@@ -16,7 +25,14 @@ packages=(
   # the archive benchmark writes its deep tar with Python's tarfile
   python3
 )
-[[ ${1:-} == --fuzz ]] && packages+=(clang libclang-rt-dev)
+for option in "$@"; do
+  case $option in
+    --tests) packages+=("${test_packages[@]}") ;;
+    --qt6) packages+=(qt6-base-dev) ;;
+    --fuzz) packages+=(clang libclang-rt-dev) ;;
+    *) echo "usage: scripts/setup.sh [--tests] [--qt6] [--fuzz]" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for package in "${packages[@]}"; do

@@ -1,3 +1,4 @@
+#include <zo/log.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/notifier.h>
 #include <zo/project/projectdir.h>
@@ -22,6 +23,13 @@ using test::thrownBy;
 using test::writeFile;
 
 using Said = std::vector<std::string>;
+
+// Loading the shared library registers its log categories, before any of its code runs.
+TEST(Logging, TheLibraryRegistersItsCategoriesWhenLoaded)
+{
+    for (const char* category : { "ProjectVFS", "ProjectVfs", "ProjectDir" })
+        EXPECT_TRUE(zo::log::hasCategory(category)) << category;
+}
 
 // A blocker switches watching off for its scope and then restores what it found, once also
 // when it was moved.

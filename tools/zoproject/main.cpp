@@ -2,6 +2,8 @@
 // a source file of its own; this file parses what comes before the command and dispatches.
 #include "command.h"
 
+#include <zo/project/version.h>
+
 #include <QCoreApplication>
 
 #include <algorithm>
@@ -65,7 +67,7 @@ QString programDescription(const QList<Command>& commands)
     QString text = QStringLiteral("Inspect, recover and pack projects.\n\nCommands:\n");
     int width = 4; // "help"
     for (const Command& command : commands)
-        width = std::max(width, command.name.size());
+        width = std::max(width, static_cast<int>(command.name.size()));
     for (const Command& command : commands)
         text += QStringLiteral("  %1  %2\n").arg(command.name, -width).arg(command.summary);
     text += QStringLiteral("  %1  Show the help of a command.\n\n")
@@ -131,7 +133,7 @@ int run(const QStringList& arguments)
         return kSuccess;
     }
     if (parser.isSet(versionOption().names().constLast())) {
-        print(QStringLiteral("zoproject " ZO_VERSION));
+        print(QStringLiteral("zoproject " ZO_PROJECT_VERSION_STRING));
         return kSuccess;
     }
     QStringList rest = parser.positionalArguments();

@@ -31,14 +31,18 @@ public:
         : _fd(fd)
     {
     }
+    /// @{
+    /// Takes other's descriptor over, closing the one held before.
     UniqueFd(UniqueFd&& other) noexcept;
     UniqueFd& operator=(UniqueFd&& other) noexcept;
+    /// @}
     UniqueFd(const UniqueFd&) = delete;
     UniqueFd& operator=(const UniqueFd&) = delete;
     ~UniqueFd();
 
     /// The descriptor, -1 for none.
     int get() const { return _fd; }
+    /// Whether a descriptor is held.
     explicit operator bool() const { return _fd >= 0; }
     /// Closes the descriptor and reports close's own failure (a late write error) as false.
     bool close();
@@ -53,11 +57,14 @@ struct FileIdentity {
     std::uint64_t device = 0; ///< the file system's device number
     std::uint64_t inode = 0; ///< the file's number on that file system
 
+    /// @{
+    /// The same file: same device, same inode.
     bool operator==(const FileIdentity& other) const
     {
         return device == other.device && inode == other.inode;
     }
     bool operator!=(const FileIdentity& other) const { return !(*this == other); }
+    /// @}
 };
 
 /// What a status read reports as a file's type.
@@ -70,7 +77,7 @@ enum class EntryType : unsigned char {
 
 /// The status of a file, as stat reports it.
 struct FileStatus {
-    EntryType type = EntryType::Other;
+    EntryType type = EntryType::Other; ///< of the file itself, or of a link's target
     std::uint64_t size = 0; ///< in bytes
     std::int64_t modifiedSeconds = 0; ///< the modification time, since 1970 (UTC)
     std::int32_t modifiedNanoseconds = 0; ///< always 0 to 999999999, also before 1970
@@ -237,6 +244,7 @@ ZO_EXPORT std::optional<std::uint64_t> availableSpace(int descriptor);
 namespace std {
 /// File identities as keys of unordered containers.
 template <> struct hash<zo::os::FileIdentity> {
+    /// Mixes device and inode.
     size_t operator()(const zo::os::FileIdentity& identity) const noexcept
     {
         return hash<uint64_t>()(identity.inode)

@@ -11,64 +11,87 @@
 
 namespace zo::project {
 
+/// The forms a project can be stored in. The values are stable: programs store them.
 enum class ArchiveFormat : int {
-    Auto = 0, // detect from the path (see detectFormat)
-    Native = 1, // the project's own archive: a zip container, extension ".zop"
-    Directory = 2, // a plain directory tree, copied as it is
-    Tar = 3,
-    TarGz = 4,
-    TarBz2 = 5,
-    TarXz = 6,
-    Zip = 7, // plain zip; the fallback when a target's name tells no format
-    TarZstd = 8,
-    SevenZip = 9
+    Auto = 0, ///< detect from the path (see detectFormat)
+    Native = 1, ///< the project's own archive: a zip container, extension ".zop"
+    Directory = 2, ///< a plain directory tree, copied as it is
+    Tar = 3, ///< tar, uncompressed (".tar")
+    TarGz = 4, ///< tar compressed with gzip (".tar.gz", ".tgz")
+    TarBz2 = 5, ///< tar compressed with bzip2 (".tar.bz2", ".tbz2")
+    TarXz = 6, ///< tar compressed with xz (".tar.xz", ".txz")
+    Zip = 7, ///< plain zip; the fallback when a target's name tells no format
+    TarZstd = 8, ///< tar compressed with Zstandard (".tar.zst", ".tzst")
+    SevenZip = 9 ///< 7z (".7z")
 };
 
+/// A format that is not an ArchiveFormat value, or a path whose format cannot be told.
 struct ZOPROJECT_EXPORT UnsupportedFormat : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/// A failed import or export. The message names the archive, the entry where there is one, and
+/// the cause.
 struct ZOPROJECT_EXPORT ArchiveError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Unpacks source into the directory destination (created with parents). Hostile entries
-// (absolute names, "..", links leaving the destination, hard links, devices) are refused.
+/// Unpacks source into the directory destination (created with parents); Auto detects the
+/// format from source's content. Hostile entries (absolute names, "..", links leaving the
+/// destination, hard links to anything not unpacked before, devices) are refused.
+/// @throws UnsupportedFormat when format is no ArchiveFormat value.
+/// @throws ArchiveError when source cannot be read or holds a refused entry, or destination
+/// cannot be written; what this import created is removed again.
 ZOPROJECT_EXPORT void importProject(
     const std::string& source, const std::string& destination, ArchiveFormat format);
 
-// Packs the directory source into the archive destination, replacing it atomically.
+/// Packs the directory source into the archive destination; Auto takes the format from the
+/// destination's name (an existing directory: Directory). The archive is written under a
+/// hidden name beside destination, synced and renamed over it, so that destination holds
+/// either its previous content or the whole new archive.
+/// @throws UnsupportedFormat when format is no ArchiveFormat value, or Auto meets a name that
+/// tells no format.
+/// @throws ArchiveError when source cannot be read or the archive cannot be written; the
+/// hidden file is removed and destination is left as it was.
 ZOPROJECT_EXPORT void exportProject(
     const std::string& source, const std::string& destination, ArchiveFormat format);
 
-// How far an import or an export has come.
+/// How far an import or an export has come.
 struct Progress {
+    /// Entries read or written so far.
     uint64_t entriesDone = 0;
-    // 0 while unknown: an archive's entries are counted as they are read, so an import from an
-    // archive learns the total only at its last report.
+    /// 0 while unknown: an archive's entries are counted as they are read, so an import from an
+    /// archive learns the total only at its last report.
     uint64_t entriesTotal = 0;
-    // An import counts the bytes of the archive as stored, an export and a directory import
-    // those of the files read.
+    /// An import counts the bytes of the archive as stored, an export and a directory import
+    /// those of the files read.
     uint64_t bytesDone = 0;
+    /// The bytes there are to count in all, in the same unit as bytesDone.
     uint64_t bytesTotal = 0;
 };
 
-// Called after every entry and every block of data; returning false cancels the work. The last
-// report of a finished run has every count at its total.
+/// Called after every entry and every block of data; returning false cancels the work. The last
+/// report of a finished run has every count at its total.
 using ProgressCallback = std::function<bool(const Progress&)>;
 
-// importProject reporting to progress. Returns false when progress cancelled the import, which
-// then has removed what it created.
+/// importProject reporting to progress.
+/// @return false when progress cancelled the import, which then has removed what it created.
+/// @throws UnsupportedFormat, ArchiveError as importProject.
 ZOPROJECT_EXPORT bool importProject(const std::string& source, const std::string& destination,
     ArchiveFormat format, const ProgressCallback& progress);
 
-// exportProject reporting to progress; the totals are counted in the source first. Returns false
-// when progress cancelled the export, which then has left no archive (one that was there
-// before stays as it was).
+/// exportProject reporting to progress; the totals are counted in the source first.
+/// @return false when progress cancelled the export, which then has left no archive (one that
+/// was there before stays as it was).
+/// @throws UnsupportedFormat, ArchiveError as exportProject.
 ZOPROJECT_EXPORT bool exportProject(const std::string& source, const std::string& destination,
     ArchiveFormat format, const ProgressCallback& progress);
 
-// Never returns Auto; throws UnsupportedFormat.
+/// The format of path: an existing directory is Directory, an existing file is recognised by
+/// its content (a zip named "*.zop" being Native), a missing path by its extension. Never
+/// returns Auto. Reads at most the start of the file; writes nothing.
+/// @throws UnsupportedFormat when neither content nor name tells a format, or path is neither
+/// a file nor a directory.
 ZOPROJECT_EXPORT ArchiveFormat detectFormat(const std::string& path);
 
 /// The name of a format on a command line and in listings ("zop", "dir", "tar.gz", ...); empty

@@ -7,29 +7,33 @@
 #include <QObject>
 #include <QString>
 
-// The signal sources of the two projects, which are movable values rather than QObjects.
-// Both classes carry the same signals but stay separate types, so that each project hands out
-// a notifier of its own type. Queued connections of sourceProjectEvent need the map type
-// registered; ProjectModel registers it when constructed.
+/// The signal sources of the two projects, which are movable values rather than QObjects.
+/// Both classes carry the same signals but stay separate types, so that each project hands out
+/// a notifier of its own type. Queued connections of sourceProjectEvent need the map type
+/// registered; ProjectModel registers it when constructed.
 namespace zo::project::detail {
 
-// Handed out by ProjectModel.
+/// The signals of a ProjectModel, which owns it.
 class ZOPROJECTQT_EXPORT Notifier : public QObject {
     Q_OBJECT
 
 signals:
-    // True when the project's content equals what was last loaded or saved.
+    /// The saved state changed: true when the project's content equals what was last loaded or
+    /// saved.
     void saved(bool saved);
-    // Changes another program made to the project's source, by path.
+    /// Changes another program made to the project's source, by path relative to it.
     void sourceProjectEvent(const QMap<QString, zo::project::FileSystemEvent>& eventList);
 };
 
-// Handed out by ProjectDir.
+/// The signals of a ProjectDir, which owns it.
 class ZOPROJECTQT_EXPORT Notifier2 : public QObject {
     Q_OBJECT
 
 signals:
+    /// The saved state changed (see ProjectDir::isSaved()).
     void saved(bool saved);
+    /// Changes another program made to the project's directory, by path relative to it; a
+    /// removal of a file whose edit is pending is left out.
     void sourceProjectEvent(const QMap<QString, zo::project::FileSystemEvent>& eventList);
 };
 

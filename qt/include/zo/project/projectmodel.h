@@ -20,93 +20,152 @@
 
 namespace zo::project {
 
-// A fresh absolute path "<temp>/zo_project_model_<pid>_<n>" that does not exist yet, n counted
-// from 0 on every call. Nothing is created.
+/// A fresh absolute path "<temp>/zo_project_model_<pid>_<n>" that does not exist yet, n counted
+/// from 0 on every call. Nothing is created.
 ZOPROJECTQT_EXPORT QString xGetNewTempPath();
 
-// A project kept in an archive (or any format of libzoproject). The archive is unpacked into a
-// private workspace under the temporary directory, edited there and packed back by save().
-// Beside each workspace a hidden record ".<workspace name>.source" names its source, so that
-// the work of a process that died can be found (recoverableWorkspaces) and taken over.
-//
-// Operations on the workspace, load and save hold one non-recursive mutex, so a model may be
-// used from several threads; signals are emitted while it is held, so a slot connected
-// directly must not call back into a locking operation of the same model.
+/// A project kept in an archive (or any format of libzoproject). The archive is unpacked into a
+/// private workspace under the temporary directory, edited there and packed back by save().
+/// Beside each workspace a hidden record ".<workspace name>.source" names its source, so that
+/// the work of a process that died can be found (recoverableWorkspaces) and taken over.
+/// Paths of the file operations are relative to the workspace (an absolute one is used as it
+/// is); they act on the workspace at once and never touch the source.
+///
+/// Operations on the workspace, load and save hold one non-recursive mutex, so a model may be
+/// used from several threads; signals are emitted while it is held, so a slot connected
+/// directly must not call back into a locking operation of the same model.
 class ZOPROJECTQT_EXPORT ProjectModel {
 public:
-    // The workspace of a process that ended without removing it.
+    /// The workspace of a process that ended without removing it.
     struct RecoverableWorkspace {
-        QString path; // the workspace directory
-        QString sourcePath; // empty when the workspace has no record
-        ArchiveFormat format; // of the source; Native when unknown
-        int pid; // of the process that made it
-        QDateTime lastModified;
+        QString path; ///< the workspace directory
+        QString sourcePath; ///< empty when the workspace has no record or no source
+        ArchiveFormat format; ///< of the source; Native when unknown
+        int pid; ///< of the process that made it
+        QDateTime lastModified; ///< the newest modification in the workspace and its record
     };
 
-    // A new, empty, unsaved project.
+    /// A new, empty, unsaved project: an empty workspace with its record.
+    /// @throws IOWriteError or ArchiveError when the workspace cannot be created.
     ProjectModel();
-    // The notifier and the workspace go to the new object. The source watcher's connection
-    // still calls the object moved from, so the new one forwards source events only after
-    // its next load() or save().
+    /// The notifier and the workspace go to the new object. The source watcher's connection
+    /// still calls the object moved from, so the new one forwards source events only after
+    /// its next load() or save().
     ProjectModel(ProjectModel&& other);
     ProjectModel& operator=(ProjectModel&&) = delete;
     ProjectModel(const ProjectModel&) = delete;
     ProjectModel& operator=(const ProjectModel&) = delete;
-    // Removes the workspace.
+    /// Removes the workspace and its record; one that cannot be removed stays for recovery.
     ~ProjectModel();
 
+    /// Replaces the workspace (removed) by a new empty one without source; unsaved.
+    /// @throws IOWriteError or ArchiveError when the workspace cannot be created.
     void createNew();
-    // Unpacks path into a new workspace; on failure the model stays as it was.
+    /// Unpacks path into a new workspace, which replaces the current one (removed); saved,
+    /// with path as the source. On failure the new workspace is removed and the model stays
+    /// as it was.
+    /// @throws ArchiveError or UnsupportedFormat as importProject.
     void load(const QString& path, ArchiveFormat format);
-    // Packs the workspace into path (empty: the source). format 0 detects it from the name
-    // (zip when the name tells nothing), 1 keeps the source's. A safe save writes a hidden
-    // temporary archive beside the target, syncs it and renames it over the target. A failed
-    // save throws IOWriteError and leaves an archive that was at the target as it was.
+    /// Packs the workspace into path (empty: the source), which becomes the source; saved.
+    /// format Auto detects it from the name (zip when the name tells nothing), Native keeps
+    /// the source's. A safe save writes a hidden temporary archive beside the target, syncs it
+    /// and renames it over the target; an unsafe one writes the target in place.
+    /// @throws PathNotFound when path is empty and there is no source.
+    /// @throws IOWriteError when the export fails: an archive that was at the target stays as
+    /// it was, the temporary one is removed, and the model is unsaved.
     void save(const QString& path, ArchiveFormat format, bool safe);
 
+    /// Starts or stops polling the source for changes by other programs, reported through
+    /// notifier(); the choice carries over to the next source.
     void enableWatching(bool enable);
+    /// Whether polling is on.
     bool isWatching() const;
+    /// False after createNew(), writeFile(), recoverWorkspace(), a failed save() or an outside
+    /// change of the source; true after load() and save().
     bool isSaved() const;
-    // Owned by the model.
+    /// The model's signals; owned by the model.
     detail::Notifier* notifier() const;
+    /// Checks the source now; a non-empty referenceList states what the previous check saw.
     void checkSourcePendingChanges(const QSet<QString>& referenceList);
+    /// Takes the source watcher's report: unsaved, and events relayed through notifier() by
+    /// path relative to the source.
     void onSourceContentChanged(const QMap<QString, FileSystemEvent>& events);
+    /// The archive last loaded or saved; empty for a new project.
     QString getSourcePath() const;
+    /// The format of the source; Native when there is none.
     ArchiveFormat xGetSourceFormat();
 
-    // Paths are relative to the workspace (an absolute one is used as it is).
+    /// Whether relative is a regular file in the workspace.
     bool hasFile(const QString& relative) const;
+    /// Whether anything is at relative in the workspace.
     bool hasPath(const QString& relative) const;
+    /// The size of the file at relative.
+    /// @throws PathNotFound when it does not exist.
     qint64 fileSize(const QString& relative) const;
-    // Modes "w", "w+", "a" and "a+" create a missing parent directory; null on failure.
+    /// A C stream on the workspace file that the caller owns; mode as for std::fopen. Modes
+    /// "w", "w+", "a" and "a+" create a missing parent directory.
+    /// @return null on failure.
     FILE* fopen(const QString& relative, const QString& mode);
+    /// The whole content of the file at relative.
+    /// @throws PathNotFound when it does not exist; IOReadError when it cannot be opened.
     QByteArray readFile(const QString& relative) const;
+    /// Replaces the content of the file at relative, creating it and its parents; unsaved.
+    /// @throws IOWriteError when it cannot be opened or not all of data reached it.
     void writeFile(const QString& relative, const QByteArray& data);
+    /// Creates a directory, with its parents when recursive.
+    /// @throws PathNotFound when the parent is missing and recursive is false.
+    /// @throws IOWriteError when the directory cannot be created.
     void mkdir(const QString& relative, bool recursive);
+    /// Copies within the workspace, as zo::project::copy.
     void copy(const QString& from, const QString& to, bool overwrite);
+    /// Moves within the workspace, as zo::project::move.
     void move(const QString& from, const QString& to, bool overwrite);
+    /// Deletes a file or tree in the workspace, as zo::project::remove.
     void remove(const QString& relative);
+    /// Copies an outside file or tree into the workspace at relative, making its parents.
+    /// @throws PathNotFound when relative is absolute, or as zo::project::copy.
     void importFile(const QString& source, const QString& relative, bool overwrite);
+    /// Copies a file or tree of other's workspace into this one. other is read without its
+    /// lock.
+    /// @throws PathNotFound when a path is absolute, or as zo::project::copy.
     void importFile(const ProjectModel& other, const QString& sourceRelative,
         const QString& relative, bool overwrite);
-    // Imports the entry again from the source (loaded or saved models only).
+    /// Imports the entry again from the source (loaded or saved models only).
+    /// @throws PathNotFound when there is no source, or as zo::project::copy.
     void importFromSource(const QString& relative, bool overwrite);
+    /// Copies a file or tree of the workspace out; a relative destination's directory is made
+    /// under the temporary directory.
+    /// @throws PathNotFound when destination is empty, or as zo::project::copy.
     void exportFile(const QString& relative, const QString& destination, bool overwrite) const;
-    // The metadata file is never listed.
+    /// The entries below relative as listDirectory() gives them (relative itself when it is a
+    /// file). The metadata file is never listed.
     QStringList getFileList(
         const QString& relative, bool showHidden, bool recursive, bool includeDirs) const;
+    /// The absolute path of relative in the workspace.
     QString getFileLocalPath(const QString& relative) const;
 
+    /// The workspace's metadata value of key; empty when absent.
+    /// @throws ArchiveError when the metadata file cannot be read.
     QString getMetadata(const QString& key) const;
-    // Takes no lock and leaves the saved flag alone.
+    /// Sets and persists a metadata value in the workspace, as Project::setMetadata. Takes no
+    /// lock and leaves the saved flag alone.
+    /// @throws ArchiveError when the metadata file cannot be replaced.
     void setMetadata(const QString& key, const QString& value);
+    /// Every metadata key of the workspace and its value.
+    /// @throws ArchiveError when the metadata file cannot be read.
     QMap<QString, QString> getMetadata() const;
 
-    // Workspaces under the temporary directory whose process has ended.
+    /// Workspaces under the temporary directory whose process has ended, by name.
     static std::vector<RecoverableWorkspace> recoverableWorkspaces();
-    // Takes the workspace over as this model's unsaved content, with its source.
+    /// Takes the workspace over as this model's unsaved content, with its source: it is
+    /// renamed to a workspace name of this process, and the current workspace is removed.
+    /// @throws PathNotFound when workspace is not one.
+    /// @throws IOWriteError when its process still runs or it cannot be renamed; the model
+    /// is then as it was.
     void recoverWorkspace(const RecoverableWorkspace& workspace);
-    // Removes the workspace and its record; false (nothing removed) while its process runs.
+    /// Removes the workspace and its record.
+    /// @return false (nothing removed) while its process runs.
+    /// @throws PathNotFound when workspace is not one.
     static bool abandonWorkspace(const RecoverableWorkspace& workspace);
 
 private:
