@@ -22,7 +22,8 @@ function(zo_add_library target)
   set_target_properties(${target} PROPERTIES
     EXPORT_NAME ${ARG_EXPORT_NAME}
     VERSION ${PROJECT_VERSION}
-    SOVERSION ${ZO_SOVERSION})
+    SOVERSION ${ZO_SOVERSION}
+    INSTALL_RPATH "$ORIGIN")
   generate_export_header(${target}
     BASE_NAME ${ARG_EXPORT_MACRO}
     EXPORT_FILE_NAME ${PROJECT_BINARY_DIR}/include/${ARG_EXPORT_HEADER})

@@ -2,7 +2,8 @@
 # Installs the Debian packages that are missing, by default those the libraries, the zoproject
 # tool and its demo need to build (the demo preset). Options add to them:
 #   --tests  the tests, the benchmarks, the examples' checks and the manual (the default preset)
-#   --qt6    Qt 6, for the qt6 preset (with --tests for its tests)
+#   --docs   Doxygen, for the manual of the release presets
+#   --qt6    Qt 6, for the qt6 and release-qt6 presets (with --tests for its tests)
 #   --fuzz   clang and its sanitizer and libFuzzer runtimes, for the fuzz preset
 set -euo pipefail
 
@@ -28,9 +29,10 @@ test_packages=(
 for option in "$@"; do
   case $option in
     --tests) packages+=("${test_packages[@]}") ;;
+    --docs) packages+=(doxygen) ;;
     --qt6) packages+=(qt6-base-dev) ;;
     --fuzz) packages+=(clang libclang-rt-dev) ;;
-    *) echo "usage: scripts/setup.sh [--tests] [--qt6] [--fuzz]" >&2; exit 2 ;;
+    *) echo "usage: scripts/setup.sh [--tests] [--docs] [--qt6] [--fuzz]" >&2; exit 2 ;;
   esac
 done
 

@@ -17,7 +17,7 @@ namespace zo::project::detail {
 class ZOPROJECTQT_EXPORT Notifier : public QObject {
     Q_OBJECT
 
-signals:
+Q_SIGNALS:
     /// The saved state changed: true when the project's content equals what was last loaded or
     /// saved.
     void saved(bool saved);
@@ -29,7 +29,7 @@ signals:
 class ZOPROJECTQT_EXPORT Notifier2 : public QObject {
     Q_OBJECT
 
-signals:
+Q_SIGNALS:
     /// The saved state changed (see ProjectDir::isSaved()).
     void saved(bool saved);
     /// Changes another program made to the project's directory, by path relative to it; a

@@ -129,7 +129,7 @@ public:
     /// zo::project::copy.
     void importFile(const QString& source, const QString& destination, bool overwrite) const;
     /// Copies the pending content (or the file itself) out of the project.
-    /// @throws as zo::project::copy.
+    /// Throws what zo::project::copy throws.
     void exportFile(const QString& path, const QString& destination, bool overwrite);
     /// Copies a file's current content to a new pending change at destination, as
     /// VFSFile::copy().
@@ -145,7 +145,7 @@ public:
     void remove(const QString& path);
     /// Replaces a pending swap file by the current content of its source, which also clears a
     /// damaged change; nothing when no change is pending.
-    /// @throws as zo::project::copy.
+    /// Throws what zo::project::copy throws.
     void updateFromSource(const QString& path);
 
     /// The swap files below the root (in directories that are not hidden, reached by no link

@@ -83,13 +83,13 @@ public:
     /// Every file below relPath (a file itself when relPath names one), as keys.
     QStringList xListAllPaths(const QString& relPath);
 
-signals:
+Q_SIGNALS:
     /// One path changed; emitted per path during a check while watching.
     void contentChanged(const QString&, zo::project::FileSystemEvent);
     /// Every change one check found, by key (removals below a removed directory left out).
     void contentChanged(const QMap<QString, zo::project::FileSystemEvent>& changes);
 
-public slots:
+public Q_SLOTS:
     /// Checks now. A non-empty referenceList replaces the set of paths known from the previous
     /// check, as keys; a path outside the root that it names is reported removed.
     void checkPendingChanges(const QSet<QString>& referenceList = QSet<QString>());

@@ -60,7 +60,7 @@ public:
     void move(const QString& newPath, bool overwrite);
     /// The copy (of the pending content, if any) becomes an uncommitted new file at newPath:
     /// its swap file is written now, newPath itself only by its commit.
-    /// @throws as zo::project::copy.
+    /// Throws what zo::project::copy throws.
     void copy(const QString& newPath);
 
     /// Closes the handle and puts the pending change in place through a backup and two renames
