@@ -205,21 +205,20 @@ TEST_F(Commit, FailedRenameKeepsBothContentsPending)
         EXPECT_EQ(readFile(swapOf("a.txt")), "new");
         EXPECT_FALSE(QFile::exists(abs("a.txtbck")));
         EXPECT_TRUE(engine->isNotCommitted("a.txt"));
+        file->discard();
     }
 }
 
-TEST_F(Commit, VanishedSwapIsLoggedAndDeletesTheSource)
+TEST_F(Commit, VanishedSwapThrowsAndKeepsTheSource)
 {
     auto file = pending("a.txt", "old", "new");
     QFile::remove(swapOf("a.txt"));
-    LogCapture log;
-    file->commit();
-    EXPECT_EQ(log.lines,
-        std::vector { LogCapture::Line("ProjectVfs", 3,
-            "A swap file doesn't exist anymore: " + engine->makeSwapPath("a.txt").toStdString()) });
-    EXPECT_FALSE(QFile::exists(abs("a.txt")));
+    EXPECT_EQ(thrownBy([&] { file->commit(); }),
+        "exception::SwapFileMissing: A swap file doesn't exist anymore: "
+            + engine->makeSwapPath("a.txt").toStdString());
+    EXPECT_EQ(readFile(abs("a.txt")), "old");
     EXPECT_FALSE(QFile::exists(abs("a.txtbck")));
-    EXPECT_FALSE(engine->isNotCommitted());
+    EXPECT_TRUE(engine->isNotCommitted());
 }
 
 TEST_F(Commit, DiscardDropsOnlyTheSwapFileAndRemoveBoth)

@@ -28,12 +28,14 @@ using testing::StartsWith;
 using Files = QMap<QString, QByteArray>;
 using Step = zo::os::fault::Step;
 
-// Every file below root, hidden ones too, with its content.
+// Every file below root, hidden ones too, with its content; the owner marks of live editors
+// aside.
 Files filesIn(const QString& root)
 {
     Files files;
     for (const QString& name : listDirectory(root, true, true, false))
-        files.insert(name, readFile(root + "/" + name));
+        if (!name.startsWith(".zo-owner-"))
+            files.insert(name, readFile(root + "/" + name));
     return files;
 }
 

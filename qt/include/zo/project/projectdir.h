@@ -42,9 +42,12 @@ public:
     void setPath(const QString& path);
     // Drops every pending edit; the saved flag stays as it is.
     void close();
-    // Commits every pending edit; on failure the flag stays unsaved and the failing file and
-    // those after it stay pending.
-    void save();
+    /// Commits every pending edit as ProjectVFS::commit(changes) does: what open handles
+    /// buffer is written out first, and unless changes is Overwrite, a source another program
+    /// changed since it was opened for writing stops the save before anything is renamed
+    /// (exception::SourceFileChanged). On failure the flag stays unsaved and the failing file
+    /// and those after it stay pending.
+    void save(SourceChanges changes = SourceChanges::Refuse);
 
     QByteArray readFile(const QString& path);
     // Writes to the file's swap file; IOWriteError when not all of data reached it.
@@ -62,6 +65,8 @@ public:
     std::vector<RecoverableInfo> recoverableFiles();
     void recoverFile(const ProjectVFS::RecoverableInfo& info);
     void abandonFile(const ProjectVFS::RecoverableInfo& info);
+    using ProjectVFS::inspect;
+    using ProjectVFS::ownerOf;
 
     void setWatching(bool on);
     bool isWatching() const;

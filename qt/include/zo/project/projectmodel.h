@@ -1,7 +1,9 @@
 #pragma once
 
+#include <zo/file.h>
 #include <zo/project/archive.h>
 #include <zo/project/notifier.h>
+#include <zo/project/projectvfs.h>
 #include <zo/project/projectwatcher.h>
 #include <zo/project/zoprojectqt_export.h>
 
@@ -16,7 +18,12 @@
 #include <atomic>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <vector>
+
+namespace zo::os {
+class OwnerMark;
+}
 
 namespace zo::project {
 
@@ -58,11 +65,15 @@ public:
     void createNew();
     // Unpacks path into a new workspace; on failure the model stays as it was.
     void load(const QString& path, ArchiveFormat format);
-    // Packs the workspace into path (empty: the source). format 0 detects it from the name
-    // (zip when the name tells nothing), 1 keeps the source's. A safe save writes a hidden
-    // temporary archive beside the target, syncs it and renames it over the target. A failed
-    // save throws IOWriteError and leaves an archive that was at the target as it was.
-    void save(const QString& path, ArchiveFormat format, bool safe);
+    /// Packs the workspace into path (empty: the source). format 0 detects it from the name
+    /// (zip when the name tells nothing), 1 keeps the source's. A safe save writes a hidden
+    /// temporary archive beside the target, syncs it and renames it over the target. A failed
+    /// save throws IOWriteError and leaves an archive that was at the target as it was. A save
+    /// to the source throws exception::SourceFileChanged, writing nothing, when another program
+    /// changed the source (device, inode, size or modification time) since it was loaded or
+    /// last saved, unless changes is Overwrite.
+    void save(const QString& path, ArchiveFormat format, bool safe,
+        ProjectVFS::SourceChanges changes = ProjectVFS::SourceChanges::Refuse);
 
     void enableWatching(bool enable);
     bool isWatching() const;
@@ -74,7 +85,9 @@ public:
     QString getSourcePath() const;
     ArchiveFormat xGetSourceFormat();
 
-    // Paths are relative to the workspace (an absolute one is used as it is).
+    // Paths are relative to the workspace (an absolute one is used as it is). A path that
+    // leads outside the workspace (through "..", elsewhere, or through a link that leaves it)
+    // throws exception::PathOutsideProject before anything is read or written.
     bool hasFile(const QString& relative) const;
     bool hasPath(const QString& relative) const;
     qint64 fileSize(const QString& relative) const;
@@ -102,11 +115,15 @@ public:
     void setMetadata(const QString& key, const QString& value);
     QMap<QString, QString> getMetadata() const;
 
-    // Workspaces under the temporary directory whose process has ended.
+    /// Workspaces under the temporary directory whose process is proven gone, by the owner
+    /// marks models leave there (see ProjectVFS::ownerOf); those of processes that may still
+    /// run, in any pid namespace, are left out.
     static std::vector<RecoverableWorkspace> recoverableWorkspaces();
-    // Takes the workspace over as this model's unsaved content, with its source.
+    /// Takes the workspace over as this model's unsaved content, with its source and the source
+    /// version it was loaded from (see save). IOWriteError while its process may still run.
     void recoverWorkspace(const RecoverableWorkspace& workspace);
-    // Removes the workspace and its record; false (nothing removed) while its process runs.
+    /// Removes the workspace and its record; false (nothing removed) while its process may
+    /// still run.
     static bool abandonWorkspace(const RecoverableWorkspace& workspace);
 
 private:
@@ -117,10 +134,14 @@ private:
     void xSetSource(const QString& path, ArchiveFormat format);
     void xCheckRelative(const QString& path) const;
 
+    // This process's owner mark in the temporary directory, made before its workspace.
+    std::shared_ptr<zo::os::OwnerMark> _mark;
     std::unique_ptr<detail::Notifier> _notifier;
     QString _sourcePath;
     std::unique_ptr<ProjectWatcher> _sourceWatcher;
     std::unique_ptr<ProjectWatcher> _project;
+    // The source's version when it was loaded or last saved; none when there was none.
+    std::optional<zo::os::FileVersion> _sourceVersion;
     mutable QMutex _mutex;
     // Guards _sourcePath alone, which getSourcePath reads without the model's mutex.
     mutable QMutex _sourcePathMutex;

@@ -28,6 +28,13 @@ class ProjectVFS_Impl;
 //
 // Handles returned by file() and open() share the engine state and stay valid after the
 // ProjectVFS is gone. Use from one thread.
+//
+// A project path that leads outside the root, through "..", as an absolute path elsewhere or
+// through a symbolic link that leaves the root, is refused with exception::PathOutsideProject
+// by every operation that reads or writes through it (mkpath and mkdir included), before
+// anything is done. Before its first swap file below the root, the project leaves a hidden
+// owner mark there (".zo-owner-<pid>.<unique>") by which other processes, also in other pid
+// namespaces or on other hosts, tell that this one still runs.
 class ZOPROJECTQT_EXPORT ProjectVFS {
 public:
     // A swap file left by some process; paths are relative to the project root.
@@ -35,6 +42,39 @@ public:
         QString swapPath;
         QString sourcePath;
         pid_t pid; // 0 when the name's process id does not fit
+    };
+
+    /// What is known of the process that made a swap file, as QLockFile::getLockInfo tells of
+    /// a lock's owner. The owner is judged running unless it is proven gone, in any pid
+    /// namespace and, where the file system carries locks, on any host.
+    struct OwnerInfo {
+        /// How the owner stands.
+        enum class State {
+            Running, ///< it still runs: its files are never moved or deleted
+            Ended, ///< it is proven gone: its files may be recovered or abandoned
+            InUseElsewhere ///< it cannot be told (another host): treated as running
+        };
+        State state = State::InUseElsewhere;
+        qint64 pid = 0; ///< in its own pid namespace
+        QString hostName; ///< empty where unknown
+        QString program; ///< the file name of its program; empty where unknown
+        QDateTime started; ///< invalid where unknown
+    };
+
+    /// What is known of a swap file that recoverableFiles() found.
+    struct RecoverableState {
+        OwnerInfo owner;
+        /// The source is no longer the file the swap file was made from (by device, inode,
+        /// size and modification time, as its owner noted them); for a swap file of an older
+        /// version, which noted nothing, the source was modified after the swap file was made.
+        bool sourceChanged = false;
+    };
+
+    /// Whether a commit may replace a source that another program changed since its swap file
+    /// was made (or last refreshed from the source).
+    enum class SourceChanges {
+        Refuse, ///< throw exception::SourceFileChanged and commit nothing
+        Overwrite ///< commit anyway: that program's change is replaced
     };
 
     explicit ProjectVFS(const QString& path);
@@ -58,8 +98,13 @@ public:
     QString makeSwapPath(const QString& path) const;
     QString makeBackupPath(const QString& path) const;
 
+    /// A handle on path, which may be a link whose target lies outside (the handle then names
+    /// the link itself). Throws exception::PathOutsideProject when path's directory is not
+    /// inside the project.
     std::unique_ptr<VFSFile> file(const QString& path);
-    void commit(const QString& path);
+    /// Commits the pending change of path: see commit(SourceChanges) for what is written out
+    /// first and what is checked.
+    void commit(const QString& path, SourceChanges changes = SourceChanges::Refuse);
     void discard(const QString& path);
     // Throws exception::OpenSwapFile when the file cannot be opened.
     std::unique_ptr<VFSFile> open(const QString& path, QIODevice::OpenMode mode);
@@ -75,9 +120,18 @@ public:
     void setPath(const QString& path);
     // True also for a new file that so far exists only as its swap file.
     bool exists(const QString& path) const;
-    // Commits every pending file in path order; stops at the first failure, which leaves it
-    // and every later file pending.
-    void commit();
+    /// Commits every pending file in path order. First writes out what the open handles of
+    /// those files still buffer (a handle whose write failed damages its file: SwapFileDamaged).
+    /// Unless changes is Overwrite, then checks every source against the version its swap
+    /// file was made from and, when another program changed any, throws
+    /// exception::SourceFileChanged naming each and commits nothing. A source that is a link
+    /// inside the project stays a link: its target takes the new content. Otherwise stops at
+    /// the first failure (the exception::SwapFileCommit family), which leaves that file and
+    /// every later one pending; what was committed before it is durable. A file whose swap file
+    /// is gone throws exception::SwapFileMissing and keeps its source. Handles still open on a
+    /// committed file are closed: what they write afterwards goes nowhere.
+    void commit(SourceChanges changes = SourceChanges::Refuse);
+    /// Drops every pending change; handles still open on them are closed.
     void discard();
 
     QStringList getFileList(
@@ -93,24 +147,31 @@ public:
     // Replaces a pending swap file by the current content of its source.
     void updateFromSource(const QString& path);
 
+    /// Every swap file below the root, those of running processes and of this one included:
+    /// the root's first, then each directory's, a directory before the directories below it.
+    /// Hidden directories, directories this process may not both read and write, and
+    /// directories reached through a link (other than a link to a directory inside the
+    /// project, whose own swap files count) are left out. Never throws for file-system reasons.
     std::vector<RecoverableInfo> recoverableFiles();
+    /// Whether the process that made info's swap file still runs, and what is known of it.
+    OwnerInfo ownerOf(const RecoverableInfo& info) const;
+    /// ownerOf and more for each of found, reading each directory's owner marks once.
+    std::vector<RecoverableState> inspect(const std::vector<RecoverableInfo>& found) const;
     /// What recoverableFiles() returned when the project was opened or its path last set, in
     /// the walk that put back the sources of interrupted commits: a caller that lists the swap
     /// files right after opening needs no second walk. Empty for a facade without a path.
     const std::vector<RecoverableInfo>& recoverableFilesWhenOpened() const;
-    // Takes the swap file over as this process's pending change of info.sourcePath; a file of
-    // a process that still runs is copied rather than moved.
+    /// Takes the swap file over as this process's pending change of info.sourcePath, with the
+    /// source version its owner noted, so that a later commit still sees what another program
+    /// changed since. A file whose owner may still run (ownerOf) is copied, never moved; the
+    /// move is durable once this returns. Throws exception::SwapFileRename when the transfer
+    /// fails (the target exists, or this is the process's own file): both files stay.
     void recoverFile(const RecoverableInfo& info);
-    // Deletes the swap file unless its process still runs.
+    /// Deletes the swap file unless its owner may still run (then only logs why not).
+    /// exception::SwapFileRemove when the removal fails.
     void abandonFile(const RecoverableInfo& info);
 
 private:
-    // Whether the process that made a swap file last modified at swapModified still runs: a
-    // process of that id which started later only reused it. An empty programName accepts any
-    // program; an invalid time skips the test of the start.
-    static bool isProcessRunning(
-        pid_t pid, const std::string& programName, const QDateTime& swapModified);
-    bool isOwnerRunning(const RecoverableInfo& info, const std::string& programName) const;
     void xRestoreInterruptedCommits();
 
     std::shared_ptr<detail::ProjectVFS_Impl> _impl;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <zo/project/projectvfs.h>
 #include <zo/project/zoprojectqt_export.h>
 
 #include <QFile>
@@ -46,7 +47,9 @@ public:
     // The copy (of the pending content, if any) becomes an uncommitted new file at newPath.
     void copy(const QString& newPath);
 
-    void commit();
+    /// Commits this file's pending change as ProjectVFS::commit(path, changes) does; closes
+    /// this handle first.
+    void commit(ProjectVFS::SourceChanges changes = ProjectVFS::SourceChanges::Refuse);
     void discard();
     void remove();
 
