@@ -24,40 +24,13 @@ static bool operator==(const ProjectVFS::RecoverableInfo& a, const ProjectVFS::R
 
 namespace {
 
+using test::deadPid;
+using test::LiveInstance;
 using test::LogCapture;
 using test::readFile;
 using test::thrownBy;
 using test::writeFile;
 using Info = ProjectVFS::RecoverableInfo;
-
-// A process that has already ended; its id is free unless the system reuses it at once.
-pid_t deadPid()
-{
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(0);
-    waitpid(child, nullptr, 0);
-    return child;
-}
-
-// A live process that counts as another instance of this program: a forked copy of it.
-struct LiveInstance {
-    LiveInstance()
-    {
-        if (pid == 0) {
-            pause();
-            _exit(0);
-        }
-    }
-    ~LiveInstance()
-    {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
-    LiveInstance(const LiveInstance&) = delete;
-
-    const pid_t pid = fork();
-};
 
 class Recovery : public ::testing::Test {
 protected:

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cxxabi.h>
 #include <exception>
 #include <memory>
@@ -93,6 +94,30 @@ ScopedMount::ScopedMount(const TestPath& path, const char* tmpfsOptions)
 ScopedMount::~ScopedMount()
 {
     ::umount2(target.constData(), MNT_DETACH);
+}
+
+pid_t deadPid()
+{
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(0);
+    ::waitpid(child, nullptr, 0);
+    return child;
+}
+
+LiveInstance::LiveInstance()
+    : pid(::fork())
+{
+    if (pid != 0)
+        return;
+    ::pause();
+    ::_exit(0);
+}
+
+LiveInstance::~LiveInstance()
+{
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
 }
 
 int runAsNobody(const std::function<int()>& body)

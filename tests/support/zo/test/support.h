@@ -73,6 +73,20 @@ struct ScopedMount {
     bool mounted = false;
 };
 
+// A process that has already ended; its id is free unless the system reuses it at once.
+pid_t deadPid();
+
+// A live process that counts as another instance of this program: a forked copy of it, which
+// waits until the object goes.
+struct LiveInstance {
+    LiveInstance();
+    ~LiveInstance();
+    LiveInstance(const LiveInstance&) = delete;
+    LiveInstance& operator=(const LiveInstance&) = delete;
+
+    const pid_t pid;
+};
+
 // Runs body in a forked child under the unprivileged uid "nobody"; the child's exit code is
 // body's result (0 for success). Root ignores permission bits, so tests of refused access
 // need a real unprivileged process.

@@ -1,0 +1,243 @@
+// Whether the owner of a swap file still runs, judged from every side: owners in this and in
+// other pid namespaces, ids reused by other processes and threads, earlier boots, other hosts.
+// Nothing of an owner that may still run is ever moved or deleted.
+#include <zo/fault.h>
+#include <zo/owner.h>
+#include <zo/project/exceptions.h>
+#include <zo/project/projectvfs.h>
+#include <zo/project/vfsfile.h>
+#include <zo/test/support.h>
+
+#include <QCoreApplication>
+#include <QProcess>
+#include <QSysInfo>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <future>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace zo::project {
+namespace {
+
+using namespace test;
+using State = ProjectVFS::OwnerInfo::State;
+using Info = ProjectVFS::RecoverableInfo;
+using Clock = std::chrono::system_clock;
+
+QByteArray firstLineOf(const char* path)
+{
+    return QFile::exists(path) ? readFile(path).split('\n').first() : QByteArray();
+}
+
+bool canUnsharePids()
+{
+    static const bool allowed
+        = QProcess::execute("unshare", { "--pid", "--fork", "--mount-proc", "true" }) == 0;
+    return allowed;
+}
+
+// Runs liveness_child, in a sandbox when asked: a pid namespace of its own, in which it is not
+// the first process but the second, as a sandboxed application is.
+void startChild(QProcess& process, const QStringList& arguments, bool sandboxed = false)
+{
+    const QString child = QCoreApplication::applicationDirPath() + "/liveness_child";
+    if (sandboxed)
+        process.start("unshare",
+            QStringList {
+                "--pid", "--fork", "--mount-proc", "sh", "-c", "\"$0\" \"$@\"; exit $?", child }
+                + arguments);
+    else
+        process.start(child, arguments);
+}
+
+// A mark as a process that ended left it: nobody holds its lock.
+void forgeMark(const QString& directory, pid_t pid, const QByteArray& host, const QByteArray& boot,
+    Clock::time_point marked)
+{
+    const QByteArray when = QByteArray::number(static_cast<qint64>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(marked.time_since_epoch()).count()));
+    writeFile(directory + QString("/.zo-owner-%1.forged").arg(pid),
+        "zo-owner 1\nhost " + host + "\nmachine " + firstLineOf("/etc/machine-id") + "\nboot "
+            + boot + "\npidns pid:[1]\npid " + QByteArray::number(pid) + "\nstarted " + when
+            + "\nprogram \nmarked " + when + "\nlocked 1\n");
+}
+
+const QByteArray kHost = QSysInfo::machineHostName().toUtf8();
+const QByteArray kBoot = firstLineOf("/proc/sys/kernel/random/boot_id");
+
+TEST(Liveness, OwnersAreJudgedByTheirMarksWhateverHoldsTheirIdNow)
+{
+    const LiveInstance thisProgram;
+    QProcess otherProgram;
+    otherProgram.start("sleep", { "60" });
+    ASSERT_TRUE(otherProgram.waitForStarted());
+    std::promise<pid_t> threadId;
+    std::promise<void> done;
+    std::thread thread([&] {
+        threadId.set_value(static_cast<pid_t>(::syscall(SYS_gettid)));
+        done.get_future().wait();
+    });
+    const pid_t aThread = threadId.get_future().get();
+    const pid_t ended = deadPid();
+    const auto before = Clock::now() - std::chrono::minutes(1);
+    const auto beforeBoot = Clock::time_point(std::chrono::hours(1));
+
+    const struct {
+        const char* what;
+        pid_t pid;
+        QByteArray host, boot;
+        Clock::time_point marked;
+        State state;
+    } rows[] = {
+        { "id reused by another program", pid_t(otherProgram.processId()), kHost, kBoot, before,
+            State::Ended },
+        { "id reused by this program", thisProgram.pid, kHost, kBoot, before, State::Ended },
+        { "id reused by a thread", aThread, kHost, kBoot, before, State::Ended },
+        { "owner of an earlier boot", ended, kHost, "an-earlier-boot", beforeBoot, State::Ended },
+        { "owner on another host", ended, "elsewhere", "its-boot", before, State::InUseElsewhere },
+        { "mark without a record", ended, "", "", before, State::InUseElsewhere },
+        { "no mark, process ended", ended, {}, {}, {}, State::Ended },
+        { "no mark, process runs", thisProgram.pid, {}, {}, {}, State::Running },
+    };
+    for (const auto& row : rows) {
+        const QTemporaryDir dir;
+        ProjectVFS project(dir.path());
+        const Info info { QString(".a.txt.%1.csp").arg(row.pid), "a.txt", row.pid };
+        writeFile(dir.filePath(info.swapPath), "work");
+        if (row.marked != Clock::time_point())
+            forgeMark(dir.path(), row.pid, row.host, row.boot, row.marked);
+        EXPECT_EQ(project.ownerOf(info).state, row.state) << row.what;
+        project.abandonFile(info);
+        EXPECT_EQ(QFile::exists(dir.filePath(info.swapPath)), row.state != State::Ended)
+            << row.what;
+    }
+    done.set_value();
+    thread.join();
+    otherProgram.kill();
+    otherProgram.waitForFinished();
+}
+
+// Another program holds a pending edit, here or sandboxed, and is judged here or from a
+// sandbox, where the judge has no QCoreApplication either.
+TEST(Liveness, LiveOwnersRunInEveryPidNamespace)
+{
+    for (const auto& [ownerSandboxed, judgeSandboxed] :
+        { std::pair { false, false }, { true, false }, { false, true } }) {
+        if ((ownerSandboxed || judgeSandboxed) && !canUnsharePids())
+            continue;
+        SCOPED_TRACE(testing::Message() << ownerSandboxed << judgeSandboxed);
+        const QTemporaryDir dir;
+        QProcess owner;
+        startChild(owner, { "hold", dir.path(), "a.txt" }, ownerSandboxed);
+        ASSERT_TRUE(owner.waitForReadyRead(20000)) << owner.readAllStandardError().toStdString();
+        ProjectVFS project(dir.path());
+        const auto found = project.recoverableFiles();
+        ASSERT_EQ(found.size(), 1u);
+        if (judgeSandboxed) {
+            QProcess judge;
+            startChild(judge, { "abandon", dir.path() }, true);
+            ASSERT_TRUE(judge.waitForFinished(20000));
+            EXPECT_EQ(judge.readAllStandardOutput(), "0\n")
+                << judge.readAllStandardError().toStdString();
+        } else {
+            EXPECT_EQ(project.ownerOf(found[0]).state, State::Running);
+            project.abandonFile(found[0]);
+            project.recoverFile(found[0]);
+            project.discard();
+        }
+        EXPECT_EQ(readFile(dir.filePath(found[0].swapPath)), "live");
+        owner.closeWriteChannel();
+        ASSERT_TRUE(owner.waitForFinished());
+        EXPECT_EQ(owner.exitCode(), 0);
+    }
+    if (!canUnsharePids())
+        GTEST_SKIP() << "no pid namespaces here";
+}
+
+// A sandboxed instance that ended left a swap file under the id this process has now.
+TEST(Liveness, SwapOfAnEndedProcessOfThisIdIsTakenOverWhereItLies)
+{
+    const QTemporaryDir dir;
+    const pid_t self = ::getpid();
+    const Info theirs { QString(".a.txt.%1.csp").arg(self), "a.txt", self };
+    const QString swap = dir.filePath(theirs.swapPath);
+    writeFile(swap, "their work");
+    std::filesystem::last_write_time(swap.toStdString(),
+        std::filesystem::file_time_type::clock::now() - std::chrono::seconds(30));
+    forgeMark(dir.path(), self, kHost, kBoot, Clock::now() - std::chrono::minutes(1));
+    ProjectVFS project(dir.path());
+    project.open("b.txt", QIODevice::WriteOnly)->write("mine");
+
+    EXPECT_EQ(project.ownerOf(theirs).state, State::Ended);
+    zo::os::fault::inject(zo::os::fault::Step::Rename, 1, EIO);
+    EXPECT_THROW(
+        project.recoverFile({ theirs.swapPath, "c.txt", self }), exception::SwapFileRename);
+    zo::os::fault::clear();
+    project.recoverFile(theirs);
+    EXPECT_EQ(project.ownerOf(theirs).state, State::Running);
+    project.commit();
+    EXPECT_EQ(readFile(dir.filePath("a.txt")), "their work");
+}
+
+// As zoproject recover --all does it, again and again while another program saves.
+TEST(Liveness, RecoveryWhileAnotherProgramSavesLeavesItAlone)
+{
+    const QTemporaryDir dir;
+    QProcess editor;
+    startChild(editor, { "save", dir.path(), "a.txt", "100" });
+    int rounds = 0;
+    for (; !editor.waitForFinished(0); ++rounds) {
+        ProjectVFS recovery(dir.path());
+        const auto found = recovery.recoverableFilesWhenOpened();
+        const auto states = recovery.inspect(found);
+        for (std::size_t at = 0; at < found.size(); ++at)
+            if (states[at].owner.state == State::Ended)
+                recovery.recoverFile(found[at]);
+        recovery.commit();
+    }
+    EXPECT_EQ(editor.exitCode(), 0) << editor.readAllStandardError().toStdString();
+    EXPECT_EQ(readFile(dir.filePath("a.txt")), "1") << rounds << " rounds";
+}
+
+TEST(Liveness, BackupOfAnotherProcessesCommitIsLeftAlone)
+{
+    const QTemporaryDir dir;
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t committer = ::fork();
+    if (committer == 0) {
+        const zo::os::OwnerMark::Replacing replacing(
+            zo::os::OwnerMark::hold(dir.path().toStdString()));
+        if (::write(ready[1], "r", 1) == 1)
+            ::pause();
+        ::_exit(0);
+    }
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    writeFile(dir.filePath("a.txt"), "old");
+    ProjectVFS project(dir.path());
+    project.open("a.txt", QIODevice::WriteOnly)->write("new");
+    writeFile(dir.filePath("a.txtbck"), "theirs");
+    EXPECT_THROW(project.commit(), exception::SourceFileBackupRemove);
+    EXPECT_EQ(readFile(dir.filePath("a.txtbck")), "theirs");
+
+    ::kill(committer, SIGKILL);
+    ::waitpid(committer, nullptr, 0);
+    // A leftover now: removed, and the commit stops once.
+    EXPECT_THROW(project.commit(), exception::SourceFileBackupRemove);
+    project.commit();
+    EXPECT_EQ(readFile(dir.filePath("a.txt")), "new");
+}
+
+} // namespace
+} // namespace zo::project
