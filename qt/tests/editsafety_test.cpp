@@ -1,5 +1,6 @@
 // What a commit must never lose: what open handles still buffer, a source another program
 // changed, a link's place, anything outside the project; and recovery finds every swap file.
+#include <zo/fault.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/projectdir.h>
 #include <zo/project/projectmodel.h>
@@ -31,6 +32,11 @@ TEST_F(EditSafety, CommitWritesOutOpenHandlesAndClosesThem)
     writeFile(abs("a.txt"), "old");
     const auto handle = vfs.open("a.txt", QIODevice::WriteOnly | QIODevice::Truncate);
     handle->write("new");
+    // Written out before anything is renamed, so that a crash at a rename keeps it.
+    zo::os::fault::inject(zo::os::fault::Step::Rename, 2, EIO);
+    EXPECT_THROW(vfs.commit(), exception::SwapFileRename);
+    zo::os::fault::clear();
+    EXPECT_EQ(readFile(abs(vfs.makeSwapPath("a.txt"))), "new");
     vfs.commit();
     EXPECT_EQ(readFile(abs("a.txt")), "new");
     EXPECT_FALSE(handle->isOpen());
