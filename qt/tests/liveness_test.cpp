@@ -19,6 +19,7 @@
 #include <csignal>
 #include <filesystem>
 #include <future>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
@@ -237,6 +238,31 @@ TEST(Liveness, BackupOfAnotherProcessesCommitIsLeftAlone)
     EXPECT_THROW(project.commit(), exception::SourceFileBackupRemove);
     project.commit();
     EXPECT_EQ(readFile(dir.filePath("a.txt")), "new");
+}
+
+// The owner mark is one descriptor per project, not one per pending file.
+TEST(Liveness, ManyPendingFilesNeedNoDescriptorEach)
+{
+    const QTemporaryDir dir;
+    const pid_t editor = ::fork();
+    if (editor == 0) {
+        const rlimit few { 64, 64 };
+        try {
+            ProjectVFS project(dir.path());
+            if (::setrlimit(RLIMIT_NOFILE, &few) != 0)
+                ::_exit(3);
+            for (int at = 0; at < 100; ++at)
+                project.open(QString("f%1").arg(at), QIODevice::WriteOnly)->write("x");
+            project.inspect(project.recoverableFiles());
+            project.commit();
+            ::_exit(QDir(dir.path()).entryList(QDir::Files).size() == 100 ? 0 : 1);
+        } catch (...) {
+            ::_exit(2);
+        }
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(editor, &status, 0), editor);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 } // namespace
