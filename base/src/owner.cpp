@@ -264,6 +264,7 @@ struct Registry {
     struct Entry {
         FileIdentity directory;
         FileIdentity file;
+        int owner; // a forked child finds its parent's marks here
         OwnerMark* mark;
         std::weak_ptr<OwnerMark> shared;
     };
@@ -293,8 +294,11 @@ bool isOurs(const FileIdentity& markFile)
 {
     Registry& marks = registry();
     const std::lock_guard lock(marks.mutex);
-    return std::any_of(marks.entries.begin(), marks.entries.end(),
-        [&markFile](const Registry::Entry& entry) { return entry.file == markFile; });
+    const int self = ::getpid();
+    return std::any_of(
+        marks.entries.begin(), marks.entries.end(), [&](const Registry::Entry& entry) {
+            return entry.file == markFile && entry.owner == self;
+        });
 }
 
 // A process of that id that started then, give or take the clocks' disagreement, runs in this
@@ -344,7 +348,7 @@ std::shared_ptr<OwnerMark> OwnerMark::hold(const std::string& directory)
     const std::lock_guard lock(marks.mutex);
     const int self = ::getpid();
     for (const Registry::Entry& entry : marks.entries)
-        if (entry.directory == found->identity && entry.mark->_owner == self)
+        if (entry.directory == found->identity && entry.owner == self)
             if (std::shared_ptr<OwnerMark> shared = entry.shared.lock())
                 return shared;
 
@@ -354,11 +358,14 @@ std::shared_ptr<OwnerMark> OwnerMark::hold(const std::string& directory)
     const std::optional<FileStatus> made = file ? status(file.get()) : std::nullopt;
     if (!made)
         return nullptr;
-    const std::optional<Process> process = findProcess(self);
+    // Read once per process, under the registry's lock; a forked child reads its own.
+    static std::pair<int, std::optional<Process>> process;
+    if (process.first != self)
+        process = { self, findProcess(self) };
     const ThisSystem& system = thisSystem();
     const OwnerRecord record { system.host, system.machine, system.boot, currentPidNamespace(),
-        self, process ? process->started : Clock::time_point(),
-        process ? process->program : std::string(), modificationTime(*made),
+        self, process.second ? process.second->started : Clock::time_point(),
+        process.second ? process.second->program : std::string(), modificationTime(*made),
         setLock(file.get(), F_WRLCK, kLifeByte) };
     const std::string text = recordText(record);
     // Others must be able to read the record to judge this process.
@@ -369,7 +376,7 @@ std::shared_ptr<OwnerMark> OwnerMark::hold(const std::string& directory)
         return nullptr;
     }
     auto mark = std::make_shared<OwnerMark>(Token {}, std::move(file), *resolved, path);
-    marks.entries.push_back({ found->identity, made->identity, mark.get(), mark });
+    marks.entries.push_back({ found->identity, made->identity, self, mark.get(), mark });
     return mark;
 }
 
@@ -407,11 +414,15 @@ bool OwnerMark::noteSource(const std::string& pendingFile, const std::optional<F
     const std::size_t slash = pendingFile.rfind('/');
     const std::optional<std::string> directory
         = slash == std::string::npos ? std::nullopt : realPath(pendingFile.substr(0, slash + 1));
-    if (!directory || (directory->compare(0, _directory.size(), _directory) != 0)) {
+    const bool below = directory && directory->compare(0, _directory.size(), _directory) == 0
+        && (_directory == "/" || directory->size() == _directory.size()
+            || (*directory)[_directory.size()] == '/');
+    if (!below) {
         errno = EINVAL;
         return false;
     }
-    std::string relative = *directory + '/' + pendingFile.substr(slash + 1);
+    std::string relative
+        = (*directory == "/" ? "" : *directory) + '/' + pendingFile.substr(slash + 1);
     relative.erase(0, _directory == "/" ? 1 : _directory.size() + 1);
     const std::string text = noteText(relative, source);
     return writeAll(_descriptor.get(), text.data(), text.size(), 0);
