@@ -1,13 +1,16 @@
 // Another program on a project, for the liveness tests; it makes no QCoreApplication.
 //   hold DIR FILE...   edits each FILE, says "ready" and keeps the edits pending until stdin ends
+//   model DIR          an archive project with an unsaved file, until killed; DIR unused
 //   abandon DIR        prints each swap file's owner state, then abandons each
 //   save DIR FILE N    edits and commits FILE N times
+#include <zo/project/projectmodel.h>
 #include <zo/project/projectvfs.h>
 #include <zo/project/vfsfile.h>
 
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <unistd.h>
 
 int main(int argc, char** argv)
 {
@@ -16,12 +19,16 @@ int main(int argc, char** argv)
     try {
         zo::project::ProjectVFS project(QString::fromLocal8Bit(argv[2]));
         const std::string mode = argv[1];
-        if (mode == "hold") {
+        zo::project::ProjectModel model;
+        if (mode == "hold" || mode == "model") {
             for (int at = 3; at < argc; ++at)
                 project.open(QString::fromLocal8Bit(argv[at]), QIODevice::WriteOnly)->write("live");
+            model.writeFile("a.txt", "live");
             std::puts("ready");
             std::fflush(stdout);
-            while (std::getchar() != EOF) { }
+            while (mode == "model" || std::getchar() != EOF)
+                if (mode == "model")
+                    ::pause();
         } else if (mode == "abandon") {
             for (const auto& info : project.recoverableFiles()) {
                 std::printf("%d\n", static_cast<int>(project.ownerOf(info).state));

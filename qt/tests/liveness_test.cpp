@@ -4,6 +4,7 @@
 #include <zo/fault.h>
 #include <zo/owner.h>
 #include <zo/project/exceptions.h>
+#include <zo/project/projectmodel.h>
 #include <zo/project/projectvfs.h>
 #include <zo/project/vfsfile.h>
 #include <zo/test/support.h>
@@ -12,6 +13,7 @@
 #include <QProcess>
 #include <QSysInfo>
 #include <QTemporaryDir>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -45,15 +47,16 @@ bool canUnsharePids()
     return allowed;
 }
 
-// Runs liveness_child, in a sandbox when asked: a pid namespace of its own, in which it is not
-// the first process but the second, as a sandboxed application is.
-void startChild(QProcess& process, const QStringList& arguments, bool sandboxed = false)
+// Runs liveness_child; given sandboxPid, in a sandbox: a pid namespace of its own, where it has
+// that id. An id that no process here has keeps a wrong verdict from passing by luck.
+void startChild(QProcess& process, const QStringList& arguments, pid_t sandboxPid = 0)
 {
     const QString child = QCoreApplication::applicationDirPath() + "/liveness_child";
-    if (sandboxed)
+    if (sandboxPid != 0)
         process.start("unshare",
-            QStringList {
-                "--pid", "--fork", "--mount-proc", "sh", "-c", "\"$0\" \"$@\"; exit $?", child }
+            QStringList { "--pid", "--fork", "--mount-proc", "--kill-child", "sh", "-c",
+                "echo $(($0 - 1)) >/proc/sys/kernel/ns_last_pid && \"$@\"; exit $?",
+                QString::number(sandboxPid), child }
                 + arguments);
     else
         process.start(child, arguments);
@@ -137,14 +140,14 @@ TEST(Liveness, LiveOwnersRunInEveryPidNamespace)
         SCOPED_TRACE(testing::Message() << ownerSandboxed << judgeSandboxed);
         const QTemporaryDir dir;
         QProcess owner;
-        startChild(owner, { "hold", dir.path(), "a.txt" }, ownerSandboxed);
+        startChild(owner, { "hold", dir.path(), "a.txt" }, ownerSandboxed ? deadPid() : 0);
         ASSERT_TRUE(owner.waitForReadyRead(20000)) << owner.readAllStandardError().toStdString();
         ProjectVFS project(dir.path());
         const auto found = project.recoverableFiles();
         ASSERT_EQ(found.size(), 1u);
         if (judgeSandboxed) {
             QProcess judge;
-            startChild(judge, { "abandon", dir.path() }, true);
+            startChild(judge, { "abandon", dir.path() }, deadPid());
             ASSERT_TRUE(judge.waitForFinished(20000));
             EXPECT_EQ(judge.readAllStandardOutput(), "0\n")
                 << judge.readAllStandardError().toStdString();
@@ -161,6 +164,53 @@ TEST(Liveness, LiveOwnersRunInEveryPidNamespace)
     }
     if (!canUnsharePids())
         GTEST_SKIP() << "no pid namespaces here";
+}
+
+TEST(Liveness, WorkspaceOfASandboxedModelIsNeitherListedNorAbandoned)
+{
+    if (!canUnsharePids())
+        GTEST_SKIP() << "no pid namespaces here";
+    const QTemporaryDir temp;
+    const QByteArray previous = qgetenv("TMPDIR");
+    qputenv("TMPDIR", QFile::encodeName(temp.path()));
+    QProcess owner;
+    const pid_t sandboxed = deadPid();
+    startChild(owner, { "model", temp.path() }, sandboxed);
+    ASSERT_TRUE(owner.waitForReadyRead(20000)) << owner.readAllStandardError().toStdString();
+    const QString workspace = temp.filePath(QString("zo_project_model_%1_0").arg(sandboxed));
+    EXPECT_TRUE(ProjectModel::recoverableWorkspaces().empty());
+    EXPECT_FALSE(
+        ProjectModel::abandonWorkspace({ workspace, {}, ArchiveFormat::Native, sandboxed, {} }));
+    EXPECT_EQ(readFile(workspace + "/a.txt"), "live");
+    owner.kill();
+    owner.waitForFinished();
+    // The sandbox's processes die after the one that made it.
+    for (int wait = 0; wait < 200 && ProjectModel::recoverableWorkspaces().empty(); ++wait)
+        QThread::msleep(10);
+    EXPECT_EQ(ProjectModel::recoverableWorkspaces().size(), 1u);
+    qputenv("TMPDIR", previous);
+}
+
+// An editor killed with a pending change noted the version of the source it started from: a
+// change another program made since shows, and stops the commit of the recovered file.
+TEST(Liveness, RecoveredFileKeepsTheSourceVersionItsOwnerNoted)
+{
+    const QTemporaryDir dir;
+    writeFile(dir.filePath("a.txt"), "old");
+    QProcess editor;
+    startChild(editor, { "hold", dir.path(), "a.txt" });
+    ASSERT_TRUE(editor.waitForReadyRead(20000));
+    editor.kill();
+    editor.waitForFinished();
+    writeFile(dir.filePath("a.txt"), "changed meanwhile");
+    ProjectVFS project(dir.path());
+    const auto found = project.recoverableFiles();
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_TRUE(project.inspect(found).front().sourceChanged);
+    project.recoverFile(found[0]);
+    EXPECT_THROW(project.commit(), exception::SourceFileChanged);
+    project.commit(ProjectVFS::SourceChanges::Overwrite);
+    EXPECT_EQ(readFile(dir.filePath("a.txt")), "live");
 }
 
 // A sandboxed instance that ended left a swap file under the id this process has now.
