@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <string>
 #include <unistd.h>
 
@@ -19,11 +20,12 @@ int main(int argc, char** argv)
     try {
         zo::project::ProjectVFS project(QString::fromLocal8Bit(argv[2]));
         const std::string mode = argv[1];
-        zo::project::ProjectModel model;
         if (mode == "hold" || mode == "model") {
             for (int at = 3; at < argc; ++at)
                 project.open(QString::fromLocal8Bit(argv[at]), QIODevice::WriteOnly)->write("live");
-            model.writeFile("a.txt", "live");
+            std::optional<zo::project::ProjectModel> model;
+            if (mode == "model")
+                model.emplace().writeFile("a.txt", "live");
             std::puts("ready");
             std::fflush(stdout);
             while (mode == "model" || std::getchar() != EOF)

@@ -35,11 +35,6 @@ using State = ProjectVFS::OwnerInfo::State;
 using Info = ProjectVFS::RecoverableInfo;
 using Clock = std::chrono::system_clock;
 
-QByteArray firstLineOf(const char* path)
-{
-    return QFile::exists(path) ? readFile(path).split('\n').first() : QByteArray();
-}
-
 bool canUnsharePids()
 {
     static const bool allowed
@@ -60,18 +55,6 @@ void startChild(QProcess& process, const QStringList& arguments, pid_t sandboxPi
                 + arguments);
     else
         process.start(child, arguments);
-}
-
-// A mark as a process that ended left it: nobody holds its lock.
-void forgeMark(const QString& directory, pid_t pid, const QByteArray& host, const QByteArray& boot,
-    Clock::time_point marked)
-{
-    const QByteArray when = QByteArray::number(static_cast<qint64>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(marked.time_since_epoch()).count()));
-    writeFile(directory + QString("/.zo-owner-%1.forged").arg(pid),
-        "zo-owner 1\nhost " + host + "\nmachine " + firstLineOf("/etc/machine-id") + "\nboot "
-            + boot + "\npidns pid:[1]\npid " + QByteArray::number(pid) + "\nstarted " + when
-            + "\nprogram \nmarked " + when + "\nlocked 1\n");
 }
 
 const QByteArray kHost = QSysInfo::machineHostName().toUtf8();
@@ -117,7 +100,7 @@ TEST(Liveness, OwnersAreJudgedByTheirMarksWhateverHoldsTheirIdNow)
         const Info info { QString(".a.txt.%1.csp").arg(row.pid), "a.txt", row.pid };
         writeFile(dir.filePath(info.swapPath), "work");
         if (row.marked != Clock::time_point())
-            forgeMark(dir.path(), row.pid, row.host, row.boot, row.marked);
+            writeEndedOwnerMark(dir.path(), row.pid, row.host, row.boot, row.marked);
         EXPECT_EQ(project.ownerOf(info).state, row.state) << row.what;
         project.abandonFile(info);
         EXPECT_EQ(QFile::exists(dir.filePath(info.swapPath)), row.state != State::Ended)
@@ -223,7 +206,7 @@ TEST(Liveness, SwapOfAnEndedProcessOfThisIdIsTakenOverWhereItLies)
     writeFile(swap, "their work");
     std::filesystem::last_write_time(swap.toStdString(),
         std::filesystem::file_time_type::clock::now() - std::chrono::seconds(30));
-    forgeMark(dir.path(), self, kHost, kBoot, Clock::now() - std::chrono::minutes(1));
+    writeEndedOwnerMark(dir.path(), self, kHost, kBoot, Clock::now() - std::chrono::minutes(1));
     ProjectVFS project(dir.path());
     project.open("b.txt", QIODevice::WriteOnly)->write("mine");
 

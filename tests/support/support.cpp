@@ -96,6 +96,22 @@ ScopedMount::~ScopedMount()
     ::umount2(target.constData(), MNT_DETACH);
 }
 
+QByteArray firstLineOf(const char* path)
+{
+    return QFile::exists(path) ? readFile(path).split('\n').first() : QByteArray();
+}
+
+void writeEndedOwnerMark(const QString& directory, pid_t pid, const QByteArray& host,
+    const QByteArray& boot, std::chrono::system_clock::time_point marked)
+{
+    const QByteArray when = QByteArray::number(static_cast<qint64>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(marked.time_since_epoch()).count()));
+    writeFile(directory + QStringLiteral("/.zo-owner-%1.written").arg(pid),
+        "zo-owner 1\nhost " + host + "\nmachine " + firstLineOf("/etc/machine-id") + "\nboot "
+            + boot + "\npidns pid:[1]\npid " + QByteArray::number(pid) + "\nstarted " + when
+            + "\nprogram \nmarked " + when + "\nlocked 1\n");
+}
+
 pid_t deadPid()
 {
     const pid_t child = ::fork();

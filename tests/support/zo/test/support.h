@@ -7,6 +7,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <chrono>
 #include <functional>
 #include <ostream>
 #include <string>
@@ -86,6 +87,14 @@ struct LiveInstance {
 
     const pid_t pid;
 };
+
+// The first line of a small file; empty when it is missing.
+QByteArray firstLineOf(const char* path);
+
+// An owner mark as a process that ended left it, nobody holding its lock: the record of process
+// pid on host, booted as boot, marked then (since 1970), with this host's machine id.
+void writeEndedOwnerMark(const QString& directory, pid_t pid, const QByteArray& host,
+    const QByteArray& boot, std::chrono::system_clock::time_point marked);
 
 // Runs body in a forked child under the unprivileged uid "nobody"; the child's exit code is
 // body's result (0 for success). Root ignores permission bits, so tests of refused access
