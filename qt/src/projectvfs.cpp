@@ -44,14 +44,21 @@ bool mayStillRun(const OwnerInfo& owner, const ProjectVFS::RecoverableInfo& info
     return true;
 }
 
-// Renames and makes the rename survive a crash; never replaces what is at to.
+// Renames and makes the rename survive a crash; never replaces what is at to. A rename that
+// cannot be made durable is undone.
 bool renameDurably(const QString& from, const QString& to)
 {
-    return zo::os::renameToFreeName(
-               detail::encoded(from).constData(), detail::encoded(to).constData())
-        && zo::os::syncDirectory(detail::encoded(QFileInfo(to).absolutePath()).constData())
-        && (QFileInfo(from).absolutePath() == QFileInfo(to).absolutePath()
-            || zo::os::syncDirectory(detail::encoded(QFileInfo(from).absolutePath()).constData()));
+    const QByteArray source = detail::encoded(from);
+    const QByteArray target = detail::encoded(to);
+    const QByteArray fromDirectory = detail::encoded(QFileInfo(from).absolutePath());
+    const QByteArray toDirectory = detail::encoded(QFileInfo(to).absolutePath());
+    if (!zo::os::renameToFreeName(source.constData(), target.constData()))
+        return false;
+    if (zo::os::syncDirectory(toDirectory.constData())
+        && (fromDirectory == toDirectory || zo::os::syncDirectory(fromDirectory.constData())))
+        return true;
+    zo::os::renameToFreeName(target.constData(), source.constData());
+    return false;
 }
 
 } // namespace

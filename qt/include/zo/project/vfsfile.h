@@ -17,7 +17,9 @@ class ProjectVFS_Impl;
 
 // A handle on one project file. It reads the file in place until the first write, which copies
 // it to a swap file beside it; from then on every open goes to the swap file until the change is
-// committed or discarded. Destroying a handle neither commits nor discards.
+// committed or discarded. Destroying a handle neither commits nor discards. A commit writes out
+// what an open handle of its file still buffers and then, as a discard does, closes it: later
+// writes through it fail instead of reaching the committed file.
 class ZOPROJECTQT_EXPORT VFSFile : public QFile {
 public:
     VFSFile(std::shared_ptr<detail::ProjectVFS_Impl> impl, const QString& path);
