@@ -18,6 +18,7 @@
 #include <QMutexLocker>
 
 #include <string>
+#include <sys/stat.h>
 #include <utility>
 
 namespace zo::project {
@@ -453,6 +454,11 @@ void ProjectModel::recoverWorkspace(const RecoverableWorkspace& workspace)
         throw IOWriteError(utf8(QStringLiteral("cannot take over %1").arg(workspace.path)));
     }
     detail::removeWorkspace(workspace.path); // only its record is left there
+    // The directory keeps the time of its dead owner's last write, from before this process's
+    // mark; stamped now, it is judged by that mark.
+    if (const zo::os::UniqueFd directory = zo::os::openDirectory(QFile::encodeName(adopted)))
+        zo::os::setTimes(
+            directory.get(), { timespec { 0, UTIME_OMIT }, timespec { 0, UTIME_NOW } });
     xReset();
     _project = std::make_unique<ProjectWatcher>(adopted, true, nullptr);
     if (!workspace.sourcePath.isEmpty()) {

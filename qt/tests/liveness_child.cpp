@@ -1,6 +1,7 @@
 // Another program on a project, for the liveness tests; it makes no QCoreApplication.
 //   hold DIR FILE...   edits each FILE, says "ready" and keeps the edits pending until stdin ends
 //   model DIR          an archive project with an unsaved file, until killed; DIR unused
+//   adopt DIR          takes over the first recoverable workspace, until killed; DIR unused
 //   abandon DIR        prints each swap file's owner state, then abandons each
 //   save DIR FILE N    edits and commits FILE N times
 #include <zo/project/projectmodel.h>
@@ -20,16 +21,19 @@ int main(int argc, char** argv)
     try {
         zo::project::ProjectVFS project(QString::fromLocal8Bit(argv[2]));
         const std::string mode = argv[1];
-        if (mode == "hold" || mode == "model") {
+        if (mode == "hold" || mode == "model" || mode == "adopt") {
             for (int at = 3; at < argc; ++at)
                 project.open(QString::fromLocal8Bit(argv[at]), QIODevice::WriteOnly)->write("live");
             std::optional<zo::project::ProjectModel> model;
             if (mode == "model")
                 model.emplace().writeFile("a.txt", "live");
+            if (mode == "adopt")
+                model.emplace().recoverWorkspace(
+                    zo::project::ProjectModel::recoverableWorkspaces().at(0));
             std::puts("ready");
             std::fflush(stdout);
-            while (mode == "model" || std::getchar() != EOF)
-                if (mode == "model")
+            while (mode != "hold" || std::getchar() != EOF)
+                if (mode != "hold")
                     ::pause();
         } else if (mode == "abandon") {
             for (const auto& info : project.recoverableFiles()) {

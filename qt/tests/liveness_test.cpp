@@ -149,7 +149,7 @@ TEST(Liveness, LiveOwnersRunInEveryPidNamespace)
         GTEST_SKIP() << "no pid namespaces here";
 }
 
-TEST(Liveness, WorkspaceOfASandboxedModelIsNeitherListedNorAbandoned)
+TEST(Liveness, WorkspacesOfLiveModelsAreNeitherListedNorAbandoned)
 {
     if (!canUnsharePids())
         GTEST_SKIP() << "no pid namespaces here";
@@ -171,6 +171,14 @@ TEST(Liveness, WorkspaceOfASandboxedModelIsNeitherListedNorAbandoned)
     for (int wait = 0; wait < 200 && ProjectModel::recoverableWorkspaces().empty(); ++wait)
         QThread::msleep(10);
     EXPECT_EQ(ProjectModel::recoverableWorkspaces().size(), 1u);
+
+    // Taken over by a process that started after its last write.
+    QProcess adopter;
+    startChild(adopter, { "adopt", temp.path() });
+    ASSERT_TRUE(adopter.waitForReadyRead(20000)) << adopter.readAllStandardError().toStdString();
+    EXPECT_TRUE(ProjectModel::recoverableWorkspaces().empty());
+    adopter.kill();
+    adopter.waitForFinished();
     qputenv("TMPDIR", previous);
 }
 
