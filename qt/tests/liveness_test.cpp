@@ -173,6 +173,8 @@ TEST(Liveness, WorkspacesOfLiveModelsAreNeitherListedNorAbandoned)
     EXPECT_EQ(ProjectModel::recoverableWorkspaces().size(), 1u);
 
     // Taken over by a process that started after its last write.
+    std::filesystem::last_write_time(workspace.toStdString(),
+        std::filesystem::file_time_type::clock::now() - std::chrono::minutes(1));
     QProcess adopter;
     startChild(adopter, { "adopt", temp.path() });
     ASSERT_TRUE(adopter.waitForReadyRead(20000)) << adopter.readAllStandardError().toStdString();
