@@ -13,13 +13,12 @@ namespace {
 template <typename Base, typename... Derived>
 constexpr bool allDerive = (std::is_base_of_v<Base, Derived> && ...);
 static_assert(allDerive<ex::SwapFileCommit, ex::SwapFileRename, ex::SourceFileRename,
-    ex::SourceFileBackupRemove, ex::SwapFileRemove, ex::SourceFileDoesNotExists,
-    ex::SwapFileMissing, ex::SourceFileChanged>);
+    ex::SourceFileBackupRemove, ex::SwapFileRemove, ex::SourceFileDoesNotExists>);
 static_assert(!std::
                   is_base_of_v<
                       ex::SwapFileCommit, ex::SwapFileAlreadyExists> && !std::is_base_of_v<ex::SwapFileCommit, ex::CreateSwapFile> && !std::is_base_of_v<ex::SwapFileCommit, ex::CopySwapFile> && !std::is_base_of_v<ex::SwapFileCommit, ex::OpenSwapFile> && !std::is_base_of_v<ex::SwapFileCommit, ex::ProjectPathDoesNotExists> && !std::is_base_of_v<ex::SwapFileCommit, ex::ProjectNotCommitted>);
 static_assert(allDerive<ex::ProjectVFS, ex::SwapFileCommit, ex::CopySwapFile, ex::OpenSwapFile,
-    ex::ProjectNotCommitted, ex::ProjectPathDoesNotExists, ex::PathOutsideProject>);
+    ex::ProjectNotCommitted, ex::ProjectPathDoesNotExists>);
 static_assert(allDerive<std::runtime_error, ex::ProjectVFS>);
 
 TEST(Library, RegistersItsLogCategoriesWhenLoaded)

@@ -177,24 +177,6 @@ TEST_F(Cli, RecoverRefusesTwoSwapFilesOfOneSourceUntilOneIsNamed)
     EXPECT_EQ(QDir(project).entryList(QDir::Files | QDir::Hidden), QStringList { "notes.txt" });
 }
 
-// An owner on another host sharing the project may still run, whatever its id means here.
-TEST_F(Cli, SwapFilesInUseElsewhereAreLeftAlone)
-{
-    const QString project = path(QStringLiteral("project"));
-    const qint64 ended = endedProcessId();
-    const QString swap = QStringLiteral(".notes.txt.%1.csp").arg(ended);
-    writeFile(project + "/" + swap, "remote work\n");
-    zo::test::writeEndedOwnerMark(project, static_cast<pid_t>(ended), "elsewhere", "its-boot",
-        std::chrono::system_clock::now() - std::chrono::minutes(1));
-    const Outcome status = zoproject({ "status", "--json", project });
-    const QJsonObject found = jsonOf(status)["swapFiles"].toArray().at(0).toObject();
-    EXPECT_EQ(found["ownerState"].toString(), "in use elsewhere");
-    EXPECT_EQ(found["ownerHost"].toString(), "elsewhere");
-    const Outcome recover = zoproject({ "recover", "--all" }, project);
-    EXPECT_TRUE(recover.out.contains("on elsewhere may still run")) << recover.out.toStdString();
-    EXPECT_EQ(readFile(project + "/" + swap), "remote work\n");
-}
-
 // The one commit of a recovery stops at each file's leftover backup once and still goes through.
 TEST_F(Cli, RecoverCommitsPastTheLeftoverBackupsOfSeveralFiles)
 {
