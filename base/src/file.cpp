@@ -4,15 +4,18 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <memory>
 #include <random>
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace zo::os {
 namespace {
@@ -59,6 +62,72 @@ bool syncPath(const char* path)
 {
     UniqueFd descriptor = openForReading(path);
     return descriptor && ::fsync(descriptor.get()) == 0 && descriptor.close();
+}
+
+// Pushes the components of path onto pending so that the first one is taken first.
+void pushComponents(std::vector<std::string>& pending, std::string_view path)
+{
+    std::vector<std::string> components;
+    for (std::size_t start = 0; start <= path.size();) {
+        const std::size_t end = std::min(path.find('/', start), path.size());
+        if (end > start)
+            components.emplace_back(path.substr(start, end - start));
+        start = end + 1;
+    }
+    pending.insert(pending.end(), components.rbegin(), components.rend());
+}
+
+std::string joined(const std::string& directory, const std::string& name)
+{
+    return directory == "/" ? "/" + name : directory + '/' + name;
+}
+
+// The kernel's own limit on the links one resolution follows.
+constexpr int kMaxLinksFollowed = 40;
+
+// The absolute path as the system resolves it, links followed one component at a time, as far
+// as something exists; beyond that, "." and ".." are applied as text.
+std::optional<std::string> resolvePhysically(const std::string& path)
+{
+    std::vector<std::string> pending;
+    if (path.empty() || path[0] != '/') {
+        std::unique_ptr<char, decltype(&std::free)> workingDirectory(
+            ::getcwd(nullptr, 0), &std::free);
+        if (!workingDirectory)
+            return std::nullopt;
+        pushComponents(pending, path);
+        pushComponents(pending, workingDirectory.get());
+    } else {
+        pushComponents(pending, path);
+    }
+    std::string resolved = "/";
+    int linksFollowed = 0;
+    bool exists = true;
+    while (!pending.empty()) {
+        std::string component = std::move(pending.back());
+        pending.pop_back();
+        if (component == ".")
+            continue;
+        if (component == "..") {
+            const std::size_t slash = resolved.rfind('/');
+            resolved.resize(slash == 0 ? 1 : slash);
+            continue;
+        }
+        std::string next = joined(resolved, component);
+        const std::optional<FileStatus> found = exists ? linkStatus(next.c_str()) : std::nullopt;
+        exists = found.has_value();
+        if (found && found->type == EntryType::Link) {
+            const std::optional<std::string> target = readLink(next.c_str());
+            if (!target || ++linksFollowed > kMaxLinksFollowed)
+                return std::nullopt;
+            if (!target->empty() && (*target)[0] == '/')
+                resolved = "/";
+            pushComponents(pending, *target);
+            continue;
+        }
+        resolved = std::move(next);
+    }
+    return resolved;
 }
 
 } // namespace
@@ -116,6 +185,41 @@ std::optional<FileStatus> status(const char* path)
 std::optional<FileStatus> linkStatus(const char* path)
 {
     return statusAt(AT_FDCWD, path, false);
+}
+
+std::optional<FileVersion> versionOf(const char* path)
+{
+    const std::optional<FileStatus> found = status(path);
+    return found ? std::optional(FileVersion::of(*found)) : std::nullopt;
+}
+
+std::optional<std::string> readLink(const char* path)
+{
+    std::string target(PATH_MAX, '\0');
+    for (;;) {
+        const ssize_t length = ::readlink(path, target.data(), target.size());
+        if (length < 0)
+            return std::nullopt;
+        if (static_cast<std::size_t>(length) < target.size()) {
+            target.resize(static_cast<std::size_t>(length));
+            return target;
+        }
+        target.resize(target.size() * 2);
+    }
+}
+
+std::optional<std::string> resolveBeneath(const std::string& root, const std::string& path)
+{
+    const std::optional<std::string> resolvedRoot = resolvePhysically(root);
+    const std::optional<std::string> resolved
+        = resolvePhysically(!path.empty() && path[0] == '/' ? path : root + '/' + path);
+    if (!resolvedRoot || !resolved)
+        return std::nullopt;
+    const std::string& top = *resolvedRoot;
+    const bool inside = top == "/" || *resolved == top
+        || (resolved->size() > top.size() && resolved->compare(0, top.size(), top) == 0
+            && (*resolved)[top.size()] == '/');
+    return inside ? resolved : std::nullopt;
 }
 
 bool isReadable(const char* path)

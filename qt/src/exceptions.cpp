@@ -10,6 +10,14 @@ std::string withReason(const std::string& message, const std::string& reason)
     return reason.empty() ? message : message + ": " + reason;
 }
 
+std::string joined(const std::vector<std::string>& paths)
+{
+    std::string text;
+    for (const std::string& path : paths)
+        text += (text.empty() ? "" : ", ") + path;
+    return text;
+}
+
 } // namespace
 
 // The odd spacing in some prefixes is part of the messages other programs match on.
@@ -109,5 +117,29 @@ SourceFileDoesNotExists::SourceFileDoesNotExists(const std::string& path)
 {
 }
 SourceFileDoesNotExists::~SourceFileDoesNotExists() = default;
+
+SwapFileMissing::SwapFileMissing(const std::string& path)
+    : SwapFileCommit("A swap file doesn't exist anymore: " + path)
+{
+}
+SwapFileMissing::~SwapFileMissing() = default;
+
+SourceFileChanged::SourceFileChanged(const std::vector<std::string>& paths)
+    : SwapFileCommit("Source file changed by another program: " + joined(paths))
+    , _paths(paths)
+{
+}
+SourceFileChanged::~SourceFileChanged() = default;
+
+const std::vector<std::string>& SourceFileChanged::paths() const
+{
+    return _paths;
+}
+
+PathOutsideProject::PathOutsideProject(const std::string& path)
+    : ProjectVFS("Path leads outside the project: " + path)
+{
+}
+PathOutsideProject::~PathOutsideProject() = default;
 
 } // namespace zo::project::exception

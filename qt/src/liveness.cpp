@@ -1,55 +1,50 @@
 #include "liveness.h"
 
+#include "logging.h"
 #include "paths.h"
 
-#include <zo/process.h>
+#include <zo/log.h>
 
-#include <QCoreApplication>
 #include <QFileInfo>
 
-#include <chrono>
-#include <optional>
+#include <cstring>
 
 namespace zo::project::detail {
-namespace {
 
-// A process that started up to this long after the last write may still be the one that made
-// it: clock ticks and coarse file times blur both by some milliseconds.
-constexpr std::chrono::milliseconds kStartTolerance(500);
-
-} // namespace
-
-std::string programName()
+std::shared_ptr<zo::os::OwnerMark> holdOwnerMark(const QString& directory)
 {
-    const QStringList arguments = QCoreApplication::arguments();
-    if (arguments.isEmpty())
-        qFatal("Crash recovery needs a QCoreApplication with its command line");
-    return QFileInfo(arguments.first()).baseName().toStdString();
+    std::shared_ptr<zo::os::OwnerMark> mark
+        = zo::os::OwnerMark::hold(encoded(directory).toStdString());
+    if (!mark)
+        zo::log::log(kEngineLog, zo::log::Warning,
+            "Can not mark '" + utf8(directory)
+                + "' as used by this process: " + std::strerror(errno));
+    return mark;
 }
 
-std::string programNameIfKnown()
+zo::os::OwnerVerdict judgeOwner(zo::os::OwnerMarks& marks, const QString& path, pid_t pid)
 {
-    const bool known = QCoreApplication::instance() && !QCoreApplication::arguments().isEmpty();
-    return known ? programName() : std::string();
+    return marks.judge(encoded(path).toStdString(), pid);
 }
 
-// The first word of the command line is compared as the application's own name is taken, by
-// its base name, so that "/usr/bin/name", "name" and "name --option" all match.
-bool isProcessRunning(pid_t pid, const std::string& programName, const QDateTime& lastWrite)
+ProjectVFS::OwnerInfo ownerInfoOf(const zo::os::OwnerVerdict& verdict, pid_t pid)
 {
-    const std::optional<zo::os::Process> process = zo::os::findProcess(pid);
-    if (!process)
-        return false;
-    if (lastWrite.isValid()) {
-        const std::chrono::system_clock::time_point written(
-            std::chrono::milliseconds(lastWrite.toMSecsSinceEpoch()));
-        if (process->started > written + kStartTolerance)
-            return false;
+    using State = ProjectVFS::OwnerInfo::State;
+    ProjectVFS::OwnerInfo info;
+    info.state = verdict.liveness == zo::os::Liveness::Running ? State::Running
+        : verdict.liveness == zo::os::Liveness::Ended          ? State::Ended
+                                                               : State::InUseElsewhere;
+    info.pid = pid;
+    if (const auto& owner = verdict.owner) {
+        info.hostName = QString::fromStdString(owner->host);
+        info.program = QFileInfo(decodedPath(owner->program)).fileName();
+        if (owner->started.time_since_epoch().count() != 0)
+            info.started = QDateTime::fromMSecsSinceEpoch(
+                std::chrono::duration_cast<std::chrono::milliseconds>(
+                    owner->started.time_since_epoch())
+                    .count());
     }
-    if (programName.empty())
-        return true;
-    const QString program = decodedPath(process->program);
-    return QFileInfo(program).baseName().toStdString() == programName;
+    return info;
 }
 
 } // namespace zo::project::detail

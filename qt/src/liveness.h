@@ -1,23 +1,25 @@
 #pragma once
 
-#include <QDateTime>
+#include <zo/owner.h>
+#include <zo/project/projectvfs.h>
 
-#include <string>
+#include <QString>
+
+#include <memory>
 #include <sys/types.h>
 
-// Whether the process that left a swap file or a workspace still runs. Owners are told apart
-// by process id, by the base name of their program and by their start: a process of that id
-// which started after the file's last write only reused the id.
+// The library's side of the one liveness rule of zo/owner.h: its owner marks, its verdicts on
+// files named after a process, and how it reports them.
 namespace zo::project::detail {
 
-// The base name of this application's program; fatal without a QCoreApplication and its
-// command line.
-std::string programName();
-// Empty without an application object: any running process then counts as the owner, so
-// that nothing is taken from a process that may still use it.
-std::string programNameIfKnown();
+// This process's owner mark in directory; null, with a warning logged, where the directory
+// refuses it: this process's files there are then judged by /proc alone.
+std::shared_ptr<zo::os::OwnerMark> holdOwnerMark(const QString& directory);
 
-// An empty programName accepts any program; an invalid lastWrite skips the test of the start.
-bool isProcessRunning(pid_t pid, const std::string& programName, const QDateTime& lastWrite);
+// The owner of the file at path (absolute) named after process pid.
+zo::os::OwnerVerdict judgeOwner(zo::os::OwnerMarks& marks, const QString& path, pid_t pid);
+
+// A verdict as the library reports it.
+ProjectVFS::OwnerInfo ownerInfoOf(const zo::os::OwnerVerdict& verdict, pid_t pid);
 
 } // namespace zo::project::detail

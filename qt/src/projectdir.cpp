@@ -98,9 +98,9 @@ void ProjectDir::close()
     discard();
 }
 
-void ProjectDir::save()
+void ProjectDir::save(SourceChanges changes)
 {
-    xBlocked([this] { commit(); });
+    xBlocked([this, changes] { commit(changes); });
     setSaved(true);
 }
 

@@ -7,6 +7,8 @@
 
 #include <zo/file.h>
 #include <zo/os.h>
+#include <zo/owner.h>
+#include <zo/project/exceptions.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/project.h>
 
@@ -16,10 +18,21 @@
 #include <QMutexLocker>
 
 #include <string>
+#include <sys/stat.h>
 #include <utility>
 
 namespace zo::project {
 namespace {
+
+std::shared_ptr<const zo::os::FileVersion> held(const std::optional<zo::os::FileVersion>& version)
+{
+    return version ? std::make_shared<const zo::os::FileVersion>(*version) : nullptr;
+}
+
+std::optional<zo::os::FileVersion> unheld(const std::shared_ptr<const zo::os::FileVersion>& version)
+{
+    return version ? std::optional<zo::os::FileVersion>(*version) : std::nullopt;
+}
 
 using detail::isOnDisk;
 using detail::removeQuietly;
@@ -31,12 +44,19 @@ QString fromUtf8(const std::string& text)
     return QString::fromUtf8(text.c_str());
 }
 
-// Workspaces may belong to any program built on this library, so any process of the owner's
-// id counts, unless it started after the workspace's last write and only reused the id.
-bool isOwnerRunning(const ProjectModel::RecoverableWorkspace& workspace)
+// Judged by the owner marks in the temporary directory, which a model makes before its
+// workspace.
+bool hasEnded(const ProjectModel::RecoverableWorkspace& workspace)
 {
-    return detail::isProcessRunning(
-        workspace.pid, std::string(), detail::lastModifiedOf(workspace.path));
+    return zo::os::OwnerMarks()
+               .judge(detail::encoded(workspace.path).toStdString(), workspace.pid)
+               .liveness
+        == zo::os::Liveness::Ended;
+}
+
+std::optional<zo::os::FileVersion> versionOf(const QString& path)
+{
+    return zo::os::versionOf(detail::encoded(path).constData());
 }
 
 void requireWorkspace(const ProjectModel::RecoverableWorkspace& workspace)
@@ -60,7 +80,8 @@ QString xGetNewTempPath()
 }
 
 ProjectModel::ProjectModel()
-    : _notifier(std::make_unique<detail::Notifier>())
+    : _mark(detail::holdOwnerMark(QDir::tempPath()))
+    , _notifier(std::make_unique<detail::Notifier>())
 {
     qRegisterMetaType<QMap<QString, FileSystemEvent>>(
         "QMap<QString, zo::project::FileSystemEvent>");
@@ -70,7 +91,9 @@ ProjectModel::ProjectModel()
 ProjectModel::ProjectModel(ProjectModel&& other)
 {
     const QMutexLocker lock(&other._mutex);
+    _mark = other._mark;
     _notifier = std::move(other._notifier);
+    _sourceVersion = other._sourceVersion;
     xSetSource(other.getSourcePath(), other._sourceFormat);
     other.xSetSource(QString(), ArchiveFormat::Native);
     _sourceWatcher = std::move(other._sourceWatcher);
@@ -101,13 +124,15 @@ void ProjectModel::createNew()
         throw;
     }
     _project = std::make_unique<ProjectWatcher>(workspace, true, nullptr);
-    detail::writeRecord(workspace, { QString(), ArchiveFormat::Native });
+    detail::writeRecord(workspace, { QString(), ArchiveFormat::Native, std::nullopt });
     xSetSaved(false);
 }
 
 void ProjectModel::load(const QString& path, ArchiveFormat format)
 {
     const QMutexLocker lock(&_mutex);
+    // Seen before the import, so that a change made during it shows at the next save.
+    const std::optional<zo::os::FileVersion> version = versionOf(path);
     const QString workspace = detail::createWorkspaceDirectory();
     try {
         importProject(utf8(path), utf8(workspace), format);
@@ -121,16 +146,23 @@ void ProjectModel::load(const QString& path, ArchiveFormat format)
     xInitProject(_sourceWatcher.get());
     // Detected, also when the caller named the format.
     xSetSource(path, detectFormat(_sourceWatcher->projectPath()));
-    detail::writeRecord(workspace, { path, _sourceFormat });
+    _sourceVersion = held(version);
+    detail::writeRecord(workspace, { path, _sourceFormat, version });
     xSetSaved(true);
 }
 
-void ProjectModel::save(const QString& path, ArchiveFormat format, bool safe)
+void ProjectModel::save(
+    const QString& path, ArchiveFormat format, bool safe, ProjectVFS::SourceChanges changes)
 {
     const QMutexLocker lock(&_mutex);
     const QString target = path.isEmpty() ? getSourcePath() : path;
     if (target.isEmpty())
         throw PathNotFound(utf8(target));
+    const bool toSource = !getSourcePath().isEmpty()
+        && QFileInfo(target).absoluteFilePath() == QFileInfo(getSourcePath()).absoluteFilePath();
+    if (toSource && changes == ProjectVFS::SourceChanges::Refuse
+        && versionOf(target) != unheld(_sourceVersion))
+        throw exception::SourceFileChanged({ utf8(target) });
     ArchiveFormat chosen = format;
     if (format == ArchiveFormat::Native) {
         chosen = _sourceFormat;
@@ -166,7 +198,8 @@ void ProjectModel::save(const QString& path, ArchiveFormat format, bool safe)
     _sourceWatcher = std::make_unique<ProjectWatcher>(target, true, nullptr);
     xInitProject(_sourceWatcher.get());
     xSetSource(target, chosen);
-    detail::writeRecord(_project->directory().path(), { target, chosen });
+    _sourceVersion = held(versionOf(target));
+    detail::writeRecord(_project->directory().path(), { target, chosen, unheld(_sourceVersion) });
     xSetSaved(true);
 }
 
@@ -402,7 +435,7 @@ std::vector<ProjectModel::RecoverableWorkspace> ProjectModel::recoverableWorkspa
         RecoverableWorkspace workspace { temp.filePath(name), QString(), ArchiveFormat::Native, pid,
             QDateTime() };
         workspace.lastModified = detail::lastModifiedOf(workspace.path);
-        if (detail::isProcessRunning(pid, std::string(), workspace.lastModified))
+        if (!hasEnded(workspace))
             continue;
         if (const auto record = detail::readRecord(workspace.path)) {
             workspace.sourcePath = record->sourcePath;
@@ -417,10 +450,11 @@ void ProjectModel::recoverWorkspace(const RecoverableWorkspace& workspace)
 {
     const QMutexLocker lock(&_mutex);
     requireWorkspace(workspace);
-    if (isOwnerRunning(workspace))
+    if (!hasEnded(workspace))
         throw IOWriteError(utf8(QStringLiteral("%1 belongs to the running process %2")
                                     .arg(workspace.path)
                                     .arg(workspace.pid)));
+    const std::optional<detail::WorkspaceRecord> record = detail::readRecord(workspace.path);
     // Renamed over an empty directory of this process's own, so that no other model can take
     // the name meanwhile; the new name and record make this process its live owner.
     const QString adopted = detail::createWorkspaceDirectory();
@@ -430,6 +464,11 @@ void ProjectModel::recoverWorkspace(const RecoverableWorkspace& workspace)
         throw IOWriteError(utf8(QStringLiteral("cannot take over %1").arg(workspace.path)));
     }
     detail::removeWorkspace(workspace.path); // only its record is left there
+    // The directory keeps the time of its dead owner's last write, from before this process's
+    // mark; stamped now, it is judged by that mark.
+    if (const zo::os::UniqueFd directory = zo::os::openDirectory(QFile::encodeName(adopted)))
+        zo::os::setTimes(
+            directory.get(), { timespec { 0, UTIME_OMIT }, timespec { 0, UTIME_NOW } });
     xReset();
     _project = std::make_unique<ProjectWatcher>(adopted, true, nullptr);
     if (!workspace.sourcePath.isEmpty()) {
@@ -437,14 +476,16 @@ void ProjectModel::recoverWorkspace(const RecoverableWorkspace& workspace)
         xInitProject(_sourceWatcher.get());
     }
     xSetSource(workspace.sourcePath, workspace.format);
-    detail::writeRecord(adopted, { workspace.sourcePath, workspace.format });
+    _sourceVersion = held(record ? record->sourceVersion : versionOf(workspace.sourcePath));
+    detail::writeRecord(
+        adopted, { workspace.sourcePath, workspace.format, unheld(_sourceVersion) });
     xSetSaved(false);
 }
 
 bool ProjectModel::abandonWorkspace(const RecoverableWorkspace& workspace)
 {
     requireWorkspace(workspace);
-    if (isOwnerRunning(workspace))
+    if (!hasEnded(workspace))
         return false;
     detail::removeWorkspace(workspace.path);
     return true;
@@ -465,7 +506,8 @@ void ProjectModel::xReset()
         try {
             detail::removeWorkspace(workspace);
         } catch (const std::exception&) {
-            // The directory stays on disk; a later run may recover it.
+            // The directory stays on disk; a later run may recover it once this one is gone.
+            zo::os::OwnerMark::keepUntilExit(_mark);
         }
     }
     _sourceWatcher.reset();
@@ -490,6 +532,10 @@ void ProjectModel::xInitProject(ProjectWatcher* watcher)
 
 QString ProjectModel::xResolve(const QString& relative) const
 {
+    const QString workspace = _project->directory().path();
+    if (!zo::os::resolveBeneath(
+            detail::encoded(workspace).toStdString(), detail::encoded(relative).toStdString()))
+        throw exception::PathOutsideProject(utf8(relative));
     return _project->directory().filePath(relative);
 }
 

@@ -7,6 +7,7 @@
 
 #include <zo/log.h>
 #include <zo/os.h>
+#include <zo/owner.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/project.h>
@@ -18,17 +19,46 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
 namespace zo::project {
 namespace {
 
-void logStillRunning(const ProjectVFS::RecoverableInfo& info)
+using OwnerInfo = ProjectVFS::OwnerInfo;
+
+// Whether the owner of a swap file may still use it: only a proven end lets it be moved or
+// removed.
+bool mayStillRun(const OwnerInfo& owner, const ProjectVFS::RecoverableInfo& info)
 {
+    if (owner.state == OwnerInfo::State::Ended)
+        return false;
+    const std::string swap = info.swapPath.toStdString();
+    const std::string pid = std::to_string(info.pid);
     zo::log::log(detail::kFacadeLog, zo::log::Info,
-        "Not removing '" + info.swapPath.toStdString() + "' because process '"
-            + std::to_string(info.pid) + "' is still running");
+        owner.state == OwnerInfo::State::Running
+            ? "Not removing '" + swap + "' because process '" + pid + "' is still running"
+            : "Not removing '" + swap + "' because process '" + pid + "' on '"
+                + owner.hostName.toStdString() + "' may still use it");
+    return true;
+}
+
+// Renames and makes the rename survive a crash; never replaces what is at to. A rename that
+// cannot be made durable is undone.
+bool renameDurably(const QString& from, const QString& to)
+{
+    const QByteArray source = detail::encoded(from);
+    const QByteArray target = detail::encoded(to);
+    const QByteArray fromDirectory = detail::encoded(QFileInfo(from).absolutePath());
+    const QByteArray toDirectory = detail::encoded(QFileInfo(to).absolutePath());
+    if (!zo::os::renameToFreeName(source.constData(), target.constData()))
+        return false;
+    if (zo::os::syncDirectory(toDirectory.constData())
+        && (fromDirectory == toDirectory || zo::os::syncDirectory(fromDirectory.constData())))
+        return true;
+    zo::os::renameToFreeName(target.constData(), source.constData());
+    return false;
 }
 
 } // namespace
@@ -67,11 +97,13 @@ QString ProjectVFS::absoluteFilePath(const QString& path) const
 
 bool ProjectVFS::mkpath(const QString& path) const
 {
+    _impl->requireInside(path, true);
     return _impl->mkpath(path);
 }
 
 bool ProjectVFS::mkdir(const QString& path) const
 {
+    _impl->requireInside(path, true);
     return _impl->mkdir(path);
 }
 
@@ -112,12 +144,13 @@ QString ProjectVFS::makeBackupPath(const QString& path) const
 
 std::unique_ptr<VFSFile> ProjectVFS::file(const QString& path)
 {
+    _impl->requireInside(path, false);
     return std::make_unique<VFSFile>(_impl->shared_from_this(), path);
 }
 
-void ProjectVFS::commit(const QString& path)
+void ProjectVFS::commit(const QString& path, SourceChanges changes)
 {
-    file(path)->commit();
+    file(path)->commit(changes);
 }
 
 void ProjectVFS::discard(const QString& path)
@@ -169,9 +202,9 @@ bool ProjectVFS::exists(const QString& path) const
     return _impl->existsOrPending(path);
 }
 
-void ProjectVFS::commit()
+void ProjectVFS::commit(SourceChanges changes)
 {
-    _impl->commitAll();
+    _impl->commitAll(changes);
 }
 
 void ProjectVFS::discard()
@@ -182,6 +215,7 @@ void ProjectVFS::discard()
 QStringList ProjectVFS::getFileList(
     const QString& path, bool showHidden, bool recursive, bool includeDirs) const
 {
+    _impl->requireInside(path, true);
     if (_impl->hasFile(path))
         return { _impl->relativeFilePath(path) };
     // Listed below the project root, whatever the process's working directory is.
@@ -200,6 +234,7 @@ void ProjectVFS::importFile(const QString& source, const QString& destination, b
         throw PathNotFound(
             (destination + QStringLiteral(" is not a relative path.")).toStdString());
 
+    _impl->requireInside(destination, true);
     const QString parent = QFileInfo(destination).path();
     if (!parent.isEmpty())
         _impl->mkpath(parent);
@@ -209,6 +244,7 @@ void ProjectVFS::importFile(const QString& source, const QString& destination, b
 void ProjectVFS::exportFile(const QString& path, const QString& destination, bool overwrite)
 {
     const auto handle = file(path);
+    _impl->requireInside(path, true);
     zo::project::copy(_impl->filePath(handle->openedPath()), destination, overwrite);
 }
 
@@ -223,12 +259,14 @@ void ProjectVFS::move(const QString& source, const QString& destination, bool ov
 {
     if (!_impl->hasFile(source))
         throw PathNotFound(_impl->filePath(source).toStdString());
+    _impl->requireInside(destination, false);
     _impl->move(*file(source), destination, overwrite);
 }
 
 void ProjectVFS::remove(const QString& path)
 {
     const auto impl = _impl; // outlives a handler that releases this facade, as above
+    impl->requireInside(path, false);
     if (impl->hasFile(path)) {
         impl->remove(*file(path));
         return;
@@ -265,17 +303,22 @@ void ProjectVFS::updateFromSource(const QString& path)
 
 // Swap files are looked for in the root and in every directory below it that is neither hidden
 // nor reached through a link, and that this process may read and write; a link to such a
-// directory is looked into too, one level deep.
+// directory inside the project is looked into too, one level deep. The walk opens each
+// directory by its entry in its parent and never through a link, so a directory replaced by a
+// link meanwhile is not followed. A directory's swap files come before those of the
+// directories below it, in the order the walk meets the directories.
 std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
 {
     const QString suffix = QStringLiteral(".") + _impl->swapExtension();
-    // The lazy first group is the whole source name, dots included; the suffix test already
-    // guarantees the real ending.
-    QRegularExpression swapName(QStringLiteral("^\\.(.*?)\\.(\\d+).") + _impl->swapExtension());
+    // The lazy first group is the whole source name, dots and line breaks included; the suffix
+    // test already guarantees the real ending.
+    QRegularExpression swapName(QStringLiteral("^\\.(.*?)\\.(\\d+).") + _impl->swapExtension(),
+        QRegularExpression::DotMatchesEverythingOption);
     swapName.optimize();
 
-    std::vector<RecoverableInfo> found;
-    const auto consider = [&](const QString& relativePath) {
+    // Each swap file with the place of its directory in the walk.
+    std::vector<std::pair<int, RecoverableInfo>> found;
+    const auto consider = [&](const QString& relativePath, int directory) {
         const int slash = relativePath.lastIndexOf(QLatin1Char('/'));
         const QRegularExpressionMatch match = swapName.match(relativePath.mid(slash + 1));
         if (!match.hasMatch())
@@ -284,8 +327,9 @@ std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
         bool parsed = false;
         const qlonglong id = match.captured(2).toLongLong(&parsed);
         const bool fits = parsed && id <= std::numeric_limits<pid_t>::max();
-        found.push_back({ relativePath, relativePath.left(slash + 1) + match.captured(1),
-            fits ? static_cast<pid_t>(id) : 0 });
+        found.push_back({ directory,
+            { relativePath, relativePath.left(slash + 1) + match.captured(1),
+                fits ? static_cast<pid_t>(id) : 0 } });
     };
     const auto isSwapName = [&suffix](std::string_view name) {
         return name.size() > 1 && name.front() == '.'
@@ -297,34 +341,45 @@ std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
         return info.isReadable() && info.isWritable();
     };
     const QString root = _impl->absolutePath();
+    const std::string rootBytes = detail::encoded(root).toStdString();
 
-    // scanned[depth]: whether the directory whose entries are at that depth is looked into.
-    std::vector<bool> scanned { true };
+    // directories[depth]: the place in the walk of the directory whose entries are at that
+    // depth, or -1 when it is not looked into.
+    std::vector<int> directories { 0 };
+    int walked = 0;
     zo::os::WalkOptions options;
     options.includeHidden = true;
     options.followLinks = false;
-    zo::os::walkTree(
-        QFile::encodeName(root).toStdString(), options, [&](const zo::os::WalkEntry& entry) {
-            const auto depth = static_cast<size_t>(entry.depth);
-            scanned.resize(depth + 1);
-            if (entry.type == zo::os::EntryType::Directory) {
-                if (entry.name.front() == '.')
-                    return zo::os::WalkStep::SkipDirectory;
-                scanned.push_back(
-                    scannable(root + QLatin1Char('/') + detail::decodedPath(entry.path)));
-            } else if (entry.type == zo::os::EntryType::Link && entry.name.front() != '.') {
-                const QString linked = detail::decodedPath(entry.path);
-                const QDir target(root + QLatin1Char('/') + linked);
-                if (target.exists() && scannable(target.path()))
-                    for (const QString& name :
-                        target.entryList({ QLatin1Char('*') + suffix }, QDir::Files | QDir::Hidden))
-                        consider(linked + QLatin1Char('/') + name);
-            } else if (scanned[depth] && isSwapName(entry.name)) {
-                consider(detail::decodedPath(entry.path));
-            }
-            return zo::os::WalkStep::Continue;
-        });
-    return found;
+    zo::os::walkTree(rootBytes, options, [&](const zo::os::WalkEntry& entry) {
+        const auto depth = static_cast<size_t>(entry.depth);
+        directories.resize(depth + 1);
+        if (entry.type == zo::os::EntryType::Directory) {
+            if (entry.name.front() == '.')
+                return zo::os::WalkStep::SkipDirectory;
+            directories.push_back(
+                scannable(root + QLatin1Char('/') + detail::decodedPath(entry.path)) ? ++walked
+                                                                                     : -1);
+        } else if (entry.type == zo::os::EntryType::Link && entry.name.front() != '.') {
+            const QString linked = detail::decodedPath(entry.path);
+            const QDir target(root + QLatin1Char('/') + linked);
+            if (!target.exists() || !scannable(target.path())
+                || !zo::os::resolveBeneath(rootBytes, std::string(entry.path)))
+                return zo::os::WalkStep::Continue;
+            ++walked;
+            for (const QString& name :
+                target.entryList({ QLatin1Char('*') + suffix }, QDir::Files | QDir::Hidden))
+                consider(linked + QLatin1Char('/') + name, walked);
+        } else if (directories[depth] >= 0 && isSwapName(entry.name)) {
+            consider(detail::decodedPath(entry.path), directories[depth]);
+        }
+        return zo::os::WalkStep::Continue;
+    });
+    std::stable_sort(
+        found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<RecoverableInfo> swapFiles;
+    for (auto& [directory, info] : found)
+        swapFiles.push_back(std::move(info));
+    return swapFiles;
 }
 
 const std::vector<ProjectVFS::RecoverableInfo>& ProjectVFS::recoverableFilesWhenOpened() const
@@ -332,75 +387,123 @@ const std::vector<ProjectVFS::RecoverableInfo>& ProjectVFS::recoverableFilesWhen
     return _impl->foundWhenOpened;
 }
 
+ProjectVFS::OwnerInfo ProjectVFS::ownerOf(const RecoverableInfo& info) const
+{
+    return inspect({ info }).front().owner;
+}
+
+std::vector<ProjectVFS::RecoverableState> ProjectVFS::inspect(
+    const std::vector<RecoverableInfo>& found) const
+{
+    zo::os::OwnerMarks marks;
+    std::vector<RecoverableState> states;
+    for (const RecoverableInfo& info : found) {
+        const QString swap = _impl->absoluteFilePath(info.swapPath);
+        const std::string swapBytes = detail::encoded(swap).toStdString();
+        RecoverableState state;
+        state.owner = detail::ownerInfoOf(marks.judge(swapBytes, info.pid), info.pid);
+        QString source = _impl->absoluteFilePath(info.sourcePath);
+        try {
+            source = _impl->resolvedPath(info.sourcePath);
+        } catch (const exception::PathOutsideProject&) {
+        }
+        if (const auto noted = marks.notedSource(swapBytes, info.pid)) {
+            state.sourceChanged = zo::os::versionOf(detail::encoded(source).constData()) != *noted;
+        } else {
+            const QFileInfo swapInfo(swap);
+            const QFileInfo sourceInfo(source);
+            const QDateTime made
+                = swapInfo.birthTime().isValid() ? swapInfo.birthTime() : swapInfo.lastModified();
+            state.sourceChanged = sourceInfo.exists() && sourceInfo.lastModified() > made;
+        }
+        states.push_back(state);
+    }
+    return states;
+}
+
 void ProjectVFS::recoverFile(const RecoverableInfo& info)
 {
     const auto impl = _impl; // outlives a handler that releases this facade, as above
+    impl->requireInside(info.swapPath, false);
+    impl->requireInside(info.sourcePath, true);
+    const QString swap = impl->absoluteFilePath(info.swapPath);
+    const std::string swapBytes = detail::encoded(swap).toStdString();
     const QString newSwap = impl->absoluteFilePath(impl->makeSwapPath(info.sourcePath));
-    QFile swap(impl->absoluteFilePath(info.swapPath));
+    zo::os::OwnerMarks marks;
+    const OwnerInfo owner = detail::ownerInfoOf(marks.judge(swapBytes, info.pid), info.pid);
+    const auto noted = marks.notedSource(swapBytes, info.pid);
+    // This process's mark before its swap file.
+    impl->ownerMark();
 
     bool transferred;
-    if (isOwnerRunning(info, detail::programName())) {
-        // The owner still works on its file; take a copy and leave its swap file alone.
-        logStillRunning(info);
-        transferred = swap.copy(newSwap);
+    if (mayStillRun(owner, info)) {
+        // The owner may still work on its file; take a copy and leave its swap file alone.
+        transferred = QFile::copy(swap, newSwap);
     } else {
-        transferred = swap.rename(newSwap);
-        // The moved file keeps the time of its dead owner's last write, from before this
-        // process started; stamped now, it names this process as its live owner.
-        if (transferred && swap.open(QIODevice::ReadWrite)) {
-            swap.setFileTime(QDateTime::currentDateTimeUtc(), QFileDevice::FileModificationTime);
-            swap.close();
+        // An ended process of this process's own id left the file under the name this one
+        // gives it: it is taken over where it is.
+        transferred = swap == newSwap ? !impl->isNotCommitted(info.sourcePath)
+                                      : renameDurably(swap, newSwap);
+        // The file keeps the time of its dead owner's last write, from before this process's
+        // mark; stamped now, it names this process as its live owner.
+        QFile taken(newSwap);
+        if (transferred && taken.open(QIODevice::ReadWrite)) {
+            taken.setFileTime(QDateTime::currentDateTimeUtc(), QFileDevice::FileModificationTime);
+            taken.close();
         }
     }
     if (!transferred)
         throw exception::SwapFileRename(impl->relativeFilePath(info.swapPath).toStdString());
     impl->addEntry(info.sourcePath, newSwap);
+    if (noted)
+        impl->recordSource(info.sourcePath, *noted);
+    else
+        impl->recordCurrentSource(info.sourcePath);
 }
 
 void ProjectVFS::abandonFile(const RecoverableInfo& info)
 {
-    if (isOwnerRunning(info, detail::programName())) {
-        logStillRunning(info);
+    _impl->requireInside(info.swapPath, false);
+    // A file that is gone has no owner to spare; its removal fails.
+    if (detail::isOnDisk(_impl->absoluteFilePath(info.swapPath))
+        && mayStillRun(ownerOf(info), info))
         return;
-    }
     if (!_impl->QDir::remove(info.swapPath))
         throw exception::SwapFileRemove(info.swapPath.toStdString());
 }
 
 // A commit killed between its two renames leaves no source: the old content is in the backup
 // and the new one in the swap file. The backup is put back so that abandoning the swap file
-// loses nothing; a swap file of a live owner may belong to a commit in progress and is left
-// to it. A file that merely ends like a backup has no swap file and is never touched.
+// loses nothing; a swap file whose owner may still run may belong to a commit in progress and
+// is left to it, as is every backup while another process may be replacing files here. A file
+// that merely ends like a backup has no swap file and is never touched.
 void ProjectVFS::xRestoreInterruptedCommits()
 {
-    const std::string program = detail::programNameIfKnown();
     _impl->foundWhenOpened = recoverableFiles();
+    zo::os::OwnerMarks marks;
     for (const RecoverableInfo& info : _impl->foundWhenOpened) {
-        const QString source = _impl->absoluteFilePath(info.sourcePath);
+        QString source;
+        try {
+            source = _impl->resolvedPath(info.sourcePath);
+        } catch (const exception::PathOutsideProject&) {
+            continue;
+        }
         const QString backup = _impl->makeBackupPath(source);
-        if (detail::isOnDisk(source) || !detail::isOnDisk(backup) || isOwnerRunning(info, program))
+        if (detail::isOnDisk(source) || !detail::isOnDisk(backup)
+            || detail::judgeOwner(marks, _impl->absoluteFilePath(info.swapPath), info.pid).liveness
+                != zo::os::Liveness::Ended
+            || marks.othersMayBeReplacing(
+                detail::encoded(QFileInfo(source).absolutePath()).toStdString()))
             continue;
         const std::string names = "'" + _impl->relativeFilePath(backup).toStdString() + "' to '"
             + info.sourcePath.toStdString() + "'";
-        if (QFile::rename(backup, source))
+        if (renameDurably(backup, source))
             zo::log::log(detail::kFacadeLog, zo::log::Info,
                 "Renamed the backup " + names + " after an interrupted commit");
         else
             zo::log::log(detail::kFacadeLog, zo::log::Warning,
                 "Can not rename the backup " + names + " after an interrupted commit");
     }
-}
-
-bool ProjectVFS::isOwnerRunning(const RecoverableInfo& info, const std::string& programName) const
-{
-    return isProcessRunning(
-        info.pid, programName, QFileInfo(_impl->absoluteFilePath(info.swapPath)).lastModified());
-}
-
-bool ProjectVFS::isProcessRunning(
-    pid_t pid, const std::string& programName, const QDateTime& swapModified)
-{
-    return detail::isProcessRunning(pid, programName, swapModified);
 }
 
 } // namespace zo::project

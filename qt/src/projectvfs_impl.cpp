@@ -1,5 +1,6 @@
 #include "projectvfs_impl.h"
 
+#include "liveness.h"
 #include "logging.h"
 #include "paths.h"
 
@@ -34,9 +35,9 @@ bool syncDirectory(const QString& path)
     return zo::os::syncDirectory(encoded(path).constData());
 }
 
-bool syncParentDirectory(const QString& path)
+QString directoryOf(const QString& path)
 {
-    return syncDirectory(QFileInfo(path).absolutePath());
+    return QFileInfo(path).absolutePath();
 }
 
 bool renameFile(const QString& from, const QString& to)
@@ -90,6 +91,94 @@ ProjectVFS_Impl::ProjectVFS_Impl(const QString& path)
 {
 }
 
+ProjectVFS_Impl::~ProjectVFS_Impl()
+{
+    if (!_entries.isEmpty())
+        for (auto& [root, mark] : _marks)
+            zo::os::OwnerMark::keepUntilExit(std::move(mark));
+}
+
+QString ProjectVFS_Impl::resolvedPath(const QString& path) const
+{
+    const std::optional<std::string> resolved = zo::os::resolveBeneath(
+        encoded(absolutePath()).toStdString(), encoded(path).toStdString());
+    if (!resolved)
+        throw exception::PathOutsideProject(utf8(path));
+    return decodedPath(*resolved);
+}
+
+void ProjectVFS_Impl::requireInside(const QString& path, bool followLastLink) const
+{
+    QString named = path;
+    while (named.size() > 1 && named.endsWith(QLatin1Char('/')))
+        named.chop(1);
+    const QFileInfo info(named);
+    const QString name = info.fileName();
+    const bool ownName = !followLastLink && !name.isEmpty() && name != QLatin1String(".")
+        && name != QLatin1String("..");
+    if (ownName
+        && !zo::os::resolveBeneath(
+            encoded(absolutePath()).toStdString(), encoded(info.path()).toStdString()))
+        throw exception::PathOutsideProject(utf8(path));
+    if (!ownName)
+        resolvedPath(path);
+}
+
+std::shared_ptr<zo::os::OwnerMark> ProjectVFS_Impl::ownerMark()
+{
+    const QString root = absolutePath();
+    const auto known = _marks.find(root);
+    if (known != _marks.end())
+        return known->second;
+    return _marks[root] = holdOwnerMark(root);
+}
+
+void ProjectVFS_Impl::recordSource(
+    const QString& path, const std::optional<zo::os::FileVersion>& source)
+{
+    _sources.insert(path, source);
+    const auto swap = _entries.constFind(path);
+    if (const auto mark = ownerMark(); mark && swap != _entries.cend())
+        mark->noteSource(encoded(swap.value()).toStdString(), source);
+}
+
+void ProjectVFS_Impl::recordCurrentSource(const QString& path)
+{
+    recordSource(path, zo::os::versionOf(encoded(resolvedPath(path)).constData()));
+}
+
+bool ProjectVFS_Impl::sourceChanged(const QString& path) const
+{
+    const auto recorded = _sources.constFind(path);
+    return recorded != _sources.cend()
+        && zo::os::versionOf(encoded(resolvedPath(path)).constData()) != recorded.value();
+}
+
+void ProjectVFS_Impl::throwIfSourcesChanged(const QStringList& paths) const
+{
+    std::vector<std::string> changed;
+    for (const QString& path : paths)
+        if (sourceChanged(path))
+            changed.push_back(utf8(path));
+    if (!changed.empty())
+        throw exception::SourceFileChanged(changed);
+}
+
+void ProjectVFS_Impl::flushHandles(const QString& path)
+{
+    for (VFSFile* handle : qAsConst(_openOnSwap))
+        if (handle->fileName() == path && handle->isWritable() && !handle->flush())
+            markDamaged(path);
+}
+
+void ProjectVFS_Impl::closeHandles(const QString& path)
+{
+    const QSet<VFSFile*> open = _openOnSwap;
+    for (VFSFile* handle : open)
+        if (handle->fileName() == path)
+            handle->close();
+}
+
 bool ProjectVFS_Impl::isNotCommitted() const
 {
     return !_entries.isEmpty();
@@ -124,11 +213,15 @@ void ProjectVFS_Impl::addEntry(const QString& path, const QString& swapPath)
 
 ProjectVFS_Impl::Entries::iterator ProjectVFS_Impl::removeEntry(const Entries::iterator& it)
 {
-    if (it != _entries.end())
+    if (it != _entries.end()) {
         _damaged.remove(it.key());
+        _sources.remove(it.key());
+    }
     const auto next = it == _entries.end() ? it : _entries.erase(it);
-    if (_entries.isEmpty())
+    if (_entries.isEmpty()) {
+        _marks.clear();
         notCommittedChanged(false);
+    }
     return next;
 }
 
@@ -139,11 +232,18 @@ void ProjectVFS_Impl::removeEntry(const QString& path)
 
 void ProjectVFS_Impl::moveEntry(const VFSFile& file, const QString& oldPath)
 {
+    // The mark stays while the only entry changes its name.
+    const auto mark = ownerMark();
     const bool damaged = _damaged.contains(oldPath);
+    const auto source = _sources.constFind(oldPath);
+    const std::optional<std::optional<zo::os::FileVersion>> recorded
+        = source != _sources.cend() ? std::optional(source.value()) : std::nullopt;
     removeEntry(oldPath);
     addEntry(file.fileName(), absoluteFilePath(file.swapName()));
     if (damaged)
         _damaged.insert(file.fileName());
+    if (recorded)
+        recordSource(file.fileName(), *recorded);
 }
 
 void ProjectVFS_Impl::markDamaged(const QString& path)
@@ -188,12 +288,17 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
     if (known != _entries.cend())
         return known.value();
 
-    const QString source = absoluteFilePath(path);
+    const QString source = resolvedPath(path);
     const QString swap = absoluteFilePath(swapPath);
     if (QFile::exists(swap))
         throw exception::SwapFileAlreadyExists(utf8(path));
 
-    if (QFile::exists(source)) {
+    // The mark first, so that no swap file of this process is ever found without it. Seen
+    // before the copy, a change made during it shows at commit.
+    ownerMark();
+    const std::optional<zo::os::FileVersion> version
+        = zo::os::versionOf(encoded(source).constData());
+    if (version) {
         const QString failure = copyToNewFile(source, swap);
         if (!failure.isEmpty())
             throw exception::CopySwapFile(utf8(path), swap, utf8(failure));
@@ -204,6 +309,7 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
         created.close();
     }
     addEntry(path, swap);
+    recordSource(path, version);
     return swap;
 }
 
@@ -217,32 +323,32 @@ ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::stageCommit(
 {
     StagedCommit staged { source, swap, makeBackupPath(source), false, false };
 
+    // Without its swap file there is nothing to put in place; the source stays.
+    if (!isOnDisk(swap))
+        throw exception::SwapFileMissing(utf8(relativeFilePath(swap)));
+
     // A leftover backup of an interrupted commit whose source is back in place. Removing it
-    // stops this commit on purpose; an unremovable one is tolerated.
+    // stops this commit on purpose; an unremovable one is tolerated. One that may belong to
+    // another process's commit in progress is not touched, and stops this commit too.
     if (QFileInfo::exists(staged.backup) && QFileInfo::exists(source)
-        && QFile::remove(staged.backup))
+        && (zo::os::OwnerMarks().othersMayBeReplacing(encoded(directoryOf(source)).toStdString())
+            || QFile::remove(staged.backup)))
         throw exception::SourceFileBackupRemove(utf8(relativeFilePath(staged.backup)));
 
-    const bool swapExists = QFileInfo::exists(swap);
     // The swap data must reach the disk before the rename does: otherwise a crash could leave
     // the new name on an empty or partial file while the backup is already gone.
-    if (swapExists && !syncFile(swap))
+    if (!syncFile(swap))
         throw exception::SwapFileRename(utf8(relativeFilePath(source)));
 
-    // A link in the source's place is moved aside and replaced as it is, never followed.
     staged.backedUp = isOnDisk(source);
     if (staged.backedUp && !renameFile(source, staged.backup))
         throw exception::SourceFileRename(utf8(source));
 
-    if (!swapExists) {
-        zo::log::log(kEngineLog, zo::log::Warning,
-            "A swap file doesn't exist anymore: " + utf8(relativeFilePath(swap)));
-    } else if (!renameFile(swap, source)) {
+    if (!renameFile(swap, source)) {
         undoCommit(staged);
         throw exception::SwapFileRename(utf8(relativeFilePath(source)));
-    } else {
-        staged.swapRenamed = true;
     }
+    staged.swapRenamed = true;
     return staged;
 }
 
@@ -254,17 +360,21 @@ void ProjectVFS_Impl::undoCommit(const StagedCommit& staged)
         renameFile(staged.backup, staged.source);
 }
 
+// The swap file leaves its own directory, which differs from the source's when the source is
+// reached through a link; both renames must be durable.
 void ProjectVFS_Impl::commitFile(const QString& source, const QString& swap)
 {
     const StagedCommit staged = stageCommit(source, swap);
-    if (staged.swapRenamed && !syncParentDirectory(source)) {
+    const bool durable = syncDirectory(directoryOf(source))
+        && (directoryOf(swap) == directoryOf(source) || syncDirectory(directoryOf(swap)));
+    if (!durable) {
         undoCommit(staged);
         throw exception::SwapFileRename(utf8(relativeFilePath(source)));
     }
     QFile::remove(staged.backup);
 }
 
-void ProjectVFS_Impl::commit(VFSFile& file)
+void ProjectVFS_Impl::commit(VFSFile& file, ProjectVFS::SourceChanges changes)
 {
     const QString name = file.fileName();
     if (!_entries.contains(name)) {
@@ -272,10 +382,17 @@ void ProjectVFS_Impl::commit(VFSFile& file)
             return;
         throw exception::SourceFileDoesNotExists(utf8(name));
     }
-    // Closing flushes, which may still fail and damage the entry.
+    // Closing flushes, which may still fail and damage the entry; so may the other handles.
     file.close();
+    flushHandles(name);
     throwIfDamaged(name);
-    commitFile(absoluteFilePath(name), _entries.value(name));
+    if (changes == ProjectVFS::SourceChanges::Refuse)
+        throwIfSourcesChanged({ name });
+    {
+        const zo::os::OwnerMark::Replacing replacing(ownerMark());
+        commitFile(resolvedPath(name), _entries.value(name));
+    }
+    closeHandles(name);
     removeEntry(name);
 }
 
@@ -283,31 +400,41 @@ void ProjectVFS_Impl::commit(VFSFile& file)
 // in it instead of one per file: the renames of all entries first, then the directories, then
 // the backups. What is committed when an exception leaves is durable; the entry that failed
 // and every later one stay pending.
-void ProjectVFS_Impl::commitAll()
+void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
 {
+    if (_entries.isEmpty())
+        return;
+    const QStringList paths = _entries.keys();
+    for (const QString& path : paths)
+        flushHandles(path);
+    if (changes == ProjectVFS::SourceChanges::Refuse)
+        throwIfSourcesChanged(paths);
+
+    const zo::os::OwnerMark::Replacing replacing(ownerMark());
     std::vector<StagedCommit> staged;
     std::exception_ptr failure;
     for (auto it = _entries.cbegin(); it != _entries.cend(); ++it) {
         try {
             throwIfDamaged(it.key());
-            staged.push_back(stageCommit(absoluteFilePath(it.key()), it.value()));
+            staged.push_back(stageCommit(resolvedPath(it.key()), it.value()));
         } catch (...) {
             failure = std::current_exception();
             break;
         }
     }
 
-    // Entries from the first one whose directory cannot be synced on are put back.
+    // Entries from the first one whose directories cannot be synced on are put back.
     QSet<QString> synced;
-    auto durable = staged.begin();
-    for (; durable != staged.end(); ++durable) {
-        const QString directory = QFileInfo(durable->source).absolutePath();
+    const auto sync = [&synced](const QString& directory) {
         if (synced.contains(directory))
-            continue;
-        if (!syncDirectory(directory))
-            break;
+            return true;
         synced.insert(directory);
-    }
+        return syncDirectory(directory);
+    };
+    auto durable = staged.begin();
+    for (; durable != staged.end(); ++durable)
+        if (!sync(directoryOf(durable->source)) || !sync(directoryOf(durable->swap)))
+            break;
     if (durable != staged.end()) {
         failure = std::make_exception_ptr(
             exception::SwapFileRename(utf8(relativeFilePath(durable->source))));
@@ -317,18 +444,27 @@ void ProjectVFS_Impl::commitAll()
 
     for (auto committed = staged.begin(); committed != durable; ++committed) {
         QFile::remove(committed->backup);
+        const QString path = _entries.firstKey();
+        closeHandles(path);
+        _sources.remove(path);
         _entries.erase(_entries.begin());
     }
+    if (_entries.isEmpty())
+        _marks.clear();
     if (failure)
         std::rethrow_exception(failure);
 }
 
 void ProjectVFS_Impl::discardAll()
 {
+    for (const QString& path : _entries.keys())
+        closeHandles(path);
     for (const QString& swap : qAsConst(_entries))
         QFile::remove(swap);
     _entries.clear();
     _damaged.clear();
+    _sources.clear();
+    _marks.clear();
 }
 
 void ProjectVFS_Impl::updateFromSource(const QString& path)
@@ -336,12 +472,17 @@ void ProjectVFS_Impl::updateFromSource(const QString& path)
     const auto it = _entries.constFind(path);
     if (it == _entries.cend())
         return;
-    zo::project::copy(absoluteFilePath(it.key()), it.value(), true);
+    const QString source = resolvedPath(path);
+    const std::optional<zo::os::FileVersion> version
+        = zo::os::versionOf(encoded(source).constData());
+    zo::project::copy(source, it.value(), true);
     _damaged.remove(path);
+    recordSource(path, version);
 }
 
 void ProjectVFS_Impl::discard(VFSFile& file)
 {
+    closeHandles(file.fileName());
     const auto it = _entries.find(file.fileName());
     if (it == _entries.end())
         return;
@@ -371,8 +512,12 @@ void ProjectVFS_Impl::copy(VFSFile& file, const QString& newPath, bool overwrite
         throw AlreadyExists(utf8(newPath));
 
     const QString to = absoluteFilePath(makeSwapPath(newPath));
+    const std::optional<zo::os::FileVersion> version
+        = zo::os::versionOf(encoded(resolvedPath(newPath)).constData());
+    ownerMark();
     zo::project::copy(from, to, overwrite);
     addEntry(newPath, to);
+    recordSource(newPath, version);
     // The copy holds what the damaged swap file holds.
     if (_damaged.contains(file.fileName()))
         _damaged.insert(newPath);

@@ -5,14 +5,20 @@
 
 #include <QDir>
 #include <QFile>
+#include <QHash>
 #include <QIODevice>
 #include <QMap>
 #include <QSet>
 #include <QString>
 
+#include <zo/file.h>
+#include <zo/owner.h>
+
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace zo::project {
@@ -29,6 +35,11 @@ namespace zo::project::detail {
 class ProjectVFS_Impl : public QDir, public std::enable_shared_from_this<ProjectVFS_Impl> {
 public:
     explicit ProjectVFS_Impl(const QString& path);
+    // Pending swap files stay on disk for recovery; while this process runs, they keep its
+    // owner marks.
+    ~ProjectVFS_Impl();
+    ProjectVFS_Impl(const ProjectVFS_Impl&) = delete;
+    ProjectVFS_Impl& operator=(const ProjectVFS_Impl&) = delete;
 
     bool isNotCommitted() const;
     bool isNotCommitted(const QString& path) const;
@@ -49,6 +60,29 @@ public:
     // the entry cannot be committed until it is discarded or refreshed from its source.
     void markDamaged(const QString& path);
 
+    // What path names, links followed, as an absolute path: where a commit of it goes.
+    // exception::PathOutsideProject when that is outside the root.
+    QString resolvedPath(const QString& path) const;
+    // Refuses a path outside the root (exception::PathOutsideProject); with followLastLink
+    // false, a last component that is a link may lead anywhere, as the link itself is meant.
+    void requireInside(const QString& path, bool followLastLink) const;
+
+    // Handles open on a swap file, whose buffers a commit writes out and which a commit or
+    // discard closes.
+    void handleOpened(VFSFile* handle) { _openOnSwap.insert(handle); }
+    void handleClosed(VFSFile* handle) { _openOnSwap.remove(handle); }
+
+    // This process's owner mark of the root, made before its first swap file there and let go
+    // when nothing is pending any more; null (and logged) where the root refuses it.
+    std::shared_ptr<zo::os::OwnerMark> ownerMark();
+    // The source version a pending path's swap file was made from (none for a new file), kept
+    // here and noted in the owner mark for whoever recovers it after a crash.
+    void recordSource(const QString& path, const std::optional<zo::os::FileVersion>& source);
+    // Records the current version of the path's source.
+    void recordCurrentSource(const QString& path);
+    // Whether another program changed the pending path's source since it was recorded.
+    bool sourceChanged(const QString& path) const;
+
     // The pending paths as given, in order.
     QStringList pendingPaths() const { return _entries.keys(); }
     // The swap file of a pending path joined to the root; empty when nothing is pending.
@@ -67,7 +101,7 @@ public:
     bool existsOrPending(const QString& path) const;
 
     QString createSwapFile(const QString& path, const QString& swapPath);
-    void commit(VFSFile& file);
+    void commit(VFSFile& file, ProjectVFS::SourceChanges changes);
     void discard(VFSFile& file);
     void remove(VFSFile& file);
     void copy(VFSFile& file, const QString& newPath, bool overwrite);
@@ -77,15 +111,15 @@ public:
 
     // Every pending file in path order, without telling the handler. commitAll stops at the
     // first failure, which leaves that file and every later one pending.
-    void commitAll();
+    void commitAll(ProjectVFS::SourceChanges changes);
     void discardAll();
 
 private:
     using Entries = QMap<QString, QString>;
 
     Entries::iterator removeEntry(const Entries::iterator& it);
-    // Both paths absolute.
-    // A commit whose renames are done but not yet durable.
+    // A commit whose renames are done but not yet durable. All paths absolute; source is where
+    // the content goes, a link's target.
     struct StagedCommit {
         QString source;
         QString swap;
@@ -98,10 +132,18 @@ private:
     void commitFile(const QString& source, const QString& swap);
 
     void throwIfDamaged(const QString& path) const;
+    void throwIfSourcesChanged(const QStringList& paths) const;
+    // Writes out what the handles open on path's swap file buffer; a failure damages the entry.
+    void flushHandles(const QString& path);
+    void closeHandles(const QString& path);
 
     // Key: the file's path as given; value: its swap file, absolute.
     Entries _entries;
     QSet<QString> _damaged;
+    QHash<QString, std::optional<zo::os::FileVersion>> _sources;
+    QSet<VFSFile*> _openOnSwap;
+    // By root, absolute; null where the root refused a mark.
+    std::map<QString, std::shared_ptr<zo::os::OwnerMark>> _marks;
     QString _swapExt;
     QString _bckExt;
 };

@@ -27,23 +27,28 @@ bool VFSFile::open(QIODevice::OpenMode mode)
 {
     if (isOpen())
         return false;
-    if ((mode & QIODevice::WriteOnly) || _impl->isNotCommitted(_fileName)) {
-        try {
+    const bool onSwap = (mode & QIODevice::WriteOnly) || _impl->isNotCommitted(_fileName);
+    try {
+        // What is read or written is the link's target, which must not leave the project.
+        _impl->requireInside(_fileName, true);
+        if (onSwap)
             createSwapFile();
-        } catch (const exception::ProjectVFS& e) {
-            setErrorString(QString::fromUtf8(e.what()));
-            return false;
-        }
-        _opened = &VFSFile::_swapName;
-    } else {
-        _opened = &VFSFile::_fileName;
+    } catch (const exception::ProjectVFS& e) {
+        setErrorString(QString::fromUtf8(e.what()));
+        return false;
     }
+    _opened = onSwap ? &VFSFile::_swapName : &VFSFile::_fileName;
     setFileName(_impl->absoluteFilePath(openedPath()));
-    return QFile::open(mode);
+    if (!QFile::open(mode))
+        return false;
+    if (onSwap)
+        _impl->handleOpened(this);
+    return true;
 }
 
 void VFSFile::close()
 {
+    _impl->handleClosed(this);
     const bool writing = isOpen() && isWritable();
     QFile::close();
     // A close that flushed and closed cleanly clears the error; one still set means it failed.
@@ -91,8 +96,11 @@ QString VFSFile::createSwapFile()
 
 void VFSFile::move(const QString& newPath, bool overwrite)
 {
+    _impl->requireInside(newPath, false);
     const QString oldName = fileName();
     const QString newSwap = _impl->makeSwapPath(newPath);
+    // A source that this move carries along stays the version its swap file was made from.
+    const bool sourceUnchanged = _impl->isNotCommitted(oldName) && !_impl->sourceChanged(oldName);
 
     const bool swapMoved = _impl->exists(swapName());
     if (swapMoved)
@@ -105,7 +113,9 @@ void VFSFile::move(const QString& newPath, bool overwrite)
     _swapName = newSwap;
     if (swapMoved)
         _impl->moveEntry(*this, oldName);
-    else if (!sourceMoved)
+    if (swapMoved && sourceUnchanged)
+        _impl->recordCurrentSource(newPath);
+    else if (!swapMoved && !sourceMoved)
         throw PathNotFound(oldName.toStdString());
 }
 
@@ -114,9 +124,9 @@ void VFSFile::copy(const QString& newPath)
     _impl->copy(*this, newPath, true);
 }
 
-void VFSFile::commit()
+void VFSFile::commit(ProjectVFS::SourceChanges changes)
 {
-    _impl->commit(*this);
+    _impl->commit(*this, changes);
 }
 
 void VFSFile::discard()

@@ -63,8 +63,17 @@ QString createWorkspaceDirectory()
 
 bool writeRecord(const QString& workspace, const WorkspaceRecord& record)
 {
-    const QJsonObject fields { { QStringLiteral("source"), record.sourcePath },
+    QJsonObject fields { { QStringLiteral("source"), record.sourcePath },
         { QStringLiteral("format"), static_cast<int>(record.format) } };
+    if (const auto& version = record.sourceVersion)
+        // As text: JSON numbers do not hold 64 bits.
+        fields.insert(QStringLiteral("version"),
+            QStringLiteral("%1 %2 %3 %4 %5")
+                .arg(version->identity.device)
+                .arg(version->identity.inode)
+                .arg(version->size)
+                .arg(version->modifiedSeconds)
+                .arg(version->modifiedNanoseconds));
     const QByteArray text = QJsonDocument(fields).toJson(QJsonDocument::Compact);
     const QByteArray target = encoded(recordPathOf(workspace));
     std::string written = zo::os::hiddenTemplateBeside(target.toStdString(), "record");
@@ -86,11 +95,17 @@ std::optional<WorkspaceRecord> readRecord(const QString& workspace)
     if (!file.open(QIODevice::ReadOnly))
         return std::nullopt;
     const QJsonObject fields = QJsonDocument::fromJson(file.readAll()).object();
-    return WorkspaceRecord {
-        fields.value(QStringLiteral("source")).toString(),
+    WorkspaceRecord record { fields.value(QStringLiteral("source")).toString(),
         static_cast<ArchiveFormat>(
-            fields.value(QStringLiteral("format")).toInt(static_cast<int>(ArchiveFormat::Native)))
-    };
+            fields.value(QStringLiteral("format")).toInt(static_cast<int>(ArchiveFormat::Native))),
+        std::nullopt };
+    const QStringList version
+        = fields.value(QStringLiteral("version")).toString().split(QLatin1Char(' '));
+    if (version.size() == 5)
+        record.sourceVersion
+            = zo::os::FileVersion { { version[0].toULongLong(), version[1].toULongLong() },
+                  version[2].toULongLong(), version[3].toLongLong(), version[4].toInt() };
+    return record;
 }
 
 void removeWorkspace(const QString& workspace)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <zo/file.h>
 #include <zo/project/archive.h>
 
 #include <QDateTime>
@@ -11,10 +12,12 @@
 // replacement of a saved archive.
 namespace zo::project::detail {
 
-// The hidden record beside a workspace: where its content came from.
+// The hidden record beside a workspace: where its content came from, and the version of the
+// source it was loaded from or last saved to.
 struct WorkspaceRecord {
     QString sourcePath;
     ArchiveFormat format;
+    std::optional<zo::os::FileVersion> sourceVersion;
 };
 
 // Creates a new empty workspace directory under a name from xGetNewTempPath (the first one no

@@ -5,6 +5,7 @@
 #include <zo/test/support.h>
 
 #include <QDir>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <gmock/gmock.h>
@@ -37,7 +38,9 @@ protected:
     QString at(const QString& name) const { return scratch.filePath(name); }
     QStringList tempEntries() const
     {
-        return QDir(at("tmp")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+        return QDir(at("tmp"))
+            .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot)
+            .filter(QRegularExpression("^(?!\\.zo-owner-)"));
     }
     // An archive holding a.txt, in the format its name tells.
     QString archive(const QString& name)

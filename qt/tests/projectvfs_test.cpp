@@ -145,25 +145,6 @@ TEST(FacadeLifetime, HandlesOutliveTheFacade)
     EXPECT_EQ(readFile(dir.filePath("a.txt")), "kept");
 }
 
-// A live process that counts as another instance of this program: a forked copy of it.
-struct LiveInstance {
-    LiveInstance()
-    {
-        if (pid == 0) {
-            pause();
-            _exit(0);
-        }
-    }
-    ~LiveInstance()
-    {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
-    LiveInstance(const LiveInstance&) = delete;
-
-    const pid_t pid = fork();
-};
-
 QString swapName(const QString& file, long long pid)
 {
     return QStringLiteral(".%1.%2.csp").arg(file).arg(pid);
@@ -193,7 +174,7 @@ TEST_F(Recovery, ListsSwapFilesWithSourceAndProcessAndNothingElse)
 // is removed.
 TEST_F(Recovery, SwapOfARunningProcessIsOnlyCopiedThatOfAnEndedOneRemoved)
 {
-    LiveInstance other;
+    test::LiveInstance other;
     const QString theirs = swapName("a.txt", other.pid);
     writeFile(abs(theirs), "their work");
     const Info info { theirs, "a.txt", other.pid };

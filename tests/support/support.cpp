@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cxxabi.h>
 #include <exception>
 #include <memory>
@@ -88,7 +89,8 @@ QMap<QString, QByteArray> filesBelow(const TestPath& root)
     QMap<QString, QByteArray> files;
     for (const QString& entry : entriesBelow(root)) {
         const QString path = QDir(root.value).filePath(entry);
-        if (QFileInfo(path).isFile() && !QFileInfo(path).isSymLink())
+        const QFileInfo info(path);
+        if (info.isFile() && !info.isSymLink() && !info.fileName().startsWith(".zo-owner-"))
             files.insert(entry, readFile(path));
     }
     return files;
@@ -127,6 +129,37 @@ ScopedMount::ScopedMount(const TestPath& path, const char* tmpfsOptions)
 ScopedMount::~ScopedMount()
 {
     ::umount2(target.constData(), MNT_DETACH);
+}
+
+QByteArray firstLineOf(const char* path)
+{
+    return QFile::exists(path) ? readFile(path).split('\n').first() : QByteArray();
+}
+
+void writeEndedOwnerMark(const QString& directory, pid_t pid, const QByteArray& host,
+    const QByteArray& boot, std::chrono::system_clock::time_point marked)
+{
+    const QByteArray when = QByteArray::number(static_cast<qint64>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(marked.time_since_epoch()).count()));
+    writeFile(directory + QStringLiteral("/.zo-owner-%1.written").arg(pid),
+        "zo-owner 1\nhost " + host + "\nmachine " + firstLineOf("/etc/machine-id") + "\nboot "
+            + boot + "\npidns pid:[1]\npid " + QByteArray::number(pid) + "\nstarted " + when
+            + "\nprogram \nmarked " + when + "\nlocked 1\n");
+}
+
+LiveInstance::LiveInstance()
+    : pid(::fork())
+{
+    if (pid != 0)
+        return;
+    ::pause();
+    ::_exit(0);
+}
+
+LiveInstance::~LiveInstance()
+{
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
 }
 
 int runAsNobody(const std::function<int()>& body)

@@ -23,6 +23,7 @@ const QString kAll = QStringLiteral("all");
 const QString kAbandon = QStringLiteral("abandon");
 const QString kDryRun = QStringLiteral("dry-run");
 const QString kWorkspace = QStringLiteral("workspace");
+const QString kOverwrite = QStringLiteral("overwrite");
 
 // PATH arguments, relative to the project root; each selects itself and what lies below it.
 class Selection {
@@ -66,6 +67,8 @@ public:
         : _project(project)
         , _abandon(parser.isSet(kAbandon))
         , _dryRun(parser.isSet(kDryRun))
+        , _changes(parser.isSet(kOverwrite) ? ProjectVFS::SourceChanges::Overwrite
+                                            : ProjectVFS::SourceChanges::Refuse)
     {
     }
 
@@ -117,11 +120,12 @@ private:
     void handle(const SwapFile& swap)
     {
         const auto& info = swap.info;
-        if (swap.owner.running) {
-            print(QStringLiteral("left %1 alone: its process %2 (%3) still runs")
-                      .arg(info.swapPath)
-                      .arg(info.pid)
-                      .arg(swap.owner.program));
+        if (!swap.recoverable()) {
+            print(QStringLiteral("left %1 alone: its %2 %3")
+                      .arg(info.swapPath, describeOwner(swap),
+                          swap.owner.state == Owner::State::Running
+                              ? QStringLiteral("still runs")
+                              : QStringLiteral("may still run")));
             return;
         }
         if (_abandon) {
@@ -143,7 +147,7 @@ private:
     {
         for (int stops = 0;; ++stops)
             try {
-                _project.commit();
+                _project.commit(_changes);
                 return;
             } catch (const zo::project::exception::SourceFileBackupRemove&) {
                 if (stops == _recovered)
@@ -154,6 +158,7 @@ private:
     ProjectVFS& _project;
     const bool _abandon;
     const bool _dryRun;
+    const ProjectVFS::SourceChanges _changes;
     int _recovered = 0;
 };
 
@@ -195,6 +200,9 @@ Command recoverCommand()
         { QCommandLineOption(kAll, QStringLiteral("Recover everything below DIR.")),
             QCommandLineOption(kAbandon, QStringLiteral("Delete the swap files instead.")),
             QCommandLineOption(kDryRun, QStringLiteral("Only say what would be done.")),
+            QCommandLineOption(kOverwrite,
+                QStringLiteral("Recover also where another program changed the source since "
+                               "the swap file was made, replacing that change.")),
             QCommandLineOption(kWorkspace,
                 QStringLiteral("Save the archive workspace NAME (see status) to its source "
                                "archive, or to PATH when given, and remove it."),

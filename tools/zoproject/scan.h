@@ -12,26 +12,22 @@
 
 namespace zo::cli {
 
-// The process a swap file's name points at.
-struct Owner {
-    bool running = false;
-    QString program; // its program's file name, while it runs
-};
+using Owner = zo::project::ProjectVFS::OwnerInfo;
 
 struct SwapFile {
     zo::project::ProjectVFS::RecoverableInfo info;
+    // As the library judges it: only an ended owner's file may be recovered.
     Owner owner;
     qint64 size = 0;
     QDateTime modified;
     bool sourceExists = false;
-    // The source was modified after the swap file was made (or, where the file system keeps
-    // no creation time, after it was last written).
+    // The source is no longer the one the swap file was made from.
     bool sourceChanged = false;
     // The source's backup while the source is missing: a commit stopped between its two
-    // renames. Opening the project puts such a backup back unless the owner still runs.
+    // renames. Opening the project puts such a backup back unless the owner may still run.
     QString backupPath;
 
-    bool recoverable() const { return !owner.running; }
+    bool recoverable() const { return owner.state == Owner::State::Ended; }
 };
 
 // The swap files that opening the project found; opening it also finished the interrupted
@@ -39,5 +35,8 @@ struct SwapFile {
 std::vector<SwapFile> scanProject(const zo::project::ProjectVFS& project);
 
 int recoverableCount(const std::vector<SwapFile>& swapFiles);
+
+// How the owner stands, for people: "process 42 (editor)", "process 42 on host".
+QString describeOwner(const SwapFile& swap);
 
 } // namespace zo::cli

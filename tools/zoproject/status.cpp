@@ -26,9 +26,7 @@ QString age(const QDateTime& time)
 
 QString describe(const SwapFile& swap)
 {
-    QString owner = QStringLiteral("process %1").arg(swap.info.pid);
-    if (swap.owner.running)
-        owner += QStringLiteral(" (%1)").arg(swap.owner.program);
+    const QString owner = describeOwner(swap);
     QString source;
     if (!swap.backupPath.isEmpty())
         source = QStringLiteral("; commit interrupted, the source is in %1").arg(swap.backupPath);
@@ -42,11 +40,11 @@ QString describe(const SwapFile& swap)
 }
 
 void printSwapFiles(
-    const std::vector<SwapFile>& swapFiles, bool recoverable, const QString& heading)
+    const std::vector<SwapFile>& swapFiles, Owner::State state, const QString& heading)
 {
     bool headed = false;
     for (const SwapFile& swap : swapFiles) {
-        if (swap.recoverable() != recoverable)
+        if (swap.owner.state != state)
             continue;
         if (!headed)
             print(heading);
@@ -58,10 +56,12 @@ void printSwapFiles(
 void printText(
     const std::vector<SwapFile>& swapFiles, const std::vector<Workspace>& workspaces, int count)
 {
-    printSwapFiles(
-        swapFiles, true, QStringLiteral("Recoverable swap files (their process has ended):"));
-    printSwapFiles(
-        swapFiles, false, QStringLiteral("Pending swap files (their process still runs):"));
+    printSwapFiles(swapFiles, Owner::State::Ended,
+        QStringLiteral("Recoverable swap files (their process has ended):"));
+    printSwapFiles(swapFiles, Owner::State::Running,
+        QStringLiteral("Pending swap files (their process still runs):"));
+    printSwapFiles(swapFiles, Owner::State::InUseElsewhere,
+        QStringLiteral("Swap files in use elsewhere (their process may still run):"));
     printWorkspaces(workspaces);
     print(count == 0
             ? QStringLiteral("Nothing to recover.")
@@ -70,14 +70,18 @@ void printText(
 
 QJsonObject toJson(const SwapFile& swap)
 {
+    static const char* const kStates[] = { "running", "ended", "in use elsewhere" };
     QJsonObject object { { "swapPath", swap.info.swapPath }, { "sourcePath", swap.info.sourcePath },
-        { "pid", swap.info.pid }, { "ownerRunning", swap.owner.running },
+        { "pid", swap.info.pid }, { "ownerRunning", swap.owner.state == Owner::State::Running },
+        { "ownerState", kStates[static_cast<int>(swap.owner.state)] },
         { "recoverable", swap.recoverable() }, { "size", swap.size },
         { "modified", swap.modified.toUTC().toString(Qt::ISODate) },
         { "ageSeconds", swap.modified.secsTo(QDateTime::currentDateTime()) },
         { "sourceExists", swap.sourceExists }, { "sourceChanged", swap.sourceChanged } };
-    if (swap.owner.running)
+    if (!swap.owner.program.isEmpty())
         object.insert("ownerProgram", swap.owner.program);
+    if (!swap.owner.hostName.isEmpty())
+        object.insert("ownerHost", swap.owner.hostName);
     if (!swap.backupPath.isEmpty())
         object.insert("backupPath", swap.backupPath);
     return object;

@@ -91,6 +91,32 @@ struct FileStatus {
     }
 };
 
+/// The version of a file's content as the file system shows it: where it is stored, its size and
+/// its modification time. A program that replaced or rewrote the file changed it; a change that
+/// keeps all four (a write within one clock tick that keeps the size) goes unseen.
+struct FileVersion {
+    FileIdentity identity; ///< where the content is stored
+    std::uint64_t size = 0; ///< in bytes
+    std::int64_t modifiedSeconds = 0; ///< the modification time, since 1970 (UTC)
+    std::int32_t modifiedNanoseconds = 0; ///< 0 to 999999999
+
+    /// The version a status read shows.
+    static FileVersion of(const FileStatus& status)
+    {
+        return { status.identity, status.size, status.modifiedSeconds, status.modifiedNanoseconds };
+    }
+    /// @{
+    /// The same version: all four equal.
+    bool operator==(const FileVersion& other) const
+    {
+        return identity == other.identity && size == other.size
+            && modifiedSeconds == other.modifiedSeconds
+            && modifiedNanoseconds == other.modifiedNanoseconds;
+    }
+    bool operator!=(const FileVersion& other) const { return !(*this == other); }
+    /// @}
+};
+
 /// The status of what path names, links followed; none when it cannot be read.
 ZO_EXPORT std::optional<FileStatus> status(const char* path);
 /// The status of what path names itself, a link not followed.
@@ -99,6 +125,16 @@ ZO_EXPORT std::optional<FileStatus> linkStatus(const char* path);
 ZO_EXPORT std::optional<FileStatus> status(int descriptor);
 /// The status of name in the open directory (or AT_FDCWD), of a link itself unless followLinks.
 ZO_EXPORT std::optional<FileStatus> statusAt(int directory, const char* name, bool followLinks);
+/// The version of what path names, links followed; none when nothing is there.
+ZO_EXPORT std::optional<FileVersion> versionOf(const char* path);
+/// The target a symbolic link holds, as it is written in the link; none when path is no link.
+ZO_EXPORT std::optional<std::string> readLink(const char* path);
+/// path (relative to root, or absolute) as the system resolves it: every symbolic link followed,
+/// its own last component included, as far as something exists; the part that does not exist
+/// yet appended with "." and ".." applied as text. None when the result lies outside root (which
+/// is resolved the same way) or links loop. root itself counts as inside.
+ZO_EXPORT std::optional<std::string> resolveBeneath(
+    const std::string& root, const std::string& path);
 /// Whether this process may read what path names (by its real user and group, as access(2)).
 ZO_EXPORT bool isReadable(const char* path);
 

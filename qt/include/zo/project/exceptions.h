@@ -7,6 +7,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 /// Errors of the swap-file engine and its facade. Each message is a fixed prefix followed by
 /// the path concerned and, where the system gave one, ": " and the reason; catch the whole family
@@ -135,6 +136,42 @@ public:
     /// The error for the project file path.
     explicit SwapFileDamaged(const std::string& path);
     ~SwapFileDamaged() override;
+};
+
+/// The swap file of a pending change is gone (another program removed it). Nothing was renamed:
+/// the source stays as it is, and the change stays pending until it is discarded.
+class ZOPROJECTQT_EXPORT SwapFileMissing : public SwapFileCommit {
+public:
+    /// path: the swap file's, relative to the project.
+    explicit SwapFileMissing(const std::string& path);
+    ~SwapFileMissing() override;
+};
+
+/// Another program changed a source (its device, inode, size or modification time) after its
+/// swap file was made or last refreshed from it, so that a commit would lose that program's
+/// work. Thrown before anything is renamed: sources and swap files stay as they are. Committing
+/// with SourceChanges::Overwrite, or refreshing the swap file, commits anyway. Also thrown by
+/// ProjectModel::save to an archive changed since it was loaded or saved.
+class ZOPROJECTQT_EXPORT SourceFileChanged : public SwapFileCommit {
+public:
+    /// paths: every changed source, as the caller named it.
+    explicit SourceFileChanged(const std::vector<std::string>& paths);
+    ~SourceFileChanged() override;
+
+    /// Every changed source, in the order of the message.
+    const std::vector<std::string>& paths() const;
+
+private:
+    std::vector<std::string> _paths;
+};
+
+/// A project path that leads outside the project: through "..", as an absolute path elsewhere,
+/// or through a symbolic link that leaves the project's directory. Nothing was read or written.
+class ZOPROJECTQT_EXPORT PathOutsideProject : public ProjectVFS {
+public:
+    /// path: as the caller gave it.
+    explicit PathOutsideProject(const std::string& path);
+    ~PathOutsideProject() override;
 };
 
 /// A file with no pending change was committed, and it does not exist either.

@@ -53,10 +53,13 @@ public:
     void setPath(const QString& path);
     /// Drops every pending edit, deleting its swap file; the saved flag stays as it is.
     void close();
-    /// Commits every pending edit, as ProjectVFS::commit(); on failure the flag stays unsaved
-    /// and the failing file and those after it stay pending.
+    /// Commits every pending edit as ProjectVFS::commit(changes) does: what open handles
+    /// buffer is written out first, and unless changes is Overwrite, a source another program
+    /// changed since it was opened for writing stops the save before anything is renamed
+    /// (exception::SourceFileChanged). On failure the flag stays unsaved and the failing file
+    /// and those after it stay pending.
     /// @throws exception::SwapFileCommit (one of its kinds) on failure.
-    void save();
+    void save(SourceChanges changes = SourceChanges::Refuse);
 
     /// The content of path: its pending edit, else the file.
     /// @throws exception::OpenSwapFile when it cannot be opened.
@@ -89,6 +92,8 @@ public:
     void recoverFile(const ProjectVFS::RecoverableInfo& info);
     /// Deletes a swap file unless its process runs, as ProjectVFS::abandonFile().
     void abandonFile(const ProjectVFS::RecoverableInfo& info);
+    using ProjectVFS::inspect;
+    using ProjectVFS::ownerOf;
 
     /// Starts or stops polling the directory for changes by other programs, reported through
     /// notifier(); the choice carries over to the next root.

@@ -2,6 +2,7 @@
 
 #include <zo/project/archive.h>
 #include <zo/project/notifier.h>
+#include <zo/project/projectvfs.h>
 #include <zo/project/projectwatcher.h>
 #include <zo/project/zoprojectqt_export.h>
 
@@ -16,7 +17,13 @@
 #include <atomic>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <vector>
+
+namespace zo::os {
+class OwnerMark;
+struct FileVersion;
+} // namespace zo::os
 
 namespace zo::project {
 
@@ -71,9 +78,13 @@ public:
     /// the source's. A safe save writes a hidden temporary archive beside the target, syncs it
     /// and renames it over the target; an unsafe one writes the target in place.
     /// @throws PathNotFound when path is empty and there is no source.
+    /// @throws exception::SourceFileChanged, writing nothing, when the save goes to the source
+    /// and another program changed it (device, inode, size or modification time) since it was
+    /// loaded or last saved, unless changes is Overwrite.
     /// @throws IOWriteError when the export fails: an archive that was at the target stays as
     /// it was, the temporary one is removed, and the model is unsaved.
-    void save(const QString& path, ArchiveFormat format, bool safe);
+    void save(const QString& path, ArchiveFormat format, bool safe,
+        ProjectVFS::SourceChanges changes = ProjectVFS::SourceChanges::Refuse);
 
     /// Starts or stops polling the source for changes by other programs, reported through
     /// notifier(); the choice carries over to the next source.
@@ -95,7 +106,10 @@ public:
     /// The format of the source; Native when there is none.
     ArchiveFormat xGetSourceFormat();
 
-    /// Whether relative is a regular file in the workspace.
+    /// Whether relative is a regular file in the workspace. This and every file operation
+    /// below throw exception::PathOutsideProject, before anything is read or written, for a
+    /// path that leads outside the workspace (through "..", elsewhere, or through a link that
+    /// leaves it).
     bool hasFile(const QString& relative) const;
     /// Whether anything is at relative in the workspace.
     bool hasPath(const QString& relative) const;
@@ -155,16 +169,19 @@ public:
     /// @throws ArchiveError when the metadata file cannot be read.
     QMap<QString, QString> getMetadata() const;
 
-    /// Workspaces under the temporary directory whose process has ended, by name.
+    /// Workspaces under the temporary directory whose process is proven gone, by the owner
+    /// marks models leave there (see ProjectVFS::ownerOf); those of processes that may still
+    /// run, in any pid namespace, are left out.
     static std::vector<RecoverableWorkspace> recoverableWorkspaces();
-    /// Takes the workspace over as this model's unsaved content, with its source: it is
-    /// renamed to a workspace name of this process, and the current workspace is removed.
+    /// Takes the workspace over as this model's unsaved content, with its source and the source
+    /// version it was loaded from (see save): it is renamed to a workspace name of this
+    /// process, and the current workspace is removed.
     /// @throws PathNotFound when workspace is not one.
-    /// @throws IOWriteError when its process still runs or it cannot be renamed; the model
-    /// is then as it was.
+    /// @throws IOWriteError while its process may still run or when it cannot be renamed; the
+    /// model is then as it was.
     void recoverWorkspace(const RecoverableWorkspace& workspace);
     /// Removes the workspace and its record.
-    /// @return false (nothing removed) while its process runs.
+    /// @return false (nothing removed) while its process may still run.
     /// @throws PathNotFound when workspace is not one.
     static bool abandonWorkspace(const RecoverableWorkspace& workspace);
 
@@ -176,10 +193,15 @@ private:
     void xSetSource(const QString& path, ArchiveFormat format);
     void xCheckRelative(const QString& path) const;
 
+    // This process's owner mark in the temporary directory, made before its workspace.
+    std::shared_ptr<zo::os::OwnerMark> _mark;
     std::unique_ptr<detail::Notifier> _notifier;
     QString _sourcePath;
     std::unique_ptr<ProjectWatcher> _sourceWatcher;
     std::unique_ptr<ProjectWatcher> _project;
+    // The source's version when it was loaded or last saved; null when there was none. Held by
+    // pointer, as libzo's types stay out of the public headers.
+    std::shared_ptr<const zo::os::FileVersion> _sourceVersion;
     mutable QMutex _mutex;
     // Guards _sourcePath alone, which getSourcePath reads without the model's mutex.
     mutable QMutex _sourcePathMutex;

@@ -31,6 +31,13 @@ class ProjectVFS_Impl;
 ///
 /// Paths are relative to the root unless absolute. Handles returned by file() and open() share
 /// the engine state and stay valid after the ProjectVFS is gone. Use from one thread.
+///
+/// A project path that leads outside the root, through "..", as an absolute path elsewhere or
+/// through a symbolic link that leaves the root, is refused with exception::PathOutsideProject
+/// by every operation that reads or writes through it (mkpath and mkdir included), before
+/// anything is done. Before its first swap file below the root, the project leaves a hidden
+/// owner mark there (".zo-owner-<pid>.<unique>") by which other processes, also in other pid
+/// namespaces or on other hosts, tell that this one still runs.
 class ZOPROJECTQT_EXPORT ProjectVFS {
 public:
     /// A swap file left by some process; paths are relative to the project root.
@@ -38,6 +45,39 @@ public:
         QString swapPath; ///< the swap file
         QString sourcePath; ///< the file it is a change of
         pid_t pid; ///< of the process that made it; 0 when the name's process id does not fit
+    };
+
+    /// What is known of the process that made a swap file, as QLockFile::getLockInfo tells of
+    /// a lock's owner. The owner is judged running unless it is proven gone, in any pid
+    /// namespace and, where the file system carries locks, on any host.
+    struct OwnerInfo {
+        /// How the owner stands.
+        enum class State {
+            Running, ///< it still runs: its files are never moved or deleted
+            Ended, ///< it is proven gone: its files may be recovered or abandoned
+            InUseElsewhere ///< it cannot be told (another host): treated as running
+        };
+        State state = State::InUseElsewhere; ///< how it stands
+        qint64 pid = 0; ///< in its own pid namespace
+        QString hostName; ///< empty where unknown
+        QString program; ///< the file name of its program; empty where unknown
+        QDateTime started; ///< invalid where unknown
+    };
+
+    /// What is known of a swap file that recoverableFiles() found.
+    struct RecoverableState {
+        OwnerInfo owner; ///< the process that made the swap file
+        /// The source is no longer the file the swap file was made from (by device, inode,
+        /// size and modification time, as its owner noted them); for a swap file of an older
+        /// version, which noted nothing, the source was modified after the swap file was made.
+        bool sourceChanged = false;
+    };
+
+    /// Whether a commit may replace a source that another program changed since its swap file
+    /// was made (or last refreshed from the source).
+    enum class SourceChanges {
+        Refuse, ///< throw exception::SourceFileChanged and commit nothing
+        Overwrite ///< commit anyway: that program's change is replaced
     };
 
     /// The project rooted at path. Puts back, from their backups, the sources of commits that
@@ -82,11 +122,14 @@ public:
     /// The backup name a commit gives path's old content: path followed by "bck".
     QString makeBackupPath(const QString& path) const;
 
-    /// A closed handle on path; touches no disk.
+    /// A closed handle on path, which may be a link whose target lies outside (the handle then
+    /// names the link itself); touches no disk.
+    /// @throws exception::PathOutsideProject when path's directory is not inside the project.
     std::unique_ptr<VFSFile> file(const QString& path);
-    /// Commits the pending change of path, as VFSFile::commit().
+    /// Commits the pending change of path: see commit(SourceChanges) for what is written out
+    /// first and what is checked.
     /// @throws exception::SwapFileCommit (one of its kinds) on failure.
-    void commit(const QString& path);
+    void commit(const QString& path, SourceChanges changes = SourceChanges::Refuse);
     /// Drops the pending change of path, as VFSFile::discard().
     void discard(const QString& path);
     /// A handle on path opened with mode, as VFSFile::open().
@@ -111,12 +154,20 @@ public:
     void setPath(const QString& path);
     /// Whether path exists, also as a new file that so far exists only as its swap file.
     bool exists(const QString& path) const;
-    /// Commits every pending file in path order, with one directory sync for each directory.
-    /// Stops at the first failure, which leaves it and every later file pending; what was
-    /// committed before is durable.
+    /// Commits every pending file in path order. First writes out what the open handles of
+    /// those files still buffer (a handle whose write failed damages its file: SwapFileDamaged).
+    /// Unless changes is Overwrite, then checks every source against the version its swap
+    /// file was made from and, when another program changed any, throws
+    /// exception::SourceFileChanged naming each and commits nothing. A source that is a link
+    /// inside the project stays a link: its target takes the new content. Otherwise stops at
+    /// the first failure (the exception::SwapFileCommit family), which leaves that file and
+    /// every later one pending; what was committed before it is durable. A file whose swap file
+    /// is gone throws exception::SwapFileMissing and keeps its source. Handles still open on a
+    /// committed file are closed: what they write afterwards goes nowhere.
     /// @throws exception::SwapFileCommit (one of its kinds) on failure.
-    void commit();
-    /// Deletes every pending swap file and forgets the changes.
+    void commit(SourceChanges changes = SourceChanges::Refuse);
+    /// Drops every pending change, deleting its swap file; handles still open on them are
+    /// closed.
     void discard();
 
     /// The entries below path as listDirectory() gives them, without the metadata file;
@@ -148,29 +199,32 @@ public:
     /// Throws what zo::project::copy throws.
     void updateFromSource(const QString& path);
 
-    /// The swap files below the root (in directories that are not hidden, reached by no link
-    /// except one level into a linked directory, and readable and writable by this process),
-    /// of this process and of others, running or not.
+    /// Every swap file below the root, those of running processes and of this one included:
+    /// the root's first, then each directory's, a directory before the directories below it.
+    /// Hidden directories, directories this process may not both read and write, and
+    /// directories reached through a link (other than a link to a directory inside the
+    /// project, whose own swap files count) are left out. Never throws for file-system reasons.
     std::vector<RecoverableInfo> recoverableFiles();
+    /// Whether the process that made info's swap file still runs, and what is known of it.
+    OwnerInfo ownerOf(const RecoverableInfo& info) const;
+    /// ownerOf and more for each of found, reading each directory's owner marks once.
+    std::vector<RecoverableState> inspect(const std::vector<RecoverableInfo>& found) const;
     /// What recoverableFiles() returned when the project was opened or its path last set, in
     /// the walk that put back the sources of interrupted commits: a caller that lists the swap
     /// files right after opening needs no second walk. Empty for a facade without a path.
     const std::vector<RecoverableInfo>& recoverableFilesWhenOpened() const;
-    /// Takes the swap file over as this process's pending change of info.sourcePath: it is
-    /// renamed to this process's swap name, or copied when its process still runs.
-    /// @throws exception::SwapFileRename when it can be neither renamed nor copied.
+    /// Takes the swap file over as this process's pending change of info.sourcePath, with the
+    /// source version its owner noted, so that a later commit still sees what another program
+    /// changed since. A file whose owner may still run (ownerOf) is copied, never moved; the
+    /// move is durable once this returns.
+    /// @throws exception::SwapFileRename when the transfer fails (the target exists, or this is
+    /// the process's own file): both files stay.
     void recoverFile(const RecoverableInfo& info);
-    /// Deletes the swap file unless its process still runs (then nothing happens).
-    /// @throws exception::SwapFileRemove when it cannot be deleted.
+    /// Deletes the swap file unless its owner may still run (then only logs why not).
+    /// @throws exception::SwapFileRemove when the removal fails.
     void abandonFile(const RecoverableInfo& info);
 
 private:
-    // Whether the process that made a swap file last modified at swapModified still runs: a
-    // process of that id which started later only reused it. An empty programName accepts any
-    // program; an invalid time skips the test of the start.
-    static bool isProcessRunning(
-        pid_t pid, const std::string& programName, const QDateTime& swapModified);
-    bool isOwnerRunning(const RecoverableInfo& info, const std::string& programName) const;
     void xRestoreInterruptedCommits();
 
     std::shared_ptr<detail::ProjectVFS_Impl> _impl;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <zo/project/projectvfs.h>
 #include <zo/project/zoprojectqt_export.h>
 
 #include <QFile>
@@ -17,7 +18,9 @@ class ProjectVFS_Impl;
 /// A handle on one project file, made by ProjectVFS::file() or ProjectVFS::open(). It reads
 /// the file in place until the first write, which copies it to a swap file beside it
 /// (".<name>.<pid>.csp"); from then on every open goes to the swap file until the change is
-/// committed or discarded. Destroying a handle closes it but neither commits nor discards.
+/// committed or discarded. Destroying a handle closes it but neither commits nor discards. A
+/// commit writes out what an open handle of its file still buffers and then, as a discard
+/// does, closes it: later writes through it fail instead of reaching the committed file.
 class ZOPROJECTQT_EXPORT VFSFile : public QFile {
 public:
     /// A handle on path, relative to the root of the engine impl; touches no disk.
@@ -63,13 +66,13 @@ public:
     /// Throws what zo::project::copy throws.
     void copy(const QString& newPath);
 
-    /// Closes the handle and puts the pending change in place through a backup and two renames
-    /// that are synced before the backup goes; does nothing when no change is pending and the
+    /// Closes the handle and commits this file's pending change as
+    /// ProjectVFS::commit(path, changes) does; does nothing when no change is pending and the
     /// file exists.
     /// @throws exception::SourceFileDoesNotExists when nothing is pending and there is no file.
     /// @throws exception::SwapFileCommit (another of its kinds) when the commit fails, the
     /// source keeping its old content and the change staying pending.
-    void commit();
+    void commit(ProjectVFS::SourceChanges changes = ProjectVFS::SourceChanges::Refuse);
     /// Deletes the swap file and forgets the change; the file is untouched.
     void discard();
     /// Deletes the file (a link as a link) and its swap file, and forgets a pending change.

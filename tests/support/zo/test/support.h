@@ -9,6 +9,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <chrono>
 #include <functional>
 #include <ostream>
 #include <string>
@@ -51,7 +52,8 @@ QByteArray readFile(const TestPath& path);
 // Every entry below root, hidden ones and directories too, as sorted relative paths; a link is
 // listed as itself, never followed.
 QStringList entriesBelow(const TestPath& root);
-// Every regular file below root (links not followed), relative path to content.
+// Every regular file below root (links not followed), relative path to content, the owner marks
+// that live editors keep (".zo-owner-*") aside.
 QMap<QString, QByteArray> filesBelow(const TestPath& root);
 
 // The id of a process that has just ended: free unless the system reuses it at once.
@@ -82,6 +84,25 @@ struct ScopedMount {
     const QByteArray target;
     bool mounted = false;
 };
+
+// A live process that counts as another instance of this program: a forked copy of it, which
+// waits until the object goes.
+struct LiveInstance {
+    LiveInstance();
+    ~LiveInstance();
+    LiveInstance(const LiveInstance&) = delete;
+    LiveInstance& operator=(const LiveInstance&) = delete;
+
+    const pid_t pid;
+};
+
+// The first line of a small file; empty when it is missing.
+QByteArray firstLineOf(const char* path);
+
+// An owner mark as a process that ended left it, nobody holding its lock: the record of process
+// pid on host, booted as boot, marked then (since 1970), with this host's machine id.
+void writeEndedOwnerMark(const QString& directory, pid_t pid, const QByteArray& host,
+    const QByteArray& boot, std::chrono::system_clock::time_point marked);
 
 // Runs body in a forked child under the unprivileged uid "nobody"; the child's exit code is
 // body's result (0 for success). Root ignores permission bits, so tests of refused access

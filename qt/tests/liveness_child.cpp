@@ -1,0 +1,55 @@
+// Another program on a project, for the liveness tests; it makes no QCoreApplication.
+//   hold DIR FILE...   edits each FILE, says "ready" and keeps the edits pending until stdin ends
+//   model DIR          an archive project with an unsaved file, until killed; DIR unused
+//   adopt DIR          takes over the first recoverable workspace, until killed; DIR unused
+//   abandon DIR        prints each swap file's owner state, then abandons each
+//   save DIR FILE N    edits and commits FILE N times
+#include <zo/project/projectmodel.h>
+#include <zo/project/projectvfs.h>
+#include <zo/project/vfsfile.h>
+
+#include <cstdio>
+#include <exception>
+#include <optional>
+#include <string>
+#include <unistd.h>
+
+int main(int argc, char** argv)
+{
+    if (argc < 3)
+        return 2;
+    try {
+        zo::project::ProjectVFS project(QString::fromLocal8Bit(argv[2]));
+        const std::string mode = argv[1];
+        if (mode == "hold" || mode == "model" || mode == "adopt") {
+            for (int at = 3; at < argc; ++at)
+                project.open(QString::fromLocal8Bit(argv[at]), QIODevice::WriteOnly)->write("live");
+            std::optional<zo::project::ProjectModel> model;
+            if (mode == "model")
+                model.emplace().writeFile("a.txt", "live");
+            if (mode == "adopt")
+                model.emplace().recoverWorkspace(
+                    zo::project::ProjectModel::recoverableWorkspaces().at(0));
+            std::puts("ready");
+            std::fflush(stdout);
+            while (mode != "hold" || std::getchar() != EOF)
+                if (mode != "hold")
+                    ::pause();
+        } else if (mode == "abandon") {
+            for (const auto& info : project.recoverableFiles()) {
+                std::printf("%d\n", static_cast<int>(project.ownerOf(info).state));
+                project.abandonFile(info);
+            }
+        } else {
+            for (int round = std::stoi(argv[4]); round > 0; --round) {
+                project.open(QString::fromLocal8Bit(argv[3]), QIODevice::WriteOnly)
+                    ->write(QByteArray::number(round));
+                project.commit();
+            }
+        }
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return 1;
+    }
+    return 0;
+}

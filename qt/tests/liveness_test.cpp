@@ -1,0 +1,276 @@
+// Whether the owner of a swap file still runs, judged from every side: owners in this and in
+// other pid namespaces, ids reused by other processes and threads, earlier boots, other hosts.
+// Nothing of an owner that may still run is ever moved or deleted.
+#include <zo/fault.h>
+#include <zo/owner.h>
+#include <zo/project/exceptions.h>
+#include <zo/project/projectmodel.h>
+#include <zo/project/projectvfs.h>
+#include <zo/project/vfsfile.h>
+#include <zo/test/support.h>
+
+#include <QCoreApplication>
+#include <QProcess>
+#include <QSysInfo>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <future>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace zo::project {
+namespace {
+
+using namespace test;
+using State = ProjectVFS::OwnerInfo::State;
+using Info = ProjectVFS::RecoverableInfo;
+using Clock = std::chrono::system_clock;
+
+bool canUnsharePids()
+{
+    static const bool allowed
+        = QProcess::execute("unshare", { "--pid", "--fork", "--mount-proc", "true" }) == 0;
+    return allowed;
+}
+
+// Runs liveness_child; given sandboxPid, in a sandbox: a pid namespace of its own, where it has
+// that id. An id that no process here has keeps a wrong verdict from passing by luck.
+void startChild(QProcess& process, const QStringList& arguments, pid_t sandboxPid = 0)
+{
+    const QString child = QCoreApplication::applicationDirPath() + "/liveness_child";
+    if (sandboxPid != 0)
+        process.start("unshare",
+            QStringList { "--pid", "--fork", "--mount-proc", "--kill-child", "sh", "-c",
+                "echo $(($0 - 1)) >/proc/sys/kernel/ns_last_pid && \"$@\"; exit $?",
+                QString::number(sandboxPid), child }
+                + arguments);
+    else
+        process.start(child, arguments);
+}
+
+const QByteArray kHost = QSysInfo::machineHostName().toUtf8();
+const QByteArray kBoot = firstLineOf("/proc/sys/kernel/random/boot_id");
+
+TEST(Liveness, OwnersAreJudgedByTheirMarksWhateverHoldsTheirIdNow)
+{
+    const LiveInstance thisProgram;
+    QProcess otherProgram;
+    otherProgram.start("sleep", { "60" });
+    ASSERT_TRUE(otherProgram.waitForStarted());
+    std::promise<pid_t> threadId;
+    std::promise<void> done;
+    std::thread thread([&] { threadId.set_value(::gettid()), done.get_future().wait(); });
+    const pid_t aThread = threadId.get_future().get();
+    const pid_t ended = test::endedProcessId();
+    const auto before = Clock::now() - std::chrono::minutes(1);
+    const auto beforeBoot = Clock::time_point(std::chrono::hours(1));
+
+    const struct {
+        const char* what;
+        pid_t pid;
+        QByteArray host, boot;
+        Clock::time_point marked;
+        State state;
+    } rows[] = {
+        { "id reused by another program", pid_t(otherProgram.processId()), kHost, kBoot, before,
+            State::Ended },
+        { "id reused by this program", thisProgram.pid, kHost, kBoot, before, State::Ended },
+        { "id reused by a thread", aThread, kHost, kBoot, before, State::Ended },
+        { "owner of an earlier boot", ended, kHost, "an-earlier-boot", beforeBoot, State::Ended },
+        { "owner on another host", ended, "elsewhere", "its-boot", before, State::InUseElsewhere },
+        { "mark without a record", ended, "", "", before, State::InUseElsewhere },
+    };
+    for (const auto& row : rows) {
+        const QTemporaryDir dir;
+        ProjectVFS project(dir.path());
+        const Info info { QString(".a.txt.%1.csp").arg(row.pid), "a.txt", row.pid };
+        writeFile(dir.filePath(info.swapPath), "work");
+        writeEndedOwnerMark(dir.path(), row.pid, row.host, row.boot, row.marked);
+        EXPECT_EQ(project.ownerOf(info).state, row.state) << row.what;
+        project.abandonFile(info);
+        EXPECT_EQ(QFile::exists(dir.filePath(info.swapPath)), row.state != State::Ended)
+            << row.what;
+    }
+    done.set_value();
+    thread.join();
+    otherProgram.kill();
+    otherProgram.waitForFinished();
+}
+
+// Another program holds a pending edit, here or sandboxed, and is judged here or from a
+// sandbox, where the judge has no QCoreApplication either.
+TEST(Liveness, LiveOwnersRunInEveryPidNamespace)
+{
+    for (const auto& [ownerSandboxed, judgeSandboxed] :
+        { std::pair { false, false }, { true, false }, { false, true } }) {
+        if ((ownerSandboxed || judgeSandboxed) && !canUnsharePids())
+            continue;
+        SCOPED_TRACE(testing::Message() << ownerSandboxed << judgeSandboxed);
+        const QTemporaryDir dir;
+        QProcess owner;
+        startChild(
+            owner, { "hold", dir.path(), "a.txt" }, ownerSandboxed ? test::endedProcessId() : 0);
+        ASSERT_TRUE(owner.waitForReadyRead(20000)) << owner.readAllStandardError().toStdString();
+        ProjectVFS project(dir.path());
+        const auto found = project.recoverableFiles();
+        ASSERT_EQ(found.size(), 1u);
+        if (judgeSandboxed) {
+            QProcess judge;
+            startChild(judge, { "abandon", dir.path() }, test::endedProcessId());
+            ASSERT_TRUE(judge.waitForFinished(20000));
+            EXPECT_EQ(judge.readAllStandardOutput(), "0\n")
+                << judge.readAllStandardError().toStdString();
+        } else {
+            EXPECT_EQ(project.ownerOf(found[0]).state, State::Running);
+            project.abandonFile(found[0]);
+        }
+        EXPECT_EQ(readFile(dir.filePath(found[0].swapPath)), "live");
+        owner.closeWriteChannel();
+        ASSERT_TRUE(owner.waitForFinished());
+        EXPECT_EQ(owner.exitCode(), 0);
+    }
+    if (!canUnsharePids())
+        GTEST_SKIP() << "no pid namespaces here";
+}
+
+TEST(Liveness, WorkspacesOfLiveModelsAreNeitherListedNorAbandoned)
+{
+    if (!canUnsharePids())
+        GTEST_SKIP() << "no pid namespaces here";
+    const QTemporaryDir temp;
+    const QByteArray previous = qgetenv("TMPDIR");
+    qputenv("TMPDIR", QFile::encodeName(temp.path()));
+    QProcess owner;
+    const pid_t sandboxed = test::endedProcessId();
+    startChild(owner, { "model", temp.path() }, sandboxed);
+    ASSERT_TRUE(owner.waitForReadyRead(20000)) << owner.readAllStandardError().toStdString();
+    const QString workspace = temp.filePath(QString("zo_project_model_%1_0").arg(sandboxed));
+    EXPECT_TRUE(ProjectModel::recoverableWorkspaces().empty());
+    EXPECT_FALSE(
+        ProjectModel::abandonWorkspace({ workspace, {}, ArchiveFormat::Native, sandboxed, {} }));
+    EXPECT_EQ(readFile(workspace + "/a.txt"), "live");
+    owner.kill();
+    owner.waitForFinished();
+    // The sandbox's processes die after the one that made it.
+    for (int wait = 0; wait < 200 && ProjectModel::recoverableWorkspaces().empty(); ++wait)
+        QThread::msleep(10);
+    EXPECT_EQ(ProjectModel::recoverableWorkspaces().size(), 1u);
+
+    // Taken over by a process that started after its last write.
+    std::filesystem::last_write_time(workspace.toStdString(),
+        std::filesystem::file_time_type::clock::now() - std::chrono::minutes(1));
+    QProcess adopter;
+    startChild(adopter, { "adopt", temp.path() });
+    ASSERT_TRUE(adopter.waitForReadyRead(20000)) << adopter.readAllStandardError().toStdString();
+    EXPECT_TRUE(ProjectModel::recoverableWorkspaces().empty());
+    adopter.kill();
+    adopter.waitForFinished();
+    qputenv("TMPDIR", previous);
+}
+
+// An editor killed with a pending change noted the version of the source it started from: a
+// change another program made since shows, and stops the commit of the recovered file.
+TEST(Liveness, RecoveredFileKeepsTheSourceVersionItsOwnerNoted)
+{
+    const QTemporaryDir dir;
+    writeFile(dir.filePath("a.txt"), "old");
+    QProcess editor;
+    startChild(editor, { "hold", dir.path(), "a.txt" });
+    ASSERT_TRUE(editor.waitForReadyRead(20000));
+    editor.kill();
+    editor.waitForFinished();
+    writeFile(dir.filePath("a.txt"), "changed meanwhile");
+    ProjectVFS project(dir.path());
+    const auto found = project.recoverableFiles();
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_TRUE(project.inspect(found).front().sourceChanged);
+    project.recoverFile(found[0]);
+    EXPECT_THROW(project.commit(), exception::SourceFileChanged);
+    project.commit(ProjectVFS::SourceChanges::Overwrite);
+    EXPECT_EQ(readFile(dir.filePath("a.txt")), "live");
+}
+
+// A sandboxed instance that ended left a swap file under the id this process has now.
+TEST(Liveness, SwapOfAnEndedProcessOfThisIdIsTakenOverWhereItLies)
+{
+    const QTemporaryDir dir;
+    const pid_t self = ::getpid();
+    const Info theirs { QString(".a.txt.%1.csp").arg(self), "a.txt", self };
+    writeFile(dir.filePath(theirs.swapPath), "their work");
+    std::filesystem::last_write_time(dir.filePath(theirs.swapPath).toStdString(),
+        std::filesystem::file_time_type::clock::now() - std::chrono::seconds(30));
+    writeEndedOwnerMark(dir.path(), self, kHost, kBoot, Clock::now() - std::chrono::minutes(1));
+    ProjectVFS project(dir.path());
+    project.open("b.txt", QIODevice::WriteOnly)->write("mine");
+
+    EXPECT_EQ(project.ownerOf(theirs).state, State::Ended);
+    zo::os::fault::inject(zo::os::fault::Step::Rename, 1, EIO);
+    EXPECT_THROW(
+        project.recoverFile({ theirs.swapPath, "c.txt", self }), exception::SwapFileRename);
+    zo::os::fault::clear();
+    project.recoverFile(theirs);
+    EXPECT_EQ(project.ownerOf(theirs).state, State::Running);
+    project.commit();
+    EXPECT_EQ(readFile(dir.filePath("a.txt")), "their work");
+}
+
+// As zoproject recover --all does it, again and again while another program saves.
+TEST(Liveness, RecoveryWhileAnotherProgramSavesLeavesItAlone)
+{
+    const QTemporaryDir dir;
+    QProcess editor;
+    startChild(editor, { "save", dir.path(), "a.txt", "100" });
+    while (!editor.waitForFinished(0)) {
+        ProjectVFS recovery(dir.path());
+        const auto found = recovery.recoverableFilesWhenOpened();
+        const auto states = recovery.inspect(found);
+        for (std::size_t at = 0; at < found.size(); ++at)
+            if (states[at].owner.state == State::Ended)
+                recovery.recoverFile(found[at]);
+        recovery.commit();
+    }
+    EXPECT_EQ(editor.exitCode(), 0) << editor.readAllStandardError().toStdString();
+    EXPECT_EQ(readFile(dir.filePath("a.txt")), "1");
+}
+
+TEST(Liveness, BackupOfAnotherProcessesCommitIsLeftAlone)
+{
+    const QTemporaryDir dir;
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t committer = ::fork();
+    if (committer == 0) {
+        const zo::os::OwnerMark::Replacing replacing(
+            zo::os::OwnerMark::hold(dir.path().toStdString()));
+        if (::write(ready[1], "r", 1) == 1)
+            ::pause();
+        ::_exit(0);
+    }
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    writeFile(dir.filePath("a.txt"), "old");
+    ProjectVFS project(dir.path());
+    project.open("a.txt", QIODevice::WriteOnly)->write("new");
+    writeFile(dir.filePath("a.txtbck"), "theirs");
+    EXPECT_THROW(project.commit(), exception::SourceFileBackupRemove);
+    EXPECT_EQ(readFile(dir.filePath("a.txtbck")), "theirs");
+
+    ::kill(committer, SIGKILL);
+    ::waitpid(committer, nullptr, 0);
+    // A leftover now: removed, and the commit stops once.
+    EXPECT_THROW(project.commit(), exception::SourceFileBackupRemove);
+    project.commit();
+    EXPECT_EQ(readFile(dir.filePath("a.txt")), "new");
+}
+
+} // namespace
+} // namespace zo::project
