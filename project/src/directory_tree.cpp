@@ -22,7 +22,9 @@ size_t sharedLength(std::string_view a, std::string_view b)
         = [length](std::string_view path) { return length == path.size() || path[length] == '/'; };
     if (endsComponent(a) && endsComponent(b))
         return length;
-    const size_t slash = a.rfind('/', length);
+    // The last slash before the first difference: one at the difference itself ends a
+    // component on one side only ("a/b" against "ab").
+    const size_t slash = length == 0 ? std::string_view::npos : a.rfind('/', length - 1);
     return slash == std::string_view::npos ? 0 : slash;
 }
 

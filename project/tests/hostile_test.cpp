@@ -8,53 +8,11 @@
 #include <QDir>
 
 #include <filesystem>
-#include <memory>
-#include <sys/sysmacros.h>
 
 namespace {
 
 using namespace zo::project;
 using namespace zo::project::test;
-
-struct Item {
-    std::string name;
-    unsigned type = AE_IFREG;
-    std::string content = {}; // a file's data or a link's target
-    bool hardLink = false;
-    int64_t declaredSize = -1; // a sparse file of that size when set
-};
-
-void writeArchive(const std::string& path, const std::vector<Item>& items, bool zip = false)
-{
-    const std::unique_ptr<archive, int (*)(archive*)> writer(
-        archive_write_new(), archive_write_free);
-    zip ? archive_write_set_format_zip(writer.get())
-        : archive_write_set_format_pax_restricted(writer.get());
-    ASSERT_EQ(archive_write_open_filename(writer.get(), path.c_str()), ARCHIVE_OK);
-    for (const Item& item : items) {
-        const std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(
-            archive_entry_new(), archive_entry_free);
-        archive_entry_set_pathname(entry.get(), item.name.c_str());
-        archive_entry_set_filetype(entry.get(), item.type);
-        archive_entry_set_perm(entry.get(), 0644);
-        if (item.hardLink)
-            archive_entry_set_hardlink(entry.get(), item.content.c_str());
-        else if (item.type == AE_IFLNK)
-            archive_entry_set_symlink(entry.get(), item.content.c_str());
-        else if (item.type == AE_IFREG)
-            archive_entry_set_size(entry.get(), static_cast<int64_t>(item.content.size()));
-        if (item.declaredSize >= 0) {
-            archive_entry_set_size(entry.get(), item.declaredSize);
-            archive_entry_sparse_add_entry(
-                entry.get(), 0, static_cast<int64_t>(item.content.size()));
-        }
-        archive_entry_set_rdev(entry.get(), makedev(1, 3));
-        ASSERT_EQ(archive_write_header(writer.get(), entry.get()), ARCHIVE_OK) << item.name;
-        if (item.type == AE_IFREG && !item.hardLink)
-            archive_write_data(writer.get(), item.content.data(), item.content.size());
-    }
-    ASSERT_EQ(archive_write_close(writer.get()), ARCHIVE_OK);
-}
 
 // "ArchiveError: message" of the import, or "nothing thrown".
 std::string importError(const std::string& archive, const std::string& destination)

@@ -5,6 +5,8 @@
 
 #include <QTemporaryDir>
 
+#include <archive_entry.h>
+
 #include <cstddef>
 #include <string>
 #include <sys/types.h>
@@ -33,5 +35,17 @@ enum Detail { Modes = 1, Times = 2, Links = 4, Everything = Modes | Times | Link
 // One sorted line per entry below root: kind, path, the details asked for (links are left
 // out without Links) and a digest of the content or the link's target.
 std::vector<std::string> listing(const std::string& root, int details);
+
+// An entry of an archive written by writeArchive.
+struct Item {
+    std::string name;
+    unsigned type = AE_IFREG;
+    std::string content = {}; // a file's data or a link's target
+    bool hardLink = false;
+    int64_t declaredSize = -1; // a sparse file of that size when set
+};
+
+// A pax tar, or a zip, of items in their order.
+void writeArchive(const std::string& path, const std::vector<Item>& items, bool zip = false);
 
 } // namespace zo::project::test
