@@ -21,7 +21,6 @@
 namespace zo::project {
 namespace {
 
-using detail::isOnDisk;
 using detail::removeQuietly;
 using detail::utf8;
 
@@ -125,7 +124,7 @@ void ProjectModel::load(const QString& path, ArchiveFormat format)
     xSetSaved(true);
 }
 
-void ProjectModel::save(const QString& path, ArchiveFormat format, bool safe)
+void ProjectModel::save(const QString& path, ArchiveFormat format, bool /*safe*/)
 {
     const QMutexLocker lock(&_mutex);
     const QString target = path.isEmpty() ? getSourcePath() : path;
@@ -142,16 +141,18 @@ void ProjectModel::save(const QString& path, ArchiveFormat format, bool safe)
         }
     }
 
-    const std::string workspace = _project->projectPath();
-    // Only what this save made is removed on failure; an archive at the target stays.
-    const QString output = safe ? detail::temporaryPathBeside(target) : target;
-    const bool outputExisted = isOnDisk(output);
+    // Every export replaces its target whole or not at all by itself. Only a tree that replaces
+    // a directory is built beside it first, as a directory cannot be renamed over another one.
+    const QFileInfo targetInfo(target);
+    const bool intoDirectory
+        = chosen == ArchiveFormat::Directory && targetInfo.isDir() && !targetInfo.isSymLink();
+    const QString output = intoDirectory ? detail::temporaryPathBeside(target) : target;
     try {
-        exportProject(workspace, utf8(output), chosen);
-        if (safe)
-            detail::replaceDurably(output, target);
+        exportProject(_project->projectPath(), utf8(output), chosen);
+        if (intoDirectory)
+            detail::replaceDirectory(output, target);
     } catch (...) {
-        if (!outputExisted)
+        if (intoDirectory)
             removeQuietly(output);
         xSetSaved(false);
         try {

@@ -59,9 +59,11 @@ public:
     // Unpacks path into a new workspace; on failure the model stays as it was.
     void load(const QString& path, ArchiveFormat format);
     // Packs the workspace into path (empty: the source). format 0 detects it from the name
-    // (zip when the name tells nothing), 1 keeps the source's. A safe save writes a hidden
-    // temporary archive beside the target, syncs it and renames it over the target. A failed
-    // save throws IOWriteError and leaves an archive that was at the target as it was.
+    // (zip when the name tells nothing), 1 keeps the source's. Every save is safe, whatever
+    // safe says: the archive is written under a hidden name beside the target, synced and
+    // renamed over the target (a directory swapped with it). A failed save throws IOWriteError
+    // and leaves what was at the target as it was, unless only the final sync of the target's
+    // directory failed: the target then holds the new archive (see zo/replace.h).
     void save(const QString& path, ArchiveFormat format, bool safe);
 
     void enableWatching(bool enable);
