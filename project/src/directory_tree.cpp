@@ -142,9 +142,7 @@ void DirectoryTree::stepDown(Node node, const std::string& entry, bool create)
     const char* childName = name(node).c_str();
     UniqueFd fd = os::openDirectoryAt(openFd(), childName);
     if (!fd && errno == ENOENT && create) {
-        if (os::makeDirectoryAt(openFd(), childName, 0755))
-            markCreated(node);
-        else if (errno != EEXIST)
+        if (!os::makeDirectoryAt(openFd(), childName, 0755) && errno != EEXIST)
             failEntry(_archive, entry.empty() ? pathOf(node) : entry,
                 "cannot create directory '" + name(node) + "': " + systemError());
         fd = os::openDirectoryAt(openFd(), childName);
@@ -175,17 +173,6 @@ void DirectoryTree::remember(Node node, const std::string& entry)
         failEntry(_archive, entry.empty() ? pathOf(node) : entry,
             "cannot query directory '" + name(node) + "': " + systemError());
     _directories[node].identity = status->identity;
-}
-
-std::vector<DirectoryTree::Node> DirectoryTree::created() const
-{
-    std::vector<Node> nodes;
-    for (Node node = 0; node < _directories.size(); ++node)
-        if (_directories[node].created)
-            nodes.push_back(node);
-    std::stable_sort(
-        nodes.begin(), nodes.end(), [this](Node a, Node b) { return depth(a) > depth(b); });
-    return nodes;
 }
 
 } // namespace zo::project::detail

@@ -18,22 +18,24 @@
 namespace zo::project::detail {
 namespace {
 
-// An archive format proper, with its libarchive code and set-up calls.
+// An archive format proper, with its libarchive code and set-up calls, and whether it keeps
+// hard links.
 struct Container {
     int code;
     int (*read)(archive*);
     int (*write)(archive*);
+    bool hardLinks;
 };
 
 // The seekable zip reader finds the entries through the central directory at the end, which
 // also holds for zips with data in front (self-extracting archives) and for zip64.
 constexpr Container zip { ARCHIVE_FORMAT_ZIP, archive_read_support_format_zip_seekable,
-    archive_write_set_format_zip };
+    archive_write_set_format_zip, false };
 // Restricted pax writes plain ustar headers unless a name or size needs an extension.
 constexpr Container tar { ARCHIVE_FORMAT_TAR, archive_read_support_format_tar,
-    archive_write_set_format_pax_restricted };
+    archive_write_set_format_pax_restricted, true };
 constexpr Container sevenZip { ARCHIVE_FORMAT_7ZIP, archive_read_support_format_7zip,
-    archive_write_set_format_7zip };
+    archive_write_set_format_7zip, false };
 
 // A compression filter: its libarchive code, the bytes its streams start with and its writer.
 struct Filter {
@@ -217,6 +219,12 @@ std::optional<ArchiveFormat> formatOfExtension(const std::string& path)
 }
 
 } // namespace
+
+bool keepsHardLinks(ArchiveFormat format)
+{
+    const Traits* traits = lookUp(format);
+    return traits != nullptr && (traits->container == nullptr || traits->container->hardLinks);
+}
 
 ArchiveFormat formatFromName(const std::string& path)
 {

@@ -22,6 +22,9 @@ bool isSoundEmpty(const std::string& path, ArchiveFormat format);
 // container is enabled and its filter, if any, is the one layer peeled.
 ReadArchive openArchive(const std::string& path, ArchiveFormat format);
 
+// Whether an archive of format (or a directory) keeps hard links as links.
+bool keepsHardLinks(ArchiveFormat format);
+
 // Makes writer produce format, one of the archive formats.
 void enableWriting(archive* writer, ArchiveFormat format, const std::string& path);
 

@@ -14,14 +14,16 @@ void writeEntry(
 {
     // What we write must be what our own unpacking accepts.
     checkEntry(entry, archive);
+    const std::string name = entryName(entry);
     if (archive_write_header(writer, entry) != ARCHIVE_OK)
-        failEntry(archive, entryName(entry), errorText(writer));
+        failEntry(archive, name, errorText(writer));
+    // A hard link has no data of its own.
     Block block;
-    while (reader.read(block))
+    while (archive_entry_hardlink(entry) == nullptr && reader.read(block))
         if (archive_write_data(writer, block.data, block.size) < 0)
-            failEntry(archive, entryName(entry), errorText(writer));
+            failEntry(archive, name, errorText(writer));
     if (archive_write_finish_entry(writer) != ARCHIVE_OK)
-        failEntry(archive, entryName(entry), errorText(writer));
+        failEntry(archive, name, errorText(writer));
 }
 
 // libarchive's zip writer sets up and tears down a deflate stream for every entry: some 256 KiB in
