@@ -22,6 +22,10 @@ bool isSoundEmpty(const std::string& path, ArchiveFormat format);
 // container is enabled and its filter, if any, is the one layer peeled.
 ReadArchive openArchive(const std::string& path, ArchiveFormat format);
 
+// Whether name, written into an archive of format (an archive format, not Auto or Directory),
+// is read back byte for byte.
+bool keepsName(ArchiveFormat format, const std::string& name);
+
 // Whether an archive of format (or a directory) keeps hard links as links.
 bool keepsHardLinks(ArchiveFormat format);
 

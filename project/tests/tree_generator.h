@@ -1,0 +1,53 @@
+#pragma once
+
+// Trees whose names and shapes break path code, drawn from a seed or from a fuzzer's input, and
+// an exact description of a tree to compare two of them.
+
+#include <cstddef>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace zo::project::test {
+
+// The choices a tree is made of: from a seeded generator, or from a fuzzer's input (zero once
+// it is used up).
+class Choices {
+public:
+    explicit Choices(uint32_t seed)
+        : _random(seed)
+    {
+    }
+    Choices(const uint8_t* data, size_t size)
+        : _data(data)
+        , _size(size)
+    {
+    }
+
+    // A number below bound.
+    unsigned below(unsigned bound);
+
+private:
+    std::mt19937 _random;
+    const uint8_t* _data = nullptr;
+    size_t _size = 0;
+};
+
+// Makes the directory root and fills it: names sharing prefixes followed by "/", "-" or ".",
+// names that are prefixes of each other, dot files, blanks, newlines, composed forms, long
+// names and a path deeper than PATH_MAX; empty directories, symbolic links (none leading out),
+// hard links, varied modes, whole-second times. Unless the tree is to be portable (the answer),
+// names and link targets may also hold bytes that are not UTF-8, decomposed forms and
+// backslashes.
+bool makeTree(const std::string& root, Choices& choices);
+
+// One sorted line per entry below root, read through descriptors: kind, path, mode, time and a
+// file's content or a link's target. With hardLinks, a file with further names tells the first
+// of them.
+std::vector<std::string> describe(const std::string& root, bool hardLinks);
+
+// Removes everything below root, however deep.
+void removeContents(const std::string& root);
+
+} // namespace zo::project::test
