@@ -21,13 +21,6 @@ namespace {
 using namespace detail;
 namespace fs = std::filesystem;
 
-void requireKnown(ArchiveFormat format)
-{
-    if (format != ArchiveFormat::Auto && formatName(format).empty())
-        throw UnsupportedFormat(
-            "unknown archive format " + std::to_string(static_cast<int>(format)));
-}
-
 bool isDirectory(const std::string& path)
 {
     const auto status = os::status(path.c_str());
@@ -64,18 +57,6 @@ void requireApart(const std::string& source, const std::string& destination)
     };
     if (error || within(from, to) || within(to, from))
         fail(source, "overlaps the destination '" + destination + "'");
-}
-
-ArchiveFormat importFormat(const std::string& source)
-{
-    if (isDirectory(source))
-        return ArchiveFormat::Directory;
-    try {
-        return formatFromContent(source);
-    } catch (const UnsupportedFormat& error) {
-        // Content that cannot be read as an archive is a broken archive, not a format choice.
-        throw ArchiveError(error.what());
-    }
 }
 
 ArchiveFormat exportFormat(const std::string& destination)
@@ -122,9 +103,8 @@ void importProject(const std::string& source, const std::string& destination, Ar
 bool importProject(const std::string& source, const std::string& destination, ArchiveFormat format,
     const ProgressCallback& progress)
 {
-    requireKnown(format);
+    const ArchiveFormat resolved = sourceFormat(source, format);
     const Utf8Locale utf8;
-    const ArchiveFormat resolved = format == ArchiveFormat::Auto ? importFormat(source) : format;
     try {
         Staging staging(destination);
         if (resolved == ArchiveFormat::Directory)

@@ -4,6 +4,7 @@
 #include "libarchive.h"
 #include "zip_start.h"
 
+#include <zo/file.h>
 #include <zo/os.h>
 
 #include <algorithm>
@@ -273,6 +274,29 @@ bool keepsHardLinks(ArchiveFormat format)
 {
     const Traits* traits = lookUp(format);
     return traits != nullptr && (traits->container == nullptr || traits->container->hardLinks);
+}
+
+void requireKnown(ArchiveFormat format)
+{
+    if (format != ArchiveFormat::Auto && lookUp(format) == nullptr)
+        throw UnsupportedFormat(
+            "unknown archive format " + std::to_string(static_cast<int>(format)));
+}
+
+ArchiveFormat sourceFormat(const std::string& source, ArchiveFormat format)
+{
+    requireKnown(format);
+    if (format != ArchiveFormat::Auto)
+        return format;
+    const std::optional<os::FileStatus> status = os::status(source.c_str());
+    if (status && status->type == os::EntryType::Directory)
+        return ArchiveFormat::Directory;
+    try {
+        return formatFromContent(source);
+    } catch (const UnsupportedFormat& error) {
+        // Content that cannot be read as an archive is a broken archive, not a format choice.
+        throw ArchiveError(error.what());
+    }
 }
 
 ArchiveFormat formatFromName(const std::string& path)

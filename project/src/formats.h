@@ -8,6 +8,14 @@
 
 namespace zo::project::detail {
 
+// Throws UnsupportedFormat for a value outside the enumeration.
+void requireKnown(ArchiveFormat format);
+
+// The format of the archive or directory source that format names: Auto is detected (a
+// directory is Directory), any other value checked with requireKnown. Content that no format
+// reads throws ArchiveError.
+ArchiveFormat sourceFormat(const std::string& source, ArchiveFormat format);
+
 // The format a path's extension names; throws UnsupportedFormat when it names none.
 ArchiveFormat formatFromName(const std::string& path);
 

@@ -2,6 +2,7 @@
 #include "command.h"
 #include "source.h"
 
+#include <zo/project/contents.h>
 #include <zo/project/project.h>
 
 #include <QJsonObject>
@@ -28,19 +29,20 @@ void printMetadata(const Metadata& metadata, bool json)
 int meta(const QCommandLineParser& parser)
 {
     const QStringList arguments = parser.positionalArguments();
-    const bool setting = arguments.size() == 3;
-    const ProjectSource source(
-        arguments[0], setting ? ProjectSource::Unpack::Beside : ProjectSource::Unpack::InTemp);
-    zo::project::Project project(source.directory().toStdString());
-    if (setting) {
-        project.setMetadata(arguments[1].toStdString(), arguments[2].toStdString());
+    if (arguments.size() == 3) {
+        const ProjectSource source(arguments[0]);
+        zo::project::Project(source.directory().toStdString())
+            .setMetadata(arguments[1].toStdString(), arguments[2].toStdString());
         // The export replaces the archive whole or not at all, keeping its permissions.
         if (source.isArchive())
             zo::project::exportProject(
                 source.directory().toStdString(), source.path().toStdString(), source.format());
         return kSuccess;
     }
-    Metadata metadata = project.getMetadata();
+    // Streamed: an archive is not unpacked to read it.
+    const std::string path = arguments[0].toStdString();
+    const Metadata metadata
+        = zo::project::readProjectMetadata(path, zo::project::detectFormat(path));
     if (arguments.size() == 1) {
         printMetadata(metadata, jsonRequested(parser));
         return kSuccess;
