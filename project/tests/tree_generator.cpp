@@ -244,6 +244,42 @@ void removeContents(const std::string& root)
     removeBelow(Directory(::open(root.c_str(), O_RDONLY | O_DIRECTORY)));
 }
 
+const PackFormat kPackFormats[9] = { { ArchiveFormat::Tar, "tar", true, true },
+    { ArchiveFormat::TarGz, "tar.gz", true, true },
+    { ArchiveFormat::TarBz2, "tar.bz2", true, true },
+    { ArchiveFormat::TarXz, "tar.xz", true, true },
+    { ArchiveFormat::TarZstd, "tar.zst", true, true }, { ArchiveFormat::Zip, "zip", false, false },
+    { ArchiveFormat::Native, "zop", false, false }, { ArchiveFormat::SevenZip, "7z", false, false },
+    { ArchiveFormat::Directory, "dir", true, true } };
+
+std::string roundTrip(
+    const std::string& source, const std::string& work, const PackFormat& format, bool portable)
+{
+    const std::string archive = work + "/packed." + format.name;
+    const std::string unpacked = work + "/unpacked." + format.name;
+    try {
+        exportProject(source, archive, format.format);
+    } catch (const ArchiveError& error) {
+        struct stat left { };
+        const bool refusable = !format.anyName && !portable
+            && std::string(error.what()).find("archive cannot hold") != std::string::npos;
+        return refusable && ::lstat(archive.c_str(), &left) != 0
+            ? std::string()
+            : std::string("refused: ") + error.what();
+    }
+    const std::vector<std::string> expected = describe(source, format.hardLinks);
+    for (int pass = format.format == ArchiveFormat::Tar ? 2 : 1; pass > 0; --pass) {
+        importProject(archive, unpacked, format.format);
+        const std::vector<std::string> found = describe(unpacked, format.hardLinks);
+        const auto differ
+            = std::mismatch(expected.begin(), expected.end(), found.begin(), found.end());
+        if (differ.first != expected.end() || differ.second != found.end())
+            return "expected '" + (differ.first != expected.end() ? *differ.first : "")
+                + "', found '" + (differ.second != found.end() ? *differ.second : "") + "'";
+    }
+    return {};
+}
+
 std::vector<std::string> describe(const std::string& root, bool hardLinks)
 {
     std::vector<Seen> seen;

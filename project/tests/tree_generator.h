@@ -3,6 +3,8 @@
 // Trees whose names and shapes break path code, drawn from a seed or from a fuzzer's input, and
 // an exact description of a tree to compare two of them.
 
+#include <zo/project/archive.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <random>
@@ -46,6 +48,25 @@ bool makeTree(const std::string& root, Choices& choices);
 // file's content or a link's target. With hardLinks, a file with further names tells the first
 // of them.
 std::vector<std::string> describe(const std::string& root, bool hardLinks);
+
+// A format trees are packed into, and what it keeps.
+struct PackFormat {
+    ArchiveFormat format;
+    const char* name;
+    bool anyName; // not only those of portable trees
+    bool hardLinks;
+};
+
+// Every format, the directory too.
+extern const PackFormat kPackFormats[9];
+
+// Packs source (as makeTree made it, portable or not) into work/packed.<name>, unpacks that into
+// work/unpacked.<name> (for a tar once more, over what it made) and tells what went wrong: a
+// tree that did not come back exactly, a refusal a portable tree or a format for any name must
+// not meet, or an archive left by a refused pack; empty when nothing did. Errors of the unpacking
+// propagate.
+std::string roundTrip(
+    const std::string& source, const std::string& work, const PackFormat& format, bool portable);
 
 // Removes everything below root, however deep.
 void removeContents(const std::string& root);
