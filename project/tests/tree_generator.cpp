@@ -155,13 +155,6 @@ private:
     bool _deepDone = false;
 };
 
-struct Seen {
-    std::string path;
-    std::string line;
-    std::pair<dev_t, ino_t> inode;
-    bool linked; // a file with further names
-};
-
 std::string readAll(int fd)
 {
     std::string content;
@@ -171,7 +164,7 @@ std::string readAll(int fd)
     return content;
 }
 
-// The names in dir, read before anything in it changes.
+// The names in dir, sorted, read before anything in it changes.
 std::vector<std::string> namesIn(const Directory& dir)
 {
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(
@@ -180,6 +173,7 @@ std::vector<std::string> namesIn(const Directory& dir)
     while (const dirent* entry = ::readdir(stream.get()))
         if (std::string_view(entry->d_name) != "." && std::string_view(entry->d_name) != "..")
             names.emplace_back(entry->d_name);
+    std::sort(names.begin(), names.end());
     return names;
 }
 
@@ -192,7 +186,10 @@ void removeBelow(const Directory& dir)
         }
 }
 
-void collect(const Directory& dir, const std::string& prefix, std::vector<Seen>& seen)
+// Describes the entries below dir in a fixed order; a file with further names tells the first
+// name met, when firstNames is given.
+void collect(const Directory& dir, const std::string& prefix, std::vector<std::string>& lines,
+    std::map<std::pair<dev_t, ino_t>, std::string>* firstNames)
 {
     for (const std::string& name : namesIn(dir)) {
         struct stat status { };
@@ -200,22 +197,23 @@ void collect(const Directory& dir, const std::string& prefix, std::vector<Seen>&
         const std::string path = prefix + name;
         const std::string details = " mode " + std::to_string(status.st_mode & 07777) + " time "
             + std::to_string(status.st_mtime);
-        Seen item { path, {}, { status.st_dev, status.st_ino }, false };
         if (S_ISLNK(status.st_mode)) {
             std::string target(4096, '\0');
             target.resize(static_cast<size_t>(
                 check(::readlinkat(dir.fd, name.c_str(), target.data(), target.size()), name)));
-            item.line = "l " + path + " -> " + target;
+            lines.push_back("l " + path + " -> " + target);
         } else if (S_ISDIR(status.st_mode)) {
-            item.line = "d " + path + details;
-            collect(*openIn(dir.fd, name), path + "/", seen);
+            lines.push_back("d " + path + details);
+            collect(*openIn(dir.fd, name), path + "/", lines, firstNames);
         } else {
             const int fd = check(::openat(dir.fd, name.c_str(), O_RDONLY | O_CLOEXEC), name);
-            item.line = "f " + path + details + " content " + readAll(fd);
+            lines.push_back("f " + path + details + " content " + readAll(fd));
             ::close(fd);
-            item.linked = status.st_nlink > 1;
+            if (firstNames != nullptr && status.st_nlink > 1)
+                lines.back() += " = "
+                    + firstNames->emplace(std::pair(status.st_dev, status.st_ino), path)
+                          .first->second;
         }
-        seen.push_back(std::move(item));
     }
 }
 
@@ -282,17 +280,10 @@ std::string roundTrip(
 
 std::vector<std::string> describe(const std::string& root, bool hardLinks)
 {
-    std::vector<Seen> seen;
-    collect(Directory(::open(root.c_str(), O_RDONLY | O_DIRECTORY)), "", seen);
-    std::sort(
-        seen.begin(), seen.end(), [](const Seen& a, const Seen& b) { return a.path < b.path; });
-    std::map<std::pair<dev_t, ino_t>, std::string> firstNames;
     std::vector<std::string> lines;
-    for (const Seen& item : seen) {
-        lines.push_back(item.line);
-        if (hardLinks && item.linked)
-            lines.back() += " = " + firstNames.emplace(item.inode, item.path).first->second;
-    }
+    std::map<std::pair<dev_t, ino_t>, std::string> firstNames;
+    collect(Directory(::open(root.c_str(), O_RDONLY | O_DIRECTORY)), "", lines,
+        hardLinks ? &firstNames : nullptr);
     return lines;
 }
 

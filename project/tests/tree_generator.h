@@ -44,9 +44,9 @@ private:
 // backslashes.
 bool makeTree(const std::string& root, Choices& choices);
 
-// One sorted line per entry below root, read through descriptors: kind, path, mode, time and a
-// file's content or a link's target. With hardLinks, a file with further names tells the first
-// of them.
+// One line per entry below root, in a fixed order, read through descriptors: kind, path, mode,
+// time and a file's content or a link's target. With hardLinks, a file with further names tells
+// the first of them.
 std::vector<std::string> describe(const std::string& root, bool hardLinks);
 
 // A format trees are packed into, and what it keeps.
