@@ -12,14 +12,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::optional<os::FileStatus> directoryStatus(const std::string& path)
-{
-    std::optional<os::FileStatus> status = os::status(path.c_str());
-    if (status && status->type != os::EntryType::Directory)
-        status.reset();
-    return status;
-}
-
 } // namespace
 
 Staging::Staging(const std::string& destination)
@@ -35,8 +27,8 @@ Staging::Staging(const std::string& destination)
         missing.insert(missing.begin(), path.filename().string());
     const fs::path existing = fs::canonical(path, error);
     const std::optional<os::FileStatus> status
-        = error ? std::nullopt : directoryStatus(existing.string());
-    if (!status)
+        = error ? std::nullopt : os::status(existing.c_str());
+    if (!status || status->type != os::EntryType::Directory)
         fail(destination, "'" + path.string() + "' is not a directory");
     _target = missing.empty() ? existing.string() : (existing / missing.front()).string();
     _staged = os::hiddenTemplateBeside(_target, "unpack");
@@ -45,11 +37,13 @@ Staging::Staging(const std::string& destination)
     _guard.reset(_staged);
     if (missing.empty()) {
         _existing = os::openDirectory(_target.c_str());
-        _existingIdentity = status->identity;
+        const std::optional<os::FileStatus> opened
+            = _existing ? os::status(_existing.get()) : std::nullopt;
         const std::optional<os::FileStatus> staged = os::status(_staged.c_str());
-        if (!_existing || !staged)
+        if (!opened || !staged)
             fail(destination, "cannot open the directory: " + systemError());
-        if (staged->identity.device != status->identity.device)
+        _existingIdentity = opened->identity;
+        if (staged->identity.device != opened->identity.device)
             fail(destination,
                 "a mount point cannot be replaced in one step: unpack into a directory inside it");
     }

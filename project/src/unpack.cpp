@@ -103,6 +103,7 @@ private:
     };
 
     void write(EntryReader& reader, archive_entry* entry);
+    void noteFirstBelow(Node node, const std::string& entry);
     Place hardLinkTarget(archive_entry* entry, const std::string& name) const;
     void writeHardLink(const std::string& entry, const Place& place, const Place& linked);
     void removeExisting(int parentFd, const std::string& name, const std::string& entry) const;
@@ -142,9 +143,7 @@ void DiskWriter::write(EntryReader& reader, archive_entry* entry)
     const std::string name = entryName(entry);
     const auto [parentPath, leaf] = splitLast(path);
     const Place place { _tree.node(parentPath), std::string(leaf) };
-    for (Node node = place.directory;
-         node != DirectoryTree::root && _firstBelow.try_emplace(node, name).second;
-         node = _tree.parent(node)) { }
+    noteFirstBelow(place.directory, name);
     if (archive_entry_hardlink(entry) != nullptr)
         return writeHardLink(name, place, hardLinkTarget(entry, name));
     const Target target { name, place, _tree.open(place.directory, name, true) };
@@ -180,6 +179,13 @@ void DiskWriter::finish()
             failSystem(
                 _tree.pathOf(directory.node), "cannot set the directory's owner, mode and times");
     }
+}
+
+// Remembers entry for node and those of its ancestors that had none yet.
+void DiskWriter::noteFirstBelow(Node node, const std::string& entry)
+{
+    while (node != DirectoryTree::root && _firstBelow.try_emplace(node, entry).second)
+        node = _tree.parent(node);
 }
 
 // The earlier regular file of this unpacking that a hard link names.

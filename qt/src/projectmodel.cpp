@@ -147,12 +147,14 @@ void ProjectModel::save(const QString& path, ArchiveFormat format, bool /*safe*/
     const bool intoDirectory
         = chosen == ArchiveFormat::Directory && targetInfo.isDir() && !targetInfo.isSymLink();
     const QString output = intoDirectory ? detail::temporaryPathBeside(target) : target;
+    bool exported = false;
     try {
         exportProject(_project->projectPath(), utf8(output), chosen);
+        exported = true;
         if (intoDirectory)
             detail::replaceDirectory(output, target);
     } catch (...) {
-        if (intoDirectory)
+        if (intoDirectory && !exported)
             removeQuietly(output);
         xSetSaved(false);
         try {

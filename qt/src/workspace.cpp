@@ -111,12 +111,17 @@ void replaceDirectory(const QString& replacement, const QString& target)
         failed = zo::os::ReplaceStep::SyncFile;
     else if (zo::os::exchangeDurably(from.constData(), to.constData(), failed))
         return removeQuietly(replacement); // the previous tree, swapped out of the way
+    // Not swapped, the new tree goes; swapped, the previous one stays whole under the hidden
+    // name, as a system crash could still undo the swap.
+    const int error = errno;
+    if (failed != zo::os::ReplaceStep::SyncDirectory)
+        removeQuietly(replacement);
     const char* step = failed == zo::os::ReplaceStep::SyncFile ? "sync the replacement of"
         : failed == zo::os::ReplaceStep::Rename                ? "replace"
                                                                : "sync the directory of";
     throw IOWriteError(QStringLiteral("cannot %1 '%2': %3")
                            .arg(QLatin1String(step), target,
-                               QString::fromStdString(std::system_category().message(errno)))
+                               QString::fromStdString(std::system_category().message(error)))
                            .toUtf8()
                            .toStdString());
 }

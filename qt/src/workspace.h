@@ -37,8 +37,9 @@ QDateTime lastModifiedOf(const QString& workspace);
 // A hidden path beside target that does not exist yet, for writing target's replacement.
 QString temporaryPathBeside(const QString& target);
 // Puts the directory tree replacement, written beside the directory target, in its place
-// durably (zo/replace.h) and removes the previous tree. IOWriteError when a step fails; target
-// is then as it was, unless the last flush failed, when it holds the new tree.
+// durably (zo/replace.h) and removes the previous tree. IOWriteError when a step fails: target
+// is then as it was and replacement removed, unless the last flush failed, when target holds the
+// new tree and the previous one stays under replacement's name.
 void replaceDirectory(const QString& replacement, const QString& target);
 
 } // namespace zo::project::detail
