@@ -40,7 +40,7 @@ FileStatus fileStatusOf(const struct stat& status)
         static_cast<std::int64_t>(status.st_mtim.tv_sec),
         static_cast<std::int32_t>(status.st_mtim.tv_nsec),
         { static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino) },
-        static_cast<std::uint32_t>(status.st_mode & 07777) };
+        static_cast<std::uint32_t>(status.st_mode & 07777), status.st_uid, status.st_gid };
 }
 
 // The armed fault: its step (-1 when none), how many calls of it still pass, and its errno.
@@ -128,6 +128,35 @@ std::optional<std::string> resolvePhysically(const std::string& path)
         resolved = std::move(next);
     }
     return resolved;
+}
+
+// Fills the trailing "XXXXXX" of pathTemplate with random letters until create makes something
+// new under that name (EEXIST means try again).
+template <typename Create> bool createUnique(std::string& pathTemplate, Create&& create)
+{
+    constexpr std::string_view kLetters
+        = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    constexpr std::string_view kPlaceholder = "XXXXXX";
+    if (pathTemplate.size() < kPlaceholder.size()
+        || pathTemplate.compare(
+               pathTemplate.size() - kPlaceholder.size(), kPlaceholder.size(), kPlaceholder)
+            != 0) {
+        errno = EINVAL;
+        return false;
+    }
+    std::random_device seed;
+    std::mt19937 random(seed());
+    std::uniform_int_distribution<std::size_t> letter(0, kLetters.size() - 1);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        for (std::size_t at = pathTemplate.size() - kPlaceholder.size(); at < pathTemplate.size();
+             ++at)
+            pathTemplate[at] = kLetters[letter(random)];
+        if (create(pathTemplate.c_str()))
+            return true;
+        if (errno != EEXIST)
+            return false;
+    }
+    return false;
 }
 
 } // namespace
@@ -277,31 +306,20 @@ bool createTemporaryDirectory(std::string& pathTemplate)
     return ::mkdtemp(pathTemplate.data()) != nullptr;
 }
 
+UniqueFd createUniqueFile(std::string& pathTemplate, mode_t mode)
+{
+    UniqueFd fd;
+    createUnique(pathTemplate, [&](const char* path) {
+        fd = createFileAt(AT_FDCWD, path, mode);
+        return static_cast<bool>(fd);
+    });
+    return fd;
+}
+
 bool makeUniqueDirectory(std::string& pathTemplate, mode_t mode)
 {
-    constexpr std::string_view kLetters
-        = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-    constexpr std::string_view kPlaceholder = "XXXXXX";
-    if (pathTemplate.size() < kPlaceholder.size()
-        || pathTemplate.compare(
-               pathTemplate.size() - kPlaceholder.size(), kPlaceholder.size(), kPlaceholder)
-            != 0) {
-        errno = EINVAL;
-        return false;
-    }
-    std::random_device seed;
-    std::mt19937 random(seed());
-    std::uniform_int_distribution<std::size_t> letter(0, kLetters.size() - 1);
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        for (std::size_t at = pathTemplate.size() - kPlaceholder.size(); at < pathTemplate.size();
-             ++at)
-            pathTemplate[at] = kLetters[letter(random)];
-        if (::mkdir(pathTemplate.c_str(), mode) == 0)
-            return true;
-        if (errno != EEXIST)
-            return false;
-    }
-    return false;
+    return createUnique(
+        pathTemplate, [mode](const char* path) { return ::mkdir(path, mode) == 0; });
 }
 
 bool makeDirectoryAt(int directory, const char* name, mode_t mode)
@@ -312,6 +330,11 @@ bool makeDirectoryAt(int directory, const char* name, mode_t mode)
 bool makeSymlinkAt(const char* target, int directory, const char* name)
 {
     return ::symlinkat(target, directory, name) == 0;
+}
+
+bool linkAt(int fromDirectory, const char* fromName, int toDirectory, const char* toName)
+{
+    return ::linkat(fromDirectory, fromName, toDirectory, toName, 0) == 0;
 }
 
 bool remove(const char* path)
@@ -332,6 +355,11 @@ bool removeDirectoryAt(int directory, const char* name)
 bool setPermissions(int descriptor, mode_t mode)
 {
     return ::fchmod(descriptor, mode) == 0;
+}
+
+bool setOwner(int descriptor, std::uint32_t owner, std::uint32_t group)
+{
+    return ::fchown(descriptor, owner, group) == 0;
 }
 
 bool setTimes(int descriptor, const FileTimes& times)

@@ -47,15 +47,22 @@ std::string unusedHiddenPathBeside(const std::string& path, std::string_view pur
     }
 }
 
+std::string hiddenTemplateIn(const std::string& directory, std::string_view purpose)
+{
+    return (directory == "/" ? "" : directory) + "/" + std::string(kMark) + std::string(purpose)
+        + '-' + std::to_string(getpid()) + ".XXXXXX";
+}
+
 std::optional<HiddenName> parseHiddenName(std::string_view name)
 {
-    // ".<name>.zo-<purpose>-<pid>.<unique>", read from the end, where <name> may be anything.
+    // ".<name>.zo-<purpose>-<pid>.<unique>", read from the end, where <name> may be anything,
+    // or ".zo-<purpose>-<pid>.<unique>" for a directory's own.
     if (name.empty() || name[0] != '.')
         return std::nullopt;
     const std::size_t uniqueStart = name.rfind('.');
     const std::string_view stem = name.substr(0, uniqueStart);
     const std::size_t mark = stem.rfind(kMark);
-    if (uniqueStart + 1 == name.size() || mark == std::string_view::npos || mark == 0)
+    if (uniqueStart + 1 == name.size() || mark == std::string_view::npos)
         return std::nullopt;
     const std::string_view owner = stem.substr(mark + kMark.size());
     const std::size_t dash = owner.find('-');

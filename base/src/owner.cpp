@@ -20,7 +20,7 @@ namespace {
 
 using Clock = std::chrono::system_clock;
 
-constexpr std::string_view kMarkPrefix = ".zo-owner-";
+constexpr std::string_view kMarkPurpose = "owner";
 constexpr std::string_view kFormatLine = "zo-owner 1";
 // Byte 0 of a mark is locked for its owner's life, byte 1 while it replaces files.
 constexpr off_t kLifeByte = 0;
@@ -252,11 +252,9 @@ std::string parentOf(const std::string& path)
 // The process of a mark's name, ".zo-owner-<pid>.<unique>"; 0 for any other name.
 int pidOfMarkName(std::string_view name)
 {
-    if (name.substr(0, kMarkPrefix.size()) != kMarkPrefix)
-        return 0;
-    name.remove_prefix(kMarkPrefix.size());
-    int pid = 0;
-    return parseNumber(name.substr(0, name.find('.')), pid) && pid > 0 ? pid : 0;
+    const std::optional<HiddenName> hidden = parseHiddenName(name);
+    return hidden && hidden->purpose == kMarkPurpose && name.rfind(".zo-", 0) == 0 ? hidden->pid
+                                                                                   : 0;
 }
 
 // The marks this process made (and, in a forked child, those it inherited), by directory.
@@ -352,8 +350,7 @@ std::shared_ptr<OwnerMark> OwnerMark::hold(const std::string& directory)
             if (std::shared_ptr<OwnerMark> shared = entry.shared.lock())
                 return shared;
 
-    std::string path = *resolved + (*resolved == "/" ? "" : "/") + std::string(kMarkPrefix)
-        + std::to_string(self) + ".XXXXXX";
+    std::string path = hiddenTemplateIn(*resolved, kMarkPurpose);
     UniqueFd file(::mkostemp(path.data(), O_CLOEXEC | O_APPEND));
     const std::optional<FileStatus> made = file ? status(file.get()) : std::nullopt;
     if (!made)

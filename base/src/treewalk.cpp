@@ -177,7 +177,14 @@ const FileStatus* WalkEntry::status() const
 
 bool walkTree(const std::string& root, const WalkOptions& options, const WalkVisitor& visit)
 {
-    const int descriptor = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const UniqueFd directory = openDirectory(root.c_str());
+    return directory && walkTree(directory.get(), options, visit);
+}
+
+bool walkTree(int root, const WalkOptions& options, const WalkVisitor& visit)
+{
+    // The walk closes what it walks: a descriptor of its own, at the same place.
+    const int descriptor = ::openat(root, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (descriptor < 0)
         return false;
     TreeWalker(options, visit).walkFrom(descriptor, 0);

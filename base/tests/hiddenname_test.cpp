@@ -62,6 +62,11 @@ TEST(HiddenName, IsMadeBesideAnyNameAndReadBack)
         ASSERT_TRUE(zo::os::createFileAt(AT_FDCWD, taken.c_str(), 0600));
         EXPECT_NE(zo::os::unusedHiddenPathBeside(beside, "save"), taken);
     }
+    std::string own = zo::os::hiddenTemplateIn(dir.path, "owner");
+    ASSERT_TRUE(zo::os::createTemporaryFile(own));
+    const auto read = parseHiddenName(own.substr(own.rfind('/') + 1));
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->purpose, "owner");
 }
 
 TEST(HiddenName, ParserReadsOnlyItsOwnPattern)
@@ -76,7 +81,9 @@ TEST(HiddenName, ParserReadsOnlyItsOwnPattern)
         { ".a.zo-save-12.x.zo-meta-3.4", "meta", 3 },
         { ".a.txt.4242.csp", nullptr, 0 }, // a swap file
         { "a.zo-save-12.x", nullptr, 0 },
-        { ".zo-save-12.x", nullptr, 0 },
+        { ".zo-owner-12.x", "owner", 12 }, // a directory's own: an owner mark
+        { ".zo-x.12.csp", nullptr, 0 }, // the swap file of "zo-x"
+        { ".zo-owner-5.77.csp", nullptr, 0 }, // the swap file of "zo-owner-5"
         { ".a.zo-save-12", nullptr, 0 },
         { ".a.zo-save-12.", nullptr, 0 },
         { ".a.zo-Save-12.x", nullptr, 0 },

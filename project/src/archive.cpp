@@ -6,6 +6,7 @@
 #include "formats.h"
 #include "libarchive.h"
 #include "pack.h"
+#include "staging.h"
 #include "unpack.h"
 
 #include <zo/file.h>
@@ -19,13 +20,6 @@ namespace {
 
 using namespace detail;
 namespace fs = std::filesystem;
-
-void requireKnown(ArchiveFormat format)
-{
-    if (format != ArchiveFormat::Auto && formatName(format).empty())
-        throw UnsupportedFormat(
-            "unknown archive format " + std::to_string(static_cast<int>(format)));
-}
 
 bool isDirectory(const std::string& path)
 {
@@ -49,42 +43,6 @@ UniqueFd openDirectory(const std::string& path)
     return fd;
 }
 
-// The highest ancestor of path (path included) that does not exist yet, or "".
-std::string firstMissing(const std::string& path)
-{
-    std::string missing;
-    std::error_code ignored;
-    for (fs::path p(path); !p.empty() && !fs::exists(fs::symlink_status(p, ignored));
-         p = p.parent_path()) {
-        missing = p.string();
-        if (p == p.parent_path())
-            break;
-    }
-    return missing;
-}
-
-// An import's destination directory, created with its parents; what this created is removed
-// again unless kept.
-class Destination {
-public:
-    explicit Destination(const std::string& path)
-        : _created(firstMissing(path))
-    {
-        std::error_code error;
-        fs::create_directories(path, error);
-        if (error)
-            fail(path, "cannot create the destination: " + error.message());
-        _fd = openDirectory(path);
-    }
-
-    int fd() const { return _fd.get(); }
-    void keep() { _created.keep(); }
-
-private:
-    TreeGuard _created;
-    UniqueFd _fd;
-};
-
 // A tree copied into or out of itself would read what it is overwriting.
 void requireApart(const std::string& source, const std::string& destination)
 {
@@ -92,25 +50,13 @@ void requireApart(const std::string& source, const std::string& destination)
     const fs::path from = fs::canonical(source, error);
     if (error)
         fail(source, error.message());
-    const fs::path to = fs::canonical(destination, error);
+    const fs::path to = fs::weakly_canonical(destination, error);
     const auto within = [](const fs::path& inner, const fs::path& outer) {
         return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first
             == outer.end();
     };
     if (error || within(from, to) || within(to, from))
         fail(source, "overlaps the destination '" + destination + "'");
-}
-
-ArchiveFormat importFormat(const std::string& source)
-{
-    if (isDirectory(source))
-        return ArchiveFormat::Directory;
-    try {
-        return formatFromContent(source);
-    } catch (const UnsupportedFormat& error) {
-        // Content that cannot be read as an archive is a broken archive, not a format choice.
-        throw ArchiveError(error.what());
-    }
 }
 
 ArchiveFormat exportFormat(const std::string& destination)
@@ -123,7 +69,7 @@ void exportArchive(const std::string& source, const std::string& destination, Ar
 {
     AtomicFile file(destination, "pack");
     // The temporary archive lies inside the source when the destination does.
-    TreeReader reader(source, identityOf(file.fd(), destination));
+    TreeReader reader(source, identityOf(file.fd(), destination), keepsHardLinks(format));
     reader.reportTo(progress);
     pack(reader, file.fd(), format, destination);
     file.keep();
@@ -137,7 +83,7 @@ void exportTree(
         fail(destination, "cannot create a temporary directory beside it: " + systemError());
     TreeGuard guard(temp);
     const UniqueFd root = openDirectory(temp);
-    TreeReader reader(source, identityOf(root.get(), destination));
+    TreeReader reader(source, identityOf(root.get(), destination), true);
     reader.reportTo(progress);
     unpack(reader, root.get(), destination);
     const auto status = os::status(source.c_str());
@@ -157,17 +103,16 @@ void importProject(const std::string& source, const std::string& destination, Ar
 bool importProject(const std::string& source, const std::string& destination, ArchiveFormat format,
     const ProgressCallback& progress)
 {
-    requireKnown(format);
+    const ArchiveFormat resolved = sourceFormat(source, format);
     const Utf8Locale utf8;
-    const ArchiveFormat resolved = format == ArchiveFormat::Auto ? importFormat(source) : format;
     try {
-        Destination target(destination);
+        Staging staging(destination);
         if (resolved == ArchiveFormat::Directory)
-            requireApart(source, destination);
+            requireApart(source, staging.target());
         const std::unique_ptr<EntryReader> reader = openReader(source, resolved);
         reader->reportTo(progress);
-        unpack(*reader, target.fd(), source);
-        target.keep();
+        staging.fill(*reader, source);
+        staging.commit();
         return true;
     } catch (const Cancelled&) {
         return false;

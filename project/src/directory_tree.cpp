@@ -22,7 +22,9 @@ size_t sharedLength(std::string_view a, std::string_view b)
         = [length](std::string_view path) { return length == path.size() || path[length] == '/'; };
     if (endsComponent(a) && endsComponent(b))
         return length;
-    const size_t slash = a.rfind('/', length);
+    // The last slash before the first difference: one at the difference itself ends a
+    // component on one side only ("a/b" against "ab").
+    const size_t slash = length == 0 ? std::string_view::npos : a.rfind('/', length - 1);
     return slash == std::string_view::npos ? 0 : slash;
 }
 
@@ -140,9 +142,7 @@ void DirectoryTree::stepDown(Node node, const std::string& entry, bool create)
     const char* childName = name(node).c_str();
     UniqueFd fd = os::openDirectoryAt(openFd(), childName);
     if (!fd && errno == ENOENT && create) {
-        if (os::makeDirectoryAt(openFd(), childName, 0755))
-            markCreated(node);
-        else if (errno != EEXIST)
+        if (!os::makeDirectoryAt(openFd(), childName, 0755) && errno != EEXIST)
             failEntry(_archive, entry.empty() ? pathOf(node) : entry,
                 "cannot create directory '" + name(node) + "': " + systemError());
         fd = os::openDirectoryAt(openFd(), childName);
@@ -173,17 +173,6 @@ void DirectoryTree::remember(Node node, const std::string& entry)
         failEntry(_archive, entry.empty() ? pathOf(node) : entry,
             "cannot query directory '" + name(node) + "': " + systemError());
     _directories[node].identity = status->identity;
-}
-
-std::vector<DirectoryTree::Node> DirectoryTree::created() const
-{
-    std::vector<Node> nodes;
-    for (Node node = 0; node < _directories.size(); ++node)
-        if (_directories[node].created)
-            nodes.push_back(node);
-    std::stable_sort(
-        nodes.begin(), nodes.end(), [this](Node a, Node b) { return depth(a) > depth(b); });
-    return nodes;
 }
 
 } // namespace zo::project::detail

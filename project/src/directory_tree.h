@@ -58,17 +58,12 @@ public:
     size_t depth(Node node) const { return _directories[node].depth; }
     // The path of node below the root, for messages.
     std::string pathOf(Node node) const;
-    // Notes that an entry of the archive created the directory of node.
-    void markCreated(Node node) { _directories[node].created = true; }
-    // The directories this unpacking created, deepest first.
-    std::vector<Node> created() const;
 
 private:
     struct Directory {
         Node parent;
         std::string name;
         size_t depth;
-        bool created = false;
         // The identity seen when it was last opened, which a step up through ".." must meet.
         os::FileIdentity identity {};
     };

@@ -127,10 +127,12 @@ std::string prefixOf(const std::string& root)
 
 } // namespace
 
-TreeReader::TreeReader(const std::string& root, std::optional<os::FileIdentity> skip)
+TreeReader::TreeReader(
+    const std::string& root, std::optional<os::FileIdentity> skip, bool hardLinks)
     : EntryReader(root, newReadDiskArchive())
     , _prefix(prefixOf(withoutTrailingSlashes(root)))
     , _skip(skip)
+    , _links(hardLinks ? newTarLinkResolver() : nullptr)
 {
     const std::optional<os::FileStatus> status = os::status(root.c_str());
     if (!status)
@@ -149,7 +151,7 @@ TreeReader::TreeReader(const std::string& root, std::optional<os::FileIdentity> 
 
 Progress TreeReader::totals() const
 {
-    TreeReader counter(_path, _skip);
+    TreeReader counter(_path, _skip, false);
     Progress totals;
     while (archive_entry* entry = counter.next()) {
         ++totals.entriesTotal;
@@ -174,6 +176,10 @@ archive_entry* TreeReader::fetch()
         if (name.size() <= _prefix.size() || name.compare(0, _prefix.size(), _prefix) != 0)
             continue; // the root itself
         archive_entry_copy_pathname(entry, name.c_str() + _prefix.size());
+        // The tar strategy marks the entry in place and never holds one back.
+        archive_entry* spare = nullptr;
+        if (_links)
+            archive_entry_linkify(_links.get(), &entry, &spare);
         return entry;
     }
     return nullptr;
@@ -182,7 +188,7 @@ archive_entry* TreeReader::fetch()
 std::unique_ptr<EntryReader> openReader(const std::string& path, ArchiveFormat format)
 {
     if (format == ArchiveFormat::Directory)
-        return std::make_unique<TreeReader>(path, std::nullopt);
+        return std::make_unique<TreeReader>(path, std::nullopt, true);
     return std::make_unique<ArchiveFileReader>(path, format);
 }
 

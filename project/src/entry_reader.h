@@ -81,8 +81,9 @@ private:
 // A directory tree; symbolic links are entries, never followed.
 class TreeReader final : public EntryReader {
 public:
-    // skip names a file or directory inside the tree left out with all it contains.
-    TreeReader(const std::string& root, std::optional<os::FileIdentity> skip);
+    // skip names a file or directory inside the tree left out with all it contains. With
+    // hardLinks, a file met again under another name is given as a hard link to the first.
+    TreeReader(const std::string& root, std::optional<os::FileIdentity> skip, bool hardLinks);
 
 protected:
     archive_entry* fetch() override;
@@ -93,6 +94,7 @@ private:
     // The root's path and a slash, which entry names start with.
     std::string _prefix;
     std::optional<os::FileIdentity> _skip;
+    LinkResolver _links;
 };
 
 // A reader of path: a TreeReader for Directory, otherwise an ArchiveFileReader.

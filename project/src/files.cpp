@@ -11,49 +11,52 @@ namespace zo::project::detail {
 
 namespace {
 
-void syncDirectory(const std::string& directory, const std::string& target)
+[[noreturn]] void failStep(const std::string& target, os::ReplaceStep step, const std::string& temp)
 {
-    if (!os::syncDirectory(directory.c_str()))
-        fail(target, "cannot sync directory '" + directory + "': " + systemError());
+    const std::string cause = systemError();
+    switch (step) {
+    case os::ReplaceStep::Create:
+        fail(target, "cannot create a temporary file beside it: " + cause);
+    case os::ReplaceStep::Write:
+    case os::ReplaceStep::SyncFile:
+        fail(target, "cannot write '" + temp + "': " + cause);
+    case os::ReplaceStep::Rename:
+        fail(target, "cannot replace: " + cause);
+    case os::ReplaceStep::SyncDirectory:
+        break;
+    }
+    fail(target,
+        "cannot sync directory '" + Path(target).directory() + "': " + cause
+            + "; the new content is in place but may not outlast a system crash");
 }
 
 } // namespace
 
 void renameInto(const std::string& temp, const std::string& target)
 {
-    if (!os::rename(temp.c_str(), target.c_str()))
-        fail(target, "cannot replace: " + systemError());
-    syncDirectory(Path(target).directory(), target);
+    os::ReplaceStep failed {};
+    if (!os::renameDurably(temp.c_str(), target.c_str(), failed))
+        failStep(target, failed, temp);
 }
 
 AtomicFile::AtomicFile(std::string target, std::string_view purpose)
     : _target(std::move(target))
-    , _temp(os::hiddenTemplateBeside(_target, purpose))
-    , _fd(os::createTemporaryFile(_temp))
+    , _file(_target, purpose)
 {
-    if (!_fd)
-        fail(_target, "cannot create a temporary file beside it: " + systemError());
-}
-
-AtomicFile::~AtomicFile()
-{
-    if (!_temp.empty())
-        os::remove(_temp.c_str());
+    if (!_file)
+        failStep(_target, os::ReplaceStep::Create, _file.path());
 }
 
 void AtomicFile::write(std::string_view data)
 {
-    if (!os::writeAll(_fd.get(), data.data(), data.size(), 0))
-        fail(_target, "cannot write '" + _temp + "': " + systemError());
+    if (!_file.write(data))
+        failStep(_target, _file.failedStep(), _file.path());
 }
 
 void AtomicFile::keep()
 {
-    // mkstemp creates the file private; the result is an ordinary shared file.
-    if (!os::setPermissions(_fd.get(), 0644) || !os::syncFile(_fd.get()) || !_fd.close())
-        fail(_target, "cannot write '" + _temp + "': " + systemError());
-    renameInto(_temp, _target);
-    _temp.clear();
+    if (!_file.commit())
+        failStep(_target, _file.failedStep(), _file.path());
 }
 
 TreeGuard::~TreeGuard()

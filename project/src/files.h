@@ -1,6 +1,7 @@
 #pragma once
 
 #include <zo/file.h>
+#include <zo/replace.h>
 
 #include <string>
 #include <string_view>
@@ -9,19 +10,16 @@ namespace zo::project::detail {
 
 using os::UniqueFd;
 
-// Renames temp over target and syncs the directory so that the rename survives a crash.
+// Renames temp over target durably (zo/replace.h); ArchiveError naming target otherwise.
 void renameInto(const std::string& temp, const std::string& target);
 
-// A hidden file beside target, named for purpose (see hiddenTemplateBeside), that replaces
-// target when kept and is removed otherwise.
+// The durable replacement of target (zo/replace.h) that reports a failed step as an
+// ArchiveError naming target; removed unless kept.
 class AtomicFile {
 public:
     AtomicFile(std::string target, std::string_view purpose);
-    AtomicFile(const AtomicFile&) = delete;
-    AtomicFile& operator=(const AtomicFile&) = delete;
-    ~AtomicFile();
 
-    int fd() const { return _fd.get(); }
+    int fd() const { return _file.fd(); }
     // Writes data as the whole content.
     void write(std::string_view data);
     // Makes the content durable and puts it in the target's place.
@@ -29,8 +27,7 @@ public:
 
 private:
     std::string _target;
-    std::string _temp;
-    UniqueFd _fd;
+    os::FileReplacement _file;
 };
 
 // Removes a directory tree on destruction unless kept; nothing when the path is empty.
@@ -45,6 +42,8 @@ public:
     ~TreeGuard();
 
     void keep() { _path.clear(); }
+    // Guards path from now on, instead of what it guarded before.
+    void reset(std::string path) { _path = std::move(path); }
 
 private:
     std::string _path;

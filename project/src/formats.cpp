@@ -4,6 +4,7 @@
 #include "libarchive.h"
 #include "zip_start.h"
 
+#include <zo/file.h>
 #include <zo/os.h>
 
 #include <algorithm>
@@ -13,27 +14,35 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 namespace zo::project::detail {
 namespace {
 
-// An archive format proper, with its libarchive code and set-up calls.
+// An archive format proper, with its libarchive code and set-up calls, and what its names and
+// links can hold.
 struct Container {
     int code;
     int (*read)(archive*);
     int (*write)(archive*);
+    // Names are Unicode, which libarchive's reader turns into the composed form (NFC).
+    bool unicodeNames;
+    // The reader takes a backslash in a name for a slash.
+    bool backslashSeparates;
+    bool hardLinks;
 };
 
 // The seekable zip reader finds the entries through the central directory at the end, which
 // also holds for zips with data in front (self-extracting archives) and for zip64.
 constexpr Container zip { ARCHIVE_FORMAT_ZIP, archive_read_support_format_zip_seekable,
-    archive_write_set_format_zip };
-// Restricted pax writes plain ustar headers unless a name or size needs an extension.
+    archive_write_set_format_zip, true, true, false };
+// Restricted pax writes plain ustar headers unless a name or size needs an extension; names
+// are stored as the bytes they are (see enableWriting).
 constexpr Container tar { ARCHIVE_FORMAT_TAR, archive_read_support_format_tar,
-    archive_write_set_format_pax_restricted };
+    archive_write_set_format_pax_restricted, false, false, true };
 constexpr Container sevenZip { ARCHIVE_FORMAT_7ZIP, archive_read_support_format_7zip,
-    archive_write_set_format_7zip };
+    archive_write_set_format_7zip, true, false, false };
 
 // A compression filter: its libarchive code, the bytes its streams start with and its writer.
 struct Filter {
@@ -160,6 +169,8 @@ bool holdsOnlyTarEnd(const std::string& path, const Filter& filter)
 
 ArchiveFormat formatOf(const std::string& path)
 {
+    if (isEmptyZip(path))
+        return ArchiveFormat::Zip;
     const Filter& filter = filterOf(path);
     // A container that cannot be enabled leaves its archives unrecognised, which is the answer.
     const ReadArchive reader = openThrough(filter, path, [](archive* handle) {
@@ -216,7 +227,77 @@ std::optional<ArchiveFormat> formatOfExtension(const std::string& path)
     });
 }
 
+// What a zip's reader makes of name: written into a zip in memory and read back.
+std::optional<std::string> readBackFromZip(const std::string& name)
+{
+    std::string buffer(name.size() * 2 + 1024, '\0');
+    size_t used = 0;
+    const WriteArchive writer = newWriteArchive();
+    const Entry entry = newEntry();
+    archive_entry_copy_pathname(entry.get(), name.c_str());
+    archive_entry_set_filetype(entry.get(), AE_IFREG);
+    if (archive_write_set_format_zip(writer.get()) != ARCHIVE_OK
+        || archive_write_open_memory(writer.get(), buffer.data(), buffer.size(), &used)
+            != ARCHIVE_OK
+        || archive_write_header(writer.get(), entry.get()) < ARCHIVE_WARN
+        || archive_write_close(writer.get()) != ARCHIVE_OK)
+        return std::nullopt;
+    const ReadArchive reader = newReadArchive();
+    archive_entry* read = nullptr;
+    if (archive_read_support_format_zip_seekable(reader.get()) != ARCHIVE_OK
+        || archive_read_open_memory(reader.get(), buffer.data(), used) != ARCHIVE_OK
+        || archive_read_next_header(reader.get(), &read) < ARCHIVE_WARN)
+        return std::nullopt;
+    return entryName(read);
+}
+
 } // namespace
+
+bool keepsName(ArchiveFormat format, const std::string& name)
+{
+    const Container& container = *traitsOf(format, name).container;
+    if (container.backslashSeparates && name.find('\\') != std::string::npos)
+        return false;
+    const bool ascii = std::all_of(
+        name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    if (!container.unicodeNames || ascii)
+        return true;
+    // A zip's reader decodes and composes names as a 7z's does; only a backslash tells them
+    // apart, and it takes no part in either.
+    std::string probe = name;
+    if (!container.backslashSeparates)
+        std::replace(probe.begin(), probe.end(), '\\', '_');
+    return readBackFromZip(probe) == probe;
+}
+
+bool keepsHardLinks(ArchiveFormat format)
+{
+    const Traits* traits = lookUp(format);
+    return traits != nullptr && (traits->container == nullptr || traits->container->hardLinks);
+}
+
+void requireKnown(ArchiveFormat format)
+{
+    if (format != ArchiveFormat::Auto && lookUp(format) == nullptr)
+        throw UnsupportedFormat(
+            "unknown archive format " + std::to_string(static_cast<int>(format)));
+}
+
+ArchiveFormat sourceFormat(const std::string& source, ArchiveFormat format)
+{
+    requireKnown(format);
+    if (format != ArchiveFormat::Auto)
+        return format;
+    const std::optional<os::FileStatus> status = os::status(source.c_str());
+    if (status && status->type == os::EntryType::Directory)
+        return ArchiveFormat::Directory;
+    try {
+        return formatFromContent(source);
+    } catch (const UnsupportedFormat& error) {
+        // Content that cannot be read as an archive is a broken archive, not a format choice.
+        throw ArchiveError(error.what());
+    }
+}
 
 ArchiveFormat formatFromName(const std::string& path)
 {
@@ -246,6 +327,15 @@ bool isSoundEmpty(const std::string& path, ArchiveFormat format)
 ReadArchive openArchive(const std::string& path, ArchiveFormat format)
 {
     const Traits& traits = traitsOf(format, path);
+    if (traits.container == &zip && isEmptyZip(path)) {
+        // Read as what it is, an archive without entries.
+        ReadArchive reader = newReadArchive();
+        static const char nothing = 0;
+        if (archive_read_support_format_empty(reader.get()) != ARCHIVE_OK
+            || archive_read_open_memory(reader.get(), &nothing, 0) != ARCHIVE_OK)
+            fail(path, errorText(reader.get()));
+        return reader;
+    }
     return openThrough(
         *traits.filter, path,
         [&](archive* handle) { check(traits.container->read(handle), handle, path); },
@@ -256,6 +346,8 @@ void enableWriting(archive* writer, ArchiveFormat format, const std::string& pat
 {
     const Traits& traits = traitsOf(format, path);
     check(traits.container->write(writer), writer, path);
+    if (traits.container == &tar)
+        check(archive_write_set_format_option(writer, "pax", "hdrcharset", "BINARY"), writer, path);
     if (traits.filter->write != nullptr)
         check(traits.filter->write(writer), writer, path);
 }

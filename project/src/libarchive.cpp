@@ -34,6 +34,13 @@ Entry newEntry()
     return owned<Entry>(archive_entry_new());
 }
 
+LinkResolver newTarLinkResolver()
+{
+    LinkResolver resolver = owned<LinkResolver>(archive_entry_linkresolver_new());
+    archive_entry_linkresolver_set_strategy(resolver.get(), ARCHIVE_FORMAT_TAR_PAX_RESTRICTED);
+    return resolver;
+}
+
 std::string errorText(archive* handle)
 {
     const char* text = archive_error_string(handle);

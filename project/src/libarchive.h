@@ -18,16 +18,25 @@ struct WriteArchiveFree {
 struct EntryFree {
     void operator()(archive_entry* entry) const { archive_entry_free(entry); }
 };
+struct LinkResolverFree {
+    void operator()(archive_entry_linkresolver* resolver) const
+    {
+        archive_entry_linkresolver_free(resolver);
+    }
+};
 
 using ReadArchive = std::unique_ptr<archive, ReadArchiveFree>;
 using WriteArchive = std::unique_ptr<archive, WriteArchiveFree>;
 using Entry = std::unique_ptr<archive_entry, EntryFree>;
+using LinkResolver = std::unique_ptr<archive_entry_linkresolver, LinkResolverFree>;
 
 // New handles; std::bad_alloc when libarchive cannot allocate them.
 ReadArchive newReadArchive();
 ReadArchive newReadDiskArchive();
 WriteArchive newWriteArchive();
 Entry newEntry();
+// Gives the second and later names of a file as hard links to the first, as a tar keeps them.
+LinkResolver newTarLinkResolver();
 
 // libarchive's message for the last failure on handle.
 std::string errorText(archive* handle);

@@ -9,19 +9,29 @@
 namespace zo::project::detail {
 namespace {
 
-void writeEntry(
-    archive* writer, EntryReader& reader, archive_entry* entry, const std::string& archive)
+void writeEntry(archive* writer, EntryReader& reader, archive_entry* entry, ArchiveFormat format,
+    const std::string& archive)
 {
-    // What we write must be what our own unpacking accepts.
+    // What we write must be what our own unpacking accepts, under the name it had.
     checkEntry(entry, archive);
+    const std::string name = entryName(entry);
+    const char* target = archive_entry_symlink(entry);
+    const bool keptName = keepsName(format, name);
+    if (!keptName || (target != nullptr && !keepsName(format, target)))
+        failEntry(archive, name,
+            "a " + formatName(format) + " archive cannot hold "
+                + (keptName ? "the link target '" + std::string(target) + "'" : "this name")
+                + " byte for byte (it is not UTF-8 in composed form, or holds a backslash); a "
+                  "tar archive can");
     if (archive_write_header(writer, entry) != ARCHIVE_OK)
-        failEntry(archive, entryName(entry), errorText(writer));
+        failEntry(archive, name, errorText(writer));
+    // A hard link has no data of its own.
     Block block;
-    while (reader.read(block))
+    while (archive_entry_hardlink(entry) == nullptr && reader.read(block))
         if (archive_write_data(writer, block.data, block.size) < 0)
-            failEntry(archive, entryName(entry), errorText(writer));
+            failEntry(archive, name, errorText(writer));
     if (archive_write_finish_entry(writer) != ARCHIVE_OK)
-        failEntry(archive, entryName(entry), errorText(writer));
+        failEntry(archive, name, errorText(writer));
 }
 
 // libarchive's zip writer sets up and tears down a deflate stream for every entry: some 256 KiB in
@@ -51,7 +61,7 @@ void pack(EntryReader& reader, int fd, ArchiveFormat format, const std::string& 
     if (archive_write_open_fd(writer.get(), fd) != ARCHIVE_OK)
         fail(archive, errorText(writer.get()));
     while (archive_entry* entry = reader.next())
-        writeEntry(writer.get(), reader, entry, archive);
+        writeEntry(writer.get(), reader, entry, format, archive);
     if (archive_write_close(writer.get()) != ARCHIVE_OK)
         fail(archive, errorText(writer.get()));
 }

@@ -6,10 +6,12 @@
 #include "files.h"
 
 #include <zo/file.h>
+#include <zo/treewalk.h>
 
 #include <algorithm>
 #include <array>
 #include <sys/stat.h>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -66,8 +68,7 @@ std::pair<std::string_view, std::string_view> splitLast(std::string_view path)
 
 using Place = NameIn<std::string>;
 
-// Writes entries below a root directory through descriptors opened without following links.
-// What it created is removed again unless it finished.
+// Writes entries below a new root directory through descriptors opened without following links.
 class DiskWriter {
 public:
     DiskWriter(int rootFd, std::string archive)
@@ -76,34 +77,41 @@ public:
         , _budget(spaceBudget(rootFd, _archive))
     {
     }
-    DiskWriter(const DiskWriter&) = delete;
-    DiskWriter& operator=(const DiskWriter&) = delete;
-    ~DiskWriter();
 
-    void write(EntryReader& reader, archive_entry* entry);
-    // Gives directories their modes and times once nothing more is written into them.
+    // Writes every entry reader has.
+    void writeAll(EntryReader& reader);
+    // Adds what existingFd holds and the archive does not replace (see unpackOver).
+    KeptEntries keep(int existingFd);
+    // Gives directories their modes, owners and times once nothing more is written into them.
     void finish();
 
 private:
     struct Target {
         const std::string& entry;
-        const std::string& path; // the entry's name as checkEntry gives it
         Place place;
         int parentFd;
+    };
+    struct Owner {
+        uint32_t user;
+        uint32_t group;
     };
     struct PendingDirectory {
         Node node;
         mode_t mode;
         Times times;
+        std::optional<Owner> owner; // for a directory kept from an existing tree
     };
 
-    UniqueFd openHardLinkTarget(archive_entry* entry, const std::string& name);
-    void removeExisting(const Target& target) const;
-    void writeDirectory(const Target& target, archive_entry* entry);
+    void write(EntryReader& reader, archive_entry* entry);
+    void noteFirstBelow(Node node, const std::string& entry);
+    Place hardLinkTarget(archive_entry* entry, const std::string& name) const;
+    void writeHardLink(const std::string& entry, const Place& place, const Place& linked);
+    void removeExisting(int parentFd, const std::string& name, const std::string& entry) const;
+    void writeDirectory(const Target& target, const std::string& path, archive_entry* entry);
     void writeSymlink(const Target& target, archive_entry* entry);
-    void writeFile(
-        const Target& target, EntryReader& reader, archive_entry* entry, const UniqueFd& source);
+    void writeFile(const Target& target, EntryReader& reader, archive_entry* entry);
     UniqueFd createFile(const Target& target);
+    os::WalkStep keepEntry(const os::WalkEntry& found, uint64_t device, KeptEntries& kept);
     void requireSpace(uint64_t bytes, const std::string& entry) const;
     void charge(uint64_t bytes, const std::string& entry);
     [[noreturn]] void failSystem(const std::string& entry, const std::string& what) const;
@@ -113,26 +121,18 @@ private:
     uint64_t _budget;
     uint64_t _written = 0;
     std::vector<PendingDirectory> _pending;
+    // Directories with an entry of their own, whose mode and times the archive tells.
+    std::unordered_set<Node> _listed;
+    // For every directory the first entry written below it, which errors about it name.
+    std::unordered_map<Node, std::string> _firstBelow;
     // The regular files written so far: the only names a hard link may point to.
     std::unordered_set<Place, Place::Hash> _files;
-    // Files and links in creation order, for removal when unpacking fails.
-    std::vector<Place> _created;
-    bool _finished = false;
 };
 
-DiskWriter::~DiskWriter()
+void DiskWriter::writeAll(EntryReader& reader)
 {
-    if (_finished)
-        return;
-    try {
-        for (auto place = _created.rbegin(); place != _created.rend(); ++place)
-            os::removeAt(_tree.open(place->directory, {}, false), place->name.c_str());
-        for (const Node node : _tree.created())
-            os::removeDirectoryAt(
-                _tree.open(_tree.parent(node), {}, false), _tree.name(node).c_str());
-    } catch (const std::exception&) {
-        // A directory that cannot be reached any more keeps what it holds.
-    }
+    while (archive_entry* entry = reader.next())
+        write(reader, entry);
 }
 
 void DiskWriter::write(EntryReader& reader, archive_entry* entry)
@@ -141,22 +141,21 @@ void DiskWriter::write(EntryReader& reader, archive_entry* entry)
     if (path.empty())
         return; // the destination itself keeps its own mode
     const std::string name = entryName(entry);
-    const UniqueFd linked = openHardLinkTarget(entry, name);
     const auto [parentPath, leaf] = splitLast(path);
-    const Node parent = _tree.node(parentPath);
-    const Target target { name, path, { parent, std::string(leaf) },
-        _tree.open(parent, name, true) };
+    const Place place { _tree.node(parentPath), std::string(leaf) };
+    noteFirstBelow(place.directory, name);
+    if (archive_entry_hardlink(entry) != nullptr)
+        return writeHardLink(name, place, hardLinkTarget(entry, name));
+    const Target target { name, place, _tree.open(place.directory, name, true) };
     // Whatever was at the place is replaced, and a hard link may no longer name it.
     _files.erase(target.place);
-    if (linked)
-        return writeFile(target, reader, entry, linked);
     switch (archive_entry_filetype(entry)) {
     case AE_IFDIR:
-        return writeDirectory(target, entry);
+        return writeDirectory(target, path, entry);
     case AE_IFLNK:
         return writeSymlink(target, entry);
     default:
-        return writeFile(target, reader, entry, linked);
+        return writeFile(target, reader, entry);
     }
 }
 
@@ -172,59 +171,86 @@ void DiskWriter::finish()
         const int parent = _tree.open(_tree.parent(directory.node), {}, false);
         const std::string& name = _tree.name(directory.node);
         const UniqueFd fd = os::openDirectoryAt(parent, name.c_str());
-        if (!fd || !os::setPermissions(fd.get(), directory.mode)
+        // The owner first: a change of owner may clear the set-group-id bit.
+        const bool owned = !directory.owner
+            || os::setOwner(fd.get(), directory.owner->user, directory.owner->group);
+        if (!fd || !owned || !os::setPermissions(fd.get(), directory.mode)
             || !os::setTimes(fd.get(), directory.times))
-            failSystem(_tree.pathOf(directory.node), "cannot set the directory's mode and times");
+            failSystem(
+                _tree.pathOf(directory.node), "cannot set the directory's owner, mode and times");
     }
-    _finished = true;
 }
 
-// A hard link is unpacked as a copy of a regular file this unpacking wrote before.
-UniqueFd DiskWriter::openHardLinkTarget(archive_entry* entry, const std::string& name)
+// Remembers entry for node and those of its ancestors that had none yet.
+void DiskWriter::noteFirstBelow(Node node, const std::string& entry)
+{
+    while (node != DirectoryTree::root && _firstBelow.try_emplace(node, entry).second)
+        node = _tree.parent(node);
+}
+
+// The earlier regular file of this unpacking that a hard link names.
+Place DiskWriter::hardLinkTarget(archive_entry* entry, const std::string& name) const
 {
     const char* target = archive_entry_hardlink(entry);
-    if (target == nullptr)
-        return {};
     const std::string below = nameBelow(target).value_or("");
     const auto [parentPath, leaf] = splitLast(below);
     const std::optional<Node> parent = _tree.find(parentPath);
     if (!parent || _files.count({ *parent, std::string(leaf) }) == 0)
         refuseHardLink(_archive, name, target);
-    UniqueFd fd = os::openForReadingAt(_tree.open(*parent, name, false), std::string(leaf).c_str());
-    if (!fd)
-        failSystem(name, std::string("cannot open the hard link's target '") + target + "'");
-    return fd;
+    return { *parent, std::string(leaf) };
 }
 
-void DiskWriter::removeExisting(const Target& target) const
+// Data that follows a hard link's header (some writers repeat the file's) is not read: the
+// link shares the content of the file it names.
+void DiskWriter::writeHardLink(const std::string& entry, const Place& place, const Place& linked)
 {
-    if (os::removeAt(target.parentFd, target.place.name.c_str()) || errno == ENOENT)
+    if (place == linked)
+        return;
+    // The tree keeps one directory open; the link needs both.
+    const UniqueFd from = os::openDirectoryAt(_tree.open(linked.directory, entry, false), ".");
+    if (!from)
+        failSystem(entry, "cannot open the directory of the hard link's target");
+    const int into = _tree.open(place.directory, entry, true);
+    const auto link
+        = [&] { return os::linkAt(from.get(), linked.name.c_str(), into, place.name.c_str()); };
+    if (!link()) {
+        if (errno != EEXIST)
+            failSystem(entry, "cannot create the hard link");
+        removeExisting(into, place.name, entry);
+        if (!link())
+            failSystem(entry, "cannot create the hard link");
+    }
+    _files.insert(place);
+}
+
+void DiskWriter::removeExisting(
+    int parentFd, const std::string& name, const std::string& entry) const
+{
+    if (os::removeAt(parentFd, name.c_str()) || errno == ENOENT)
         return;
     if (errno == EISDIR)
-        failEntry(_archive, target.entry, "a directory is in the way");
-    failSystem(target.entry, "cannot replace the existing file");
+        failEntry(_archive, entry, "a directory is in the way");
+    failSystem(entry, "cannot replace the existing file");
 }
 
-void DiskWriter::writeDirectory(const Target& target, archive_entry* entry)
+void DiskWriter::writeDirectory(const Target& target, const std::string& path, archive_entry* entry)
 {
     const char* name = target.place.name.c_str();
-    const Node node = _tree.node(target.path);
     // Owner-only until finish: a read-only directory would refuse its own contents.
-    if (os::makeDirectoryAt(target.parentFd, name, 0700)) {
-        _tree.markCreated(node);
-    } else {
+    if (!os::makeDirectoryAt(target.parentFd, name, 0700)) {
         const auto status
             = errno == EEXIST ? os::statusAt(target.parentFd, name, false) : std::nullopt;
         if (!status)
             failSystem(target.entry, "cannot create the directory");
         if (status->type != os::EntryType::Directory) {
-            removeExisting(target);
+            removeExisting(target.parentFd, target.place.name, target.entry);
             if (!os::makeDirectoryAt(target.parentFd, name, 0700))
                 failSystem(target.entry, "cannot create the directory");
-            _tree.markCreated(node);
         }
     }
-    _pending.push_back({ node, permissionsOf(entry), timesOf(entry) });
+    const Node node = _tree.node(path);
+    _listed.insert(node);
+    _pending.push_back({ node, permissionsOf(entry), timesOf(entry), std::nullopt });
 }
 
 void DiskWriter::writeSymlink(const Target& target, archive_entry* entry)
@@ -234,11 +260,10 @@ void DiskWriter::writeSymlink(const Target& target, archive_entry* entry)
     if (!os::makeSymlinkAt(linkTarget, target.parentFd, name)) {
         if (errno != EEXIST)
             failSystem(target.entry, "cannot create the symbolic link");
-        removeExisting(target);
+        removeExisting(target.parentFd, target.place.name, target.entry);
         if (!os::makeSymlinkAt(linkTarget, target.parentFd, name))
             failSystem(target.entry, "cannot create the symbolic link");
     }
-    _created.push_back(target.place);
     const Times times = timesOf(entry);
     if (!os::setTimesAt(target.parentFd, name, times))
         failSystem(target.entry, "cannot set the symbolic link's times");
@@ -250,17 +275,15 @@ UniqueFd DiskWriter::createFile(const Target& target)
         = [&] { return os::createFileAt(target.parentFd, target.place.name.c_str(), 0600); };
     UniqueFd fd = create();
     if (!fd && errno == EEXIST) {
-        removeExisting(target);
+        removeExisting(target.parentFd, target.place.name, target.entry);
         fd = create();
     }
     if (!fd)
         failSystem(target.entry, "cannot create the file");
-    _created.push_back(target.place);
     return fd;
 }
 
-void DiskWriter::writeFile(
-    const Target& target, EntryReader& reader, archive_entry* entry, const UniqueFd& source)
+void DiskWriter::writeFile(const Target& target, EntryReader& reader, archive_entry* entry)
 {
     // Checked before anything is written, then held to what is really written.
     const uint64_t declared = declaredSize(entry);
@@ -268,15 +291,6 @@ void DiskWriter::writeFile(
     UniqueFd fd = createFile(target);
     // Offsets may skip holes, so the file's extent is what counts against the budget.
     uint64_t extent = 0;
-    if (source) {
-        const auto status = os::status(source.get());
-        if (!status)
-            failSystem(target.entry, "cannot query the hard link's target");
-        extent = status->size;
-        charge(extent, target.entry);
-        if (!os::copyContent(source.get(), fd.get(), extent))
-            failSystem(target.entry, "cannot copy the hard link's target");
-    }
     Block block;
     while (reader.read(block)) {
         const uint64_t end = static_cast<uint64_t>(block.offset) + block.size;
@@ -298,6 +312,65 @@ void DiskWriter::writeFile(
         || !fd.close())
         failSystem(target.entry, "cannot finish the file");
     _files.insert(target.place);
+}
+
+KeptEntries DiskWriter::keep(int existingFd)
+{
+    const std::optional<os::FileStatus> root = os::status(existingFd);
+    if (!root)
+        failSystem({}, "cannot query the destination");
+    KeptEntries kept;
+    os::WalkOptions options;
+    options.includeHidden = true;
+    options.followLinks = false;
+    // Whatever cannot be read would be lost with the tree it was in.
+    options.onError = [this](std::string_view path, int error) {
+        failEntry(_archive, std::string(path),
+            "cannot read what the destination holds there: " + systemError(error));
+    };
+    const auto visit
+        = [&](const os::WalkEntry& found) { return keepEntry(found, root->identity.device, kept); };
+    if (!os::walkTree(existingFd, options, visit))
+        failSystem({}, "cannot read the destination");
+    return kept;
+}
+
+os::WalkStep DiskWriter::keepEntry(const os::WalkEntry& found, uint64_t device, KeptEntries& kept)
+{
+    const std::string path(found.path);
+    const os::FileStatus* status = found.status();
+    if (!status)
+        failSystem(path, "cannot query what the destination holds there");
+    kept.emplace(path, status->identity);
+    const auto [parentPath, leaf] = splitLast(path);
+    const std::string name(leaf);
+    const int into = _tree.open(_tree.node(parentPath), path, false);
+    const std::optional<os::FileStatus> unpacked = os::statusAt(into, name.c_str(), false);
+    const Node node = _tree.node(path);
+    if (found.type != os::EntryType::Directory) {
+        // An archive's directory that only holds its entries never replaces a file or link.
+        if (unpacked && unpacked->type == os::EntryType::Directory && _listed.count(node) == 0)
+            failEntry(_archive, _firstBelow.at(node),
+                found.type == os::EntryType::Link
+                    ? "writing through the symbolic link '" + path + "' is refused"
+                    : "'" + path + "' is in the way of a directory");
+        // An entry of the archive replaces it; anything else stays, the same file.
+        if (!unpacked && !os::linkAt(found.directory(), name.c_str(), into, name.c_str()))
+            failSystem(path, "cannot keep the destination's file");
+        return os::WalkStep::Continue;
+    }
+    if (status->identity.device != device)
+        failEntry(_archive, path, "the destination holds a mount point there");
+    if (unpacked && unpacked->type != os::EntryType::Directory)
+        failEntry(_archive, path, "a directory is in the way");
+    if (!unpacked && !os::makeDirectoryAt(into, name.c_str(), 0700))
+        failSystem(path, "cannot create the directory");
+    if (_listed.count(node) == 0)
+        _pending.push_back({ node, status->permissions,
+            { timespec { 0, UTIME_OMIT },
+                timespec { status->modifiedSeconds, status->modifiedNanoseconds } },
+            Owner { status->owner, status->group } });
+    return os::WalkStep::Continue;
 }
 
 void DiskWriter::requireSpace(uint64_t bytes, const std::string& entry) const
@@ -324,9 +397,17 @@ void DiskWriter::failSystem(const std::string& entry, const std::string& what) c
 void unpack(EntryReader& reader, int rootFd, const std::string& archive)
 {
     DiskWriter writer(rootFd, archive);
-    while (archive_entry* entry = reader.next())
-        writer.write(reader, entry);
+    writer.writeAll(reader);
     writer.finish();
+}
+
+KeptEntries unpackOver(EntryReader& reader, int rootFd, int existingFd, const std::string& archive)
+{
+    DiskWriter writer(rootFd, archive);
+    writer.writeAll(reader);
+    KeptEntries kept = writer.keep(existingFd);
+    writer.finish();
+    return kept;
 }
 
 } // namespace zo::project::detail

@@ -129,6 +129,15 @@ uint64_t zipStart(const std::string& path)
     return start;
 }
 
+bool isEmptyZip(const std::string& path)
+{
+    const File file = openFile(path);
+    std::string bytes(endSize + longestComment + 1, '\0');
+    bytes.resize(file ? std::fread(bytes.data(), 1, bytes.size(), file.get()) : 0);
+    return bytes.size() >= endSize && signatureAt(bytes, 0, "PK\5\6")
+        && littleEndian(bytes, 10, 2) == 0 && endSize + littleEndian(bytes, 20, 2) == bytes.size();
+}
+
 int openFrom(archive* reader, const std::string& path, uint64_t start)
 {
     File file = openFile(path);

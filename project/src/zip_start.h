@@ -12,6 +12,10 @@ namespace zo::project::detail {
 // begins where they point.
 uint64_t zipStart(const std::string& path);
 
+// Whether path holds a zip without entries: an end-of-central-directory record alone (with its
+// comment, if any), which libarchive's zip readers do not take for a zip.
+bool isEmptyZip(const std::string& path);
+
 // Opens reader on the bytes of path from start on, as a seekable file of their own; returns
 // libarchive's status.
 //

@@ -193,8 +193,8 @@ TEST_F(RealWorld, DeepTreesImportWithTheModesAndTimesOfEveryLevel)
     const zo::test::ScopedMount volume(imported, "size=64m");
     if (!volume.mounted)
         GTEST_SKIP() << "cannot mount a tmpfs here";
-    importProject(path("deep.tgz"), imported, ArchiveFormat::Auto);
-    ASSERT_EQ(::chdir(imported.c_str()), 0);
+    importProject(path("deep.tgz"), imported + "/tree", ArchiveFormat::Auto);
+    ASSERT_EQ(::chdir((imported + "/tree").c_str()), 0);
     int levels = 0;
     struct stat status { };
     while (::lstat("d", &status) == 0 && (status.st_mode & 07777) == 0644

@@ -4,6 +4,8 @@
 
 #include <QCryptographicHash>
 
+#include <archive.h>
+
 #include <algorithm>
 #include <cctype>
 #include <fcntl.h>
@@ -128,6 +130,14 @@ QByteArray archiveOf(const std::vector<Item>& items, const std::function<void(ar
     }
     EXPECT_EQ(archive_write_close(writer.get()), ARCHIVE_OK);
     return out;
+}
+
+void writeArchive(const std::string& path, const std::vector<Item>& items, bool zip)
+{
+    writeFile(path,
+        archiveOf(items,
+            zip ? [](archive* a) { archive_write_set_format_zip(a); }
+                : std::function<void(archive*)>()));
 }
 
 } // namespace zo::project::test

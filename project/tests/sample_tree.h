@@ -8,6 +8,8 @@
 
 #include <QTemporaryDir>
 
+#include <archive_entry.h>
+
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -51,5 +53,7 @@ struct Item {
 // filters, options); a restricted pax tar without it.
 QByteArray archiveOf(
     const std::vector<Item>& items, const std::function<void(archive*)>& configure = nullptr);
+// A pax tar, or a zip, of items in their order.
+void writeArchive(const std::string& path, const std::vector<Item>& items, bool zip = false);
 
 } // namespace zo::project::test

@@ -34,7 +34,6 @@ std::optional<zo::os::FileVersion> unheld(const std::shared_ptr<const zo::os::Fi
     return version ? std::optional<zo::os::FileVersion>(*version) : std::nullopt;
 }
 
-using detail::isOnDisk;
 using detail::removeQuietly;
 using detail::utf8;
 
@@ -152,7 +151,7 @@ void ProjectModel::load(const QString& path, ArchiveFormat format)
 }
 
 void ProjectModel::save(
-    const QString& path, ArchiveFormat format, bool safe, ProjectVFS::SourceChanges changes)
+    const QString& path, ArchiveFormat format, bool /*safe*/, ProjectVFS::SourceChanges changes)
 {
     const QMutexLocker lock(&_mutex);
     const QString target = path.isEmpty() ? getSourcePath() : path;
@@ -174,16 +173,20 @@ void ProjectModel::save(
         }
     }
 
-    const std::string workspace = _project->projectPath();
-    // Only what this save made is removed on failure; an archive at the target stays.
-    const QString output = safe ? detail::temporaryPathBeside(target) : target;
-    const bool outputExisted = isOnDisk(output);
+    // Every export replaces its target whole or not at all by itself. Only a tree that replaces
+    // a directory is built beside it first, as a directory cannot be renamed over another one.
+    const QFileInfo targetInfo(target);
+    const bool intoDirectory
+        = chosen == ArchiveFormat::Directory && targetInfo.isDir() && !targetInfo.isSymLink();
+    const QString output = intoDirectory ? detail::temporaryPathBeside(target) : target;
+    bool exported = false;
     try {
-        exportProject(workspace, utf8(output), chosen);
-        if (safe)
-            detail::replaceDurably(output, target);
+        exportProject(_project->projectPath(), utf8(output), chosen);
+        exported = true;
+        if (intoDirectory)
+            detail::replaceDirectory(output, target);
     } catch (...) {
-        if (!outputExisted)
+        if (intoDirectory && !exported)
             removeQuietly(output);
         xSetSaved(false);
         try {

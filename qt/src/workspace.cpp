@@ -4,6 +4,7 @@
 
 #include <zo/project/fileutils.h>
 #include <zo/project/projectmodel.h>
+#include <zo/replace.h>
 #include <zo/treewalk.h>
 
 #include <QDir>
@@ -24,26 +25,6 @@ QString recordPathOf(const QString& workspace)
 {
     const QFileInfo info(workspace);
     return info.path() + QStringLiteral("/.") + info.fileName() + QStringLiteral(".source");
-}
-
-[[noreturn]] void failToReplace(const QString& target, const char* step)
-{
-    const std::string reason = std::system_category().message(errno);
-    throw IOWriteError(QStringLiteral("cannot %1 '%2': %3")
-                           .arg(QLatin1String(step), target, QString::fromStdString(reason))
-                           .toUtf8()
-                           .toStdString());
-}
-
-// Flushes what a save wrote: a tree with its whole file system at once, at a small part of the
-// cost of a sync per file, or the one file.
-void syncTree(const QString& path, const QString& target)
-{
-    const QByteArray root = encoded(path);
-    const bool synced = QFileInfo(path).isDir() ? zo::os::syncFileSystem(root.constData())
-                                                : zo::os::syncFile(root.constData());
-    if (!synced)
-        failToReplace(target, "sync the replacement of");
 }
 
 } // namespace
@@ -75,18 +56,9 @@ bool writeRecord(const QString& workspace, const WorkspaceRecord& record)
                 .arg(version->modifiedSeconds)
                 .arg(version->modifiedNanoseconds));
     const QByteArray text = QJsonDocument(fields).toJson(QJsonDocument::Compact);
-    const QByteArray target = encoded(recordPathOf(workspace));
-    std::string written = zo::os::hiddenTemplateBeside(target.toStdString(), "record");
-    zo::os::UniqueFd file = zo::os::createTemporaryFile(written);
-    if (!file)
-        return false;
-    const bool replaced = zo::os::setPermissions(file.get(), 0644)
-        && zo::os::writeAll(file.get(), text.constData(), static_cast<std::size_t>(text.size()), 0)
-        && zo::os::syncFile(file.get()) && file.close()
-        && zo::os::rename(written.c_str(), target.constData());
-    if (!replaced)
-        zo::os::remove(written.c_str());
-    return replaced;
+    zo::os::ReplaceStep failed {};
+    return zo::os::replaceFile(encoded(recordPathOf(workspace)).toStdString(), "record",
+        std::string_view(text.constData(), static_cast<std::size_t>(text.size())), failed);
 }
 
 std::optional<WorkspaceRecord> readRecord(const QString& workspace)
@@ -143,31 +115,30 @@ QString temporaryPathBeside(const QString& target)
     return decodedPath(zo::os::unusedHiddenPathBeside(encoded(target).toStdString(), "save"));
 }
 
-void replaceDurably(const QString& replacement, const QString& target)
+void replaceDirectory(const QString& replacement, const QString& target)
 {
-    syncTree(replacement, target);
-    const QFileInfo targetInfo(target);
-    const bool directoryOverDirectory
-        = targetInfo.isDir() && !targetInfo.isSymLink() && QFileInfo(replacement).isDir();
-    if (directoryOverDirectory) {
-        // rename() cannot replace a directory that has entries; an exchange swaps both at once.
-        if (!zo::os::exchange(encoded(replacement).constData(), encoded(target).constData()))
-            failToReplace(target, "replace");
-    } else if (!zo::os::rename(encoded(replacement).constData(), encoded(target).constData())) {
-        failToReplace(target, "replace");
-    }
-    if (!zo::os::syncDirectory(encoded(targetInfo.path()).constData())) {
-        // The previous tree is still whole beside it; it goes back rather than out.
-        const int syncError = errno;
-        if (directoryOverDirectory)
-            zo::os::exchange(encoded(replacement).constData(), encoded(target).constData());
-        errno = syncError;
-        failToReplace(target, "sync the directory of");
-    }
-    // The previous content, exchanged out of the way; left hidden beside the saved tree when it
-    // cannot go, as the save itself is complete.
-    if (directoryOverDirectory)
+    const QByteArray from = encoded(replacement);
+    const QByteArray to = encoded(target);
+    zo::os::ReplaceStep failed {};
+    // The whole tree with one flush of its file system, at a small part of the cost of a sync
+    // per file.
+    if (!zo::os::syncFileSystem(from.constData()))
+        failed = zo::os::ReplaceStep::SyncFile;
+    else if (zo::os::exchangeDurably(from.constData(), to.constData(), failed))
+        return removeQuietly(replacement); // the previous tree, swapped out of the way
+    // Not swapped, the new tree goes; swapped, the previous one stays whole under the hidden
+    // name, as a system crash could still undo the swap.
+    const int error = errno;
+    if (failed != zo::os::ReplaceStep::SyncDirectory)
         removeQuietly(replacement);
+    const char* step = failed == zo::os::ReplaceStep::SyncFile ? "sync the replacement of"
+        : failed == zo::os::ReplaceStep::Rename                ? "replace"
+                                                               : "sync the directory of";
+    throw IOWriteError(QStringLiteral("cannot %1 '%2': %3")
+                           .arg(QLatin1String(step), target,
+                               QString::fromStdString(std::system_category().message(error)))
+                           .toUtf8()
+                           .toStdString());
 }
 
 } // namespace zo::project::detail

@@ -9,7 +9,7 @@
 #include <optional>
 
 // The files of archive-project workspaces in the temporary directory and the durable
-// replacement of a saved archive.
+// replacement of a directory a model is saved to.
 namespace zo::project::detail {
 
 // The hidden record beside a workspace: where its content came from, and the version of the
@@ -39,9 +39,10 @@ QDateTime lastModifiedOf(const QString& workspace);
 
 // A hidden path beside target that does not exist yet, for writing target's replacement.
 QString temporaryPathBeside(const QString& target);
-// Syncs replacement (a file or a tree), renames it over target (a directory over a directory
-// by exchanging the two) and syncs the directory. IOWriteError when a step fails; target is
-// then as it was, except when only the last sync failed.
-void replaceDurably(const QString& replacement, const QString& target);
+// Puts the directory tree replacement, written beside the directory target, in its place
+// durably (zo/replace.h) and removes the previous tree. IOWriteError when a step fails: target
+// is then as it was and replacement removed, unless the last flush failed, when target holds the
+// new tree and the previous one stays under replacement's name.
+void replaceDirectory(const QString& replacement, const QString& target);
 
 } // namespace zo::project::detail

@@ -1,39 +1,47 @@
 // The ls command: the files of a project directory or archive, with their sizes.
 #include "command.h"
-#include "source.h"
 
-#include <zo/project/fileutils.h>
+#include <zo/project/contents.h>
 #include <zo/project/project.h>
 
-#include <QDir>
-#include <QFileInfo>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonObject>
+
+#include <map>
 
 namespace zo::cli {
 namespace {
 
 int ls(const QCommandLineParser& parser)
 {
-    const ProjectSource source(parser.positionalArguments().first(), ProjectSource::Unpack::InTemp);
-    const QDir root(source.directory());
-    // Listed as the library lists a project: hidden files too, the metadata file not.
-    QStringList files = zo::project::listDirectory(root.path(), true, true, false);
-    files.removeAll(QLatin1String(zo::project::metadataFileName));
-    // By path, whatever order the file system or the archive keeps them in.
-    files.sort();
+    const std::string source = parser.positionalArguments().first().toStdString();
+    const zo::project::ArchiveFormat format = zo::project::detectFormat(source);
+    // Streamed, as an unpacking would write it: a later entry of a path replaces an earlier
+    // one; directories and symbolic links are no files. By path, whatever order the archive or
+    // the file system keeps.
+    std::map<std::string, uint64_t> files;
+    zo::project::listProject(source, format, [&files](const zo::project::ProjectEntry& entry) {
+        if (entry.kind == zo::project::EntryKind::File)
+            files[entry.path] = entry.size;
+        else
+            files.erase(entry.path);
+        return true;
+    });
+    // Listed as the library lists a project: the metadata file left out.
+    files.erase(zo::project::metadataFileName);
 
     QJsonArray entries;
     qint64 total = 0;
-    for (const QString& file : files) {
-        const qint64 size = QFileInfo(root.filePath(file)).size();
-        total += size;
-        entries.append(QJsonObject { { "path", file }, { "size", size } });
+    for (const auto& [file, size] : files) {
+        total += static_cast<qint64>(size);
+        entries.append(QJsonObject { { "path", QFile::decodeName(QByteArray::fromStdString(file)) },
+            { "size", static_cast<qint64>(size) } });
     }
     if (jsonRequested(parser)) {
-        printJson(QJsonDocument(QJsonObject {
-            { "format", QString::fromStdString(zo::project::formatName(source.format())) },
-            { "files", entries }, { "totalSize", total } }));
+        printJson(QJsonDocument(
+            QJsonObject { { "format", QString::fromStdString(zo::project::formatName(format)) },
+                { "files", entries }, { "totalSize", total } }));
         return kSuccess;
     }
     const int width = QString::number(total).size();
@@ -43,7 +51,7 @@ int ls(const QCommandLineParser& parser)
                   .arg(object["size"].toVariant().toLongLong(), width)
                   .arg(object["path"].toString()));
     }
-    print(QStringLiteral("%1 files, %2 bytes").arg(files.size()).arg(total));
+    print(QStringLiteral("%1 files, %2 bytes").arg(entries.size()).arg(total));
     return kSuccess;
 }
 

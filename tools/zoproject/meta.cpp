@@ -2,16 +2,11 @@
 #include "command.h"
 #include "source.h"
 
-#include <zo/file.h>
+#include <zo/project/contents.h>
 #include <zo/project/project.h>
 
-#include <QFile>
-#include <QFileInfo>
 #include <QJsonObject>
-#include <QScopeGuard>
 
-#include <cerrno>
-#include <cstring>
 #include <stdexcept>
 
 namespace zo::cli {
@@ -31,42 +26,23 @@ void printMetadata(const Metadata& metadata, bool json)
         printJson(QJsonDocument(object));
 }
 
-// Packs the unpacked, changed project into a hidden file beside the archive and renames it
-// over the archive: readers see the old archive or the new one, never a part of either.
-void replaceArchive(const ProjectSource& source)
-{
-    const QFileInfo archive(source.path());
-    const QByteArray to = QFile::encodeName(archive.absoluteFilePath());
-    const QString packed = QFile::decodeName(
-        QByteArray::fromStdString(zo::os::unusedHiddenPathBeside(to.toStdString(), "meta")));
-    auto removePacked = qScopeGuard([&packed] { QFile::remove(packed); });
-    zo::project::exportProject(
-        source.directory().toStdString(), packed.toStdString(), source.format());
-    QFile::setPermissions(packed, archive.permissions());
-    // The new archive reaches the disk before its name replaces the old one.
-    const QByteArray from = QFile::encodeName(packed);
-    if (!zo::os::syncFile(from.constData()) || !zo::os::rename(from.constData(), to.constData()))
-        throw std::runtime_error(
-            "cannot replace '" + archive.filePath().toStdString() + "': " + std::strerror(errno));
-    removePacked.dismiss();
-    // The new archive is complete either way; only the rename's durability is at stake.
-    zo::os::syncDirectory(QFile::encodeName(archive.absolutePath()).constData());
-}
-
 int meta(const QCommandLineParser& parser)
 {
     const QStringList arguments = parser.positionalArguments();
-    const bool setting = arguments.size() == 3;
-    const ProjectSource source(
-        arguments[0], setting ? ProjectSource::Unpack::Beside : ProjectSource::Unpack::InTemp);
-    zo::project::Project project(source.directory().toStdString());
-    if (setting) {
-        project.setMetadata(arguments[1].toStdString(), arguments[2].toStdString());
+    if (arguments.size() == 3) {
+        const ProjectSource source(arguments[0]);
+        zo::project::Project(source.directory().toStdString())
+            .setMetadata(arguments[1].toStdString(), arguments[2].toStdString());
+        // The export replaces the archive whole or not at all, keeping its permissions.
         if (source.isArchive())
-            replaceArchive(source);
+            zo::project::exportProject(
+                source.directory().toStdString(), source.path().toStdString(), source.format());
         return kSuccess;
     }
-    Metadata metadata = project.getMetadata();
+    // Streamed: an archive is not unpacked to read it.
+    const std::string path = arguments[0].toStdString();
+    const Metadata metadata
+        = zo::project::readProjectMetadata(path, zo::project::detectFormat(path));
     if (arguments.size() == 1) {
         printMetadata(metadata, jsonRequested(parser));
         return kSuccess;

@@ -78,14 +78,14 @@ private:
     Progress _latest;
 };
 
-// From now on SIGINT and SIGTERM are written to a pipe instead of ending the program, and the
-// work reads them there; the program ends soon after the work anyway. Without the pipe they
-// end the program as before.
+// From now on SIGINT, SIGTERM and SIGHUP (a closed terminal) are written to a pipe instead of
+// ending the program, and the work reads them there; the program ends soon after the work anyway.
+// Without the pipe they end the program as before.
 class StopRequest {
 public:
     StopRequest()
     {
-        const int pipe = zo::os::signalPipe({ SIGINT, SIGTERM });
+        const int pipe = zo::os::signalPipe({ SIGINT, SIGTERM, SIGHUP });
         if (pipe >= 0)
             _signals.open(pipe, QIODevice::ReadOnly | QIODevice::Unbuffered);
     }

@@ -1,6 +1,7 @@
 #pragma once
 
-// The progress of long work on standard error, and its interruption by SIGINT or SIGTERM.
+// The progress of long work on standard error, and its interruption by SIGINT, SIGTERM or
+// SIGHUP.
 
 #include <zo/project/archive.h>
 
@@ -21,8 +22,8 @@ QString progressLine(const zo::project::Progress& progress, qint64 elapsedMs);
 
 // Runs an import or an export through the library's progress overload, which work calls with
 // the callback given and whose result it returns. A progress bar is drawn when standard error
-// is a terminal and --quiet is not set; SIGINT or SIGTERM cancel the work, so that the library
-// cleans up, and then an error naming destination is thrown.
+// is a terminal and --quiet is not set; SIGINT, SIGTERM or SIGHUP cancel the work, so that the
+// library cleans up, and then an error naming destination is thrown.
 void withProgress(const QCommandLineParser& parser, const QString& destination,
     const std::function<bool(const zo::project::ProgressCallback&)>& work);
 

@@ -2,7 +2,6 @@
 
 #include <zo/file.h>
 
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
@@ -10,16 +9,15 @@
 
 namespace zo::cli {
 
-ProjectSource::ProjectSource(const QString& path, Unpack where)
+ProjectSource::ProjectSource(const QString& path)
     : _path(path)
     , _format(zo::project::detectFormat(path.toStdString()))
 {
     if (_format == zo::project::ArchiveFormat::Directory)
         return;
-    const QString pattern = where == Unpack::Beside
-        ? QFile::decodeName(QByteArray::fromStdString(zo::os::hiddenTemplateBeside(
-            QFile::encodeName(QFileInfo(path).absoluteFilePath()).toStdString(), "unpack")))
-        : QDir::temp().filePath(QStringLiteral("zoproject-XXXXXX"));
+    const QString pattern
+        = QFile::decodeName(QByteArray::fromStdString(zo::os::hiddenTemplateBeside(
+            QFile::encodeName(QFileInfo(path).absoluteFilePath()).toStdString(), "unpack")));
     _unpacked = std::make_unique<QTemporaryDir>(pattern);
     if (!_unpacked->isValid())
         throw std::runtime_error("'" + path.toStdString()

@@ -1,6 +1,6 @@
 #pragma once
 
-// A project named on the command line by its directory or by an archive of it.
+// A project named on the command line by its directory or by an archive of it, to be changed.
 
 #include <zo/project/archive.h>
 
@@ -13,13 +13,9 @@ namespace zo::cli {
 
 class ProjectSource {
 public:
-    enum class Unpack {
-        InTemp, // for reading: the archive's own directory may be read-only
-        Beside, // for rewriting: the new archive is made on the old one's volume
-    };
-
-    // An archive is unpacked into a temporary directory that lives as long as this object.
-    ProjectSource(const QString& path, Unpack where);
+    // An archive is unpacked into a hidden directory beside it, on the volume the rewritten
+    // archive is written to, that lives as long as this object.
+    explicit ProjectSource(const QString& path);
 
     const QString& path() const { return _path; }
     zo::project::ArchiveFormat format() const { return _format; }

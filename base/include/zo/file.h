@@ -83,6 +83,8 @@ struct FileStatus {
     std::int32_t modifiedNanoseconds = 0; ///< always 0 to 999999999, also before 1970
     FileIdentity identity; ///< where it is stored
     std::uint32_t permissions = 0; ///< the mode's 07777 bits
+    std::uint32_t owner = 0; ///< the owning user's id
+    std::uint32_t group = 0; ///< the owning group's id
 
     /// Rounded down, as Qt reports file times, so that a time set through Qt compares equal.
     std::int64_t modifiedMilliseconds() const
@@ -172,6 +174,10 @@ ZO_EXPORT UniqueFd createFileAt(int directory, const char* name, mode_t mode);
 /// Creates a new private file named after pathTemplate, whose trailing "XXXXXX" is replaced by
 /// the name made (mkstemp). The caller removes it.
 ZO_EXPORT UniqueFd createTemporaryFile(std::string& pathTemplate);
+/// Creates a new file named after pathTemplate as createTemporaryFile does, but with mode less
+/// the umask, as open makes it, where a temporary file is private. EINVAL when the template does
+/// not end in "XXXXXX". The caller removes it.
+ZO_EXPORT UniqueFd createUniqueFile(std::string& pathTemplate, mode_t mode);
 /// Creates a new private directory named after pathTemplate as createTemporaryFile does
 /// (mkdtemp). The caller removes it.
 ZO_EXPORT bool createTemporaryDirectory(std::string& pathTemplate);
@@ -183,6 +189,10 @@ ZO_EXPORT bool makeUniqueDirectory(std::string& pathTemplate, mode_t mode);
 ZO_EXPORT bool makeDirectoryAt(int directory, const char* name, mode_t mode);
 /// Creates the symbolic link name to target in the open directory.
 ZO_EXPORT bool makeSymlinkAt(const char* target, int directory, const char* name);
+/// Gives the file fromName in the open directory fromDirectory (a link itself, never followed)
+/// the further name toName in the open directory toDirectory: a hard link. EEXIST when toName
+/// exists, EXDEV across file systems, EPERM where the file system has no hard links.
+ZO_EXPORT bool linkAt(int fromDirectory, const char* fromName, int toDirectory, const char* toName);
 
 /// What a hidden name beside a file tells of it.
 struct HiddenName {
@@ -201,8 +211,11 @@ ZO_EXPORT std::string hiddenTemplateBeside(const std::string& path, std::string_
 /// nothing yet, for a step that creates it itself. Only the threads of this process could take
 /// it meanwhile.
 ZO_EXPORT std::string unusedHiddenPathBeside(const std::string& path, std::string_view purpose);
+/// A path for a file of this process that belongs to directory itself rather than to a file in
+/// it (an owner mark): "<directory>/.zo-<purpose>-<pid>.XXXXXX", to be filled in as above.
+ZO_EXPORT std::string hiddenTemplateIn(const std::string& directory, std::string_view purpose);
 /// The purpose and process of a file name (the last component only) made by
-/// hiddenTemplateBeside or unusedHiddenPathBeside; none for any other name.
+/// hiddenTemplateBeside, unusedHiddenPathBeside or hiddenTemplateIn; none for any other name.
 ZO_EXPORT std::optional<HiddenName> parseHiddenName(std::string_view name);
 
 /// Removes a file or link (not a directory).
@@ -216,6 +229,8 @@ ZO_EXPORT bool removeDirectoryAt(int directory, const char* name);
 using FileTimes = std::array<timespec, 2>;
 /// Sets the permission bits (07777) of an open file.
 ZO_EXPORT bool setPermissions(int descriptor, mode_t mode);
+/// Sets the owner and group of an open file; EPERM where the process may not give it away.
+ZO_EXPORT bool setOwner(int descriptor, std::uint32_t owner, std::uint32_t group);
 /// Sets the times of an open file.
 ZO_EXPORT bool setTimes(int descriptor, const FileTimes& times);
 /// Sets the times of name in the open directory itself, a link included.

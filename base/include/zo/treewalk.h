@@ -25,6 +25,9 @@ public:
     /// The entry's status (its target's when links are followed), read on the first call only:
     /// a walk that needs no sizes or times costs no stat per file. Null when the entry vanished.
     const FileStatus* status() const;
+    /// The open directory that holds the entry, for calls "At" it on name: they reach the entry
+    /// the walk found even where a directory on its path was swapped for a link meanwhile.
+    int directory() const { return _directory; }
 
     std::string_view path; ///< relative to the root, "/"-separated
     std::string_view name; ///< the last component of path
@@ -65,5 +68,7 @@ using WalkVisitor = std::function<WalkStep(const WalkEntry&)>;
 /// descriptor is held per level of depth. Returns false when root is not a readable directory.
 ZO_EXPORT bool walkTree(
     const std::string& root, const WalkOptions& options, const WalkVisitor& visit);
+/// walkTree below the open directory root, which stays open and the caller's.
+ZO_EXPORT bool walkTree(int root, const WalkOptions& options, const WalkVisitor& visit);
 
 } // namespace zo::os

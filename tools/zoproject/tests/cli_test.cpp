@@ -234,6 +234,24 @@ TEST_F(Cli, HostileArchiveIsRefusedNamingTheEntryAndWritesNothing)
     EXPECT_EQ(zo::test::entriesBelow(scratch.path()), QStringList { "hostile.tar" });
 }
 
+// ls and meta read an archive as a stream: they work where nothing can be written at all.
+TEST_F(Cli, LsAndMetaReadAnArchiveWithoutWritingAnything)
+{
+    const QString project = path(QStringLiteral("project"));
+    writeFile(project + "/a.txt", "abc");
+    ASSERT_EQ(zoproject({ "meta", project, "title", "Streamed" }).status, 0);
+    QDir().mkpath(path("shelf"));
+    ASSERT_EQ(zoproject({ "pack", project, path("shelf/p.tar.gz") }).status, 0);
+    const QByteArray previous = qgetenv("TMPDIR");
+    qputenv("TMPDIR", QFile::encodeName(path("shelf/p.tar.gz"))); // a file: no directory there
+    const zo::test::ScopedMount readOnly(path("shelf"));
+    const Outcome listed = zoproject({ "ls", path("shelf/p.tar.gz") });
+    const Outcome meta = zoproject({ "meta", path("shelf/p.tar.gz") });
+    qputenv("TMPDIR", previous);
+    EXPECT_EQ(listed.out, "3  a.txt\n1 files, 3 bytes\n") << listed.err.toStdString();
+    EXPECT_EQ(meta.out, "title=Streamed\n") << meta.err.toStdString();
+}
+
 TEST(ProgressLine, ShowsWhatIsKnownAndTheTimeLeft)
 {
     QLocale::setDefault(QLocale::c());

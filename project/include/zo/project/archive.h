@@ -36,23 +36,54 @@ struct ZOPROJECT_EXPORT ArchiveError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Unpacks source into the directory destination (created with parents); Auto detects the
-/// format from source's content. Hostile entries (absolute names, "..", links leaving the
-/// destination, hard links to anything not unpacked before, devices) are refused.
+/// Unpacks the archive (or copies the directory) source into the directory destination, all or
+/// nothing. Hostile entries (absolute names, "..", links leading out of destination, hard links
+/// to anything but an earlier file of the archive, devices, fifos) are refused with an
+/// ArchiveError naming the archive and the entry; hard links become hard links between the
+/// files this import makes; an entry replaces an existing file of the same name.
+///
+/// The archive is first unpacked whole into a hidden directory beside destination, on its file
+/// system (".<name>.zo-unpack-<pid>.XXXXXX"). Until it is complete and checked, nothing under
+/// destination's name changes. Then, in one step:
+/// - a destination that does not exist (missing parents included) is that directory renamed;
+/// - an existing empty directory is replaced by it;
+/// - an existing directory with entries is swapped with it (RENAME_EXCHANGE), after everything
+///   destination holds that the archive does not replace was added to it: files, links and
+///   other entries as hard links to the very same files (never copies), directories made anew
+///   with their mode, times and owner. The new tree is flushed before the swap. The previous
+///   tree, now under the hidden name, is removed; unless another program added or changed
+///   something in it meanwhile, when it stays and a warning tells where.
+///
+/// So a failure, a cancel or a kill at any point leaves destination as it was (every file byte
+/// for byte, nothing added) or complete, and at most one hidden directory beside it whose name
+/// tells its purpose ("unpack") and process (zo::os::parseHiddenName): the unfinished new tree,
+/// or the previous one, both safe to remove. A system crash may also lose what a new destination
+/// received, never what an existing one held. Refused before any change: a destination that is
+/// not a directory, a mount point (unpack into a directory inside it), a destination holding a
+/// mount point, a directory the archive would replace by a file or link, and an existing
+/// directory on a file system without hard links or directory swaps. An existing destination's
+/// directories become new ones: extended attributes and ACLs of directories are not kept, and
+/// the cost grows with what destination holds, not only with the archive.
 /// @throws UnsupportedFormat when format is no ArchiveFormat value.
 /// @throws ArchiveError when source cannot be read or holds a refused entry, or destination
-/// cannot be written; what this import created is removed again.
+/// cannot be written or is refused; destination is then as it was.
 ZOPROJECT_EXPORT void importProject(
     const std::string& source, const std::string& destination, ArchiveFormat format);
 
-/// Packs the directory source into the archive destination; Auto takes the format from the
-/// destination's name (an existing directory: Directory). The archive is written under a
-/// hidden name beside destination, synced and renamed over it, so that destination holds
-/// either its previous content or the whole new archive.
+/// Packs the directory source into the archive destination (or copies it to the directory
+/// destination, which must not exist or be empty), replacing it whole or not at all: the
+/// archive is written under a hidden name beside it (".<name>.zo-pack-<pid>.XXXXXX"), flushed
+/// and renamed over it with destination's permissions (zo/replace.h). Symbolic links are stored
+/// as links; a tar or a directory keeps hard links as links, a zip or a 7z stores each name of a
+/// file as a copy. Every name and link target comes back byte for byte from our own unpacking,
+/// or the export refuses: a zip or zop holds only UTF-8 names in composed form (NFC) without a
+/// backslash, a 7z UTF-8 in composed form; a tar and a directory hold any name. A refusal
+/// throws ArchiveError naming the archive and the entry and leaves no archive (one that was at
+/// destination stays as it was); so does any other failure.
 /// @throws UnsupportedFormat when format is no ArchiveFormat value, or Auto meets a name that
 /// tells no format.
-/// @throws ArchiveError when source cannot be read or the archive cannot be written; the
-/// hidden file is removed and destination is left as it was.
+/// @throws ArchiveError when source cannot be read, a name is refused or the archive cannot be
+/// written.
 ZOPROJECT_EXPORT void exportProject(
     const std::string& source, const std::string& destination, ArchiveFormat format);
 
@@ -75,7 +106,8 @@ struct Progress {
 using ProgressCallback = std::function<bool(const Progress&)>;
 
 /// importProject reporting to progress.
-/// @return false when progress cancelled the import, which then has removed what it created.
+/// @return false when progress cancelled the import, which then has left destination as it was
+/// and removed its hidden directory.
 /// @throws UnsupportedFormat, ArchiveError as importProject.
 ZOPROJECT_EXPORT bool importProject(const std::string& source, const std::string& destination,
     ArchiveFormat format, const ProgressCallback& progress);

@@ -75,14 +75,16 @@ public:
     void load(const QString& path, ArchiveFormat format);
     /// Packs the workspace into path (empty: the source), which becomes the source; saved.
     /// format Auto detects it from the name (zip when the name tells nothing), Native keeps
-    /// the source's. A safe save writes a hidden temporary archive beside the target, syncs it
-    /// and renames it over the target; an unsafe one writes the target in place.
+    /// the source's. Every save is safe, whatever safe says: the archive is written under a
+    /// hidden name beside the target, synced and renamed over the target (a directory swapped
+    /// with it).
     /// @throws PathNotFound when path is empty and there is no source.
     /// @throws exception::SourceFileChanged, writing nothing, when the save goes to the source
     /// and another program changed it (device, inode, size or modification time) since it was
     /// loaded or last saved, unless changes is Overwrite.
-    /// @throws IOWriteError when the export fails: an archive that was at the target stays as
-    /// it was, the temporary one is removed, and the model is unsaved.
+    /// @throws IOWriteError when the export fails: what was at the target stays as it was,
+    /// unless only the final sync of the target's directory failed (the target then holds the
+    /// new archive, see zo/replace.h), and the model is unsaved.
     void save(const QString& path, ArchiveFormat format, bool safe,
         ProjectVFS::SourceChanges changes = ProjectVFS::SourceChanges::Refuse);
 

@@ -1,0 +1,132 @@
+// A process killed at each system call that can change a file system while it unpacks into a
+// new directory or one holding the user's files, or saves an archive project safely: what it
+// wrote to is the old content or the complete new one, and anything else it left has a hidden
+// name that tells its purpose and owner, or is a workspace with its record.
+
+#include <zo/file.h>
+#include <zo/project/archive.h>
+#include <zo/test/support.h>
+
+#include <QCoreApplication>
+#include <QDirIterator>
+#include <QMap>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using zo::test::readFile;
+using zo::test::writeFile;
+using Files = QMap<QString, QByteArray>;
+
+const char* const kCalls[] = { "openat", "mkdir", "mkdirat", "write", "pwrite64", "fsync", "syncfs",
+    "fchmod", "fchown", "utimensat", "ftruncate", "linkat", "symlinkat", "rename", "renameat2",
+    "unlink", "unlinkat", "rmdir" };
+
+// Every file below root with its content, hidden ones too.
+Files filesIn(const QString& root)
+{
+    Files files;
+    for (QDirIterator it(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+         it.hasNext();) {
+        const QString path = it.next();
+        files.insert(QDir(root).relativeFilePath(path), readFile(path));
+    }
+    return files;
+}
+
+class KillAtEveryCall : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (QStandardPaths::findExecutable("strace").isEmpty())
+            GTEST_SKIP() << "strace is missing";
+        writeFile(scratch.filePath("source/a.txt"), "archive's");
+        writeFile(scratch.filePath("source/sub/new.txt"), "new");
+        QDir().mkpath(temp);
+        qputenv("TMPDIR", QFile::encodeName(temp));
+    }
+    void TearDown() override { qputenv("TMPDIR", previousTemp); }
+
+    // Runs archive_child with arguments over a fresh copy of before in work, killed at each
+    // call of kCalls in turn until it gets that far no more; check sees what each kill left.
+    void killEverywhere(const Files& before, const QStringList& arguments, const QStringList& named,
+        const std::function<void()>& check)
+    {
+        for (const char* call : kCalls)
+            for (int nth = 1;; ++nth) {
+                SCOPED_TRACE(std::string(call) + " " + std::to_string(nth));
+                QDir(work).removeRecursively();
+                for (auto file = before.cbegin(); file != before.cend(); ++file)
+                    writeFile(work + "/" + file.key(), file.value());
+                QProcess child;
+                // The leak checker of a sanitizer build cannot work under a tracer.
+                child.start("strace",
+                    QStringList { "-f", "-qq", "-o", "/dev/null", "-E",
+                        "ASAN_OPTIONS=detect_leaks=0", "-e",
+                        QStringLiteral("inject=%1:signal=SIGKILL:when=%2").arg(call).arg(nth),
+                        QCoreApplication::applicationDirPath() + "/archive_child" }
+                        + arguments);
+                ASSERT_TRUE(child.waitForFinished(60000));
+                if (child.exitStatus() == QProcess::NormalExit) {
+                    EXPECT_EQ(child.exitCode(), 0) << child.readAllStandardError().toStdString();
+                    break;
+                }
+                check();
+                for (const QString& directory : { work, temp })
+                    for (const QString& name : QDir(directory).entryList(
+                             QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot))
+                        EXPECT_TRUE(named.contains(name) || name.contains("zo_project_model_")
+                            || zo::os::parseHiddenName(QFile::encodeName(name).toStdString()))
+                            << name.toStdString();
+            }
+    }
+
+    const QTemporaryDir scratch;
+    const QString work = scratch.filePath("work");
+    const QString temp = scratch.filePath("tmp");
+    const QByteArray previousTemp = qgetenv("TMPDIR");
+};
+
+TEST_F(KillAtEveryCall, UnpackLeavesTheDestinationOldOrComplete)
+{
+    const QString archive = scratch.filePath("a.tar.gz");
+    zo::project::exportProject(scratch.filePath("source").toStdString(), archive.toStdString(),
+        zo::project::ArchiveFormat::Auto);
+    const Files user { { "a.txt", "user's" }, { "keep/x", "kept" } };
+    const Files unpacked { { "a.txt", "archive's" }, { "sub/new.txt", "new" } };
+    Files merged = user;
+    merged.insert(unpacked);
+    Files before;
+    for (auto file = user.cbegin(); file != user.cend(); ++file)
+        before.insert("user/" + file.key(), file.value());
+    for (const char* destination : { "user", "new/destination" })
+        killEverywhere(
+            before, { "unpack", archive, work + "/" + destination }, { "user", "new" }, [&] {
+                const Files left = filesIn(work + "/" + destination);
+                if (destination == std::string("user"))
+                    EXPECT_TRUE(left == user || left == merged);
+                else
+                    EXPECT_TRUE(left == unpacked || !QFileInfo::exists(work + "/new"));
+            });
+}
+
+TEST_F(KillAtEveryCall, SafeSaveLeavesTheArchiveOldOrComplete)
+{
+    zo::project::exportProject(scratch.filePath("source").toStdString(),
+        scratch.filePath("p.zop").toStdString(), zo::project::ArchiveFormat::Auto);
+    const QString unpacked = scratch.filePath("unpacked");
+    killEverywhere({ { "p.zop", readFile(scratch.filePath("p.zop")) } },
+        { "save", work + "/p.zop" }, { "p.zop" }, [&] {
+            QDir(unpacked).removeRecursively();
+            zo::project::importProject((work + "/p.zop").toStdString(), unpacked.toStdString(),
+                zo::project::ArchiveFormat::Auto);
+            const QByteArray text = readFile(unpacked + "/a.txt");
+            EXPECT_TRUE(text == "archive's" || text == "new") << text.toStdString();
+        });
+}
+
+} // namespace
