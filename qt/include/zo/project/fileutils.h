@@ -50,38 +50,51 @@ public:
     ~AlreadyExists() override;
 };
 
-// Entries below path, relative to it, "/"-separated, a directory before its contents.
-// Links to directories are followed, except back into a directory being listed.
+/// Entries below path, relative to it, "/"-separated, a directory before its contents, in the
+/// order the file system returns them. Links to directories are followed, except back into a
+/// directory being listed; a directory replaced by a link while it is listed is not. Dangling
+/// links, fifos, sockets and devices are left out. Never throws: what cannot be read is not
+/// listed.
 ZOPROJECTQT_EXPORT QStringList listDirectory(
     const QString& path, bool showHidden, bool recursive, bool includeDirs);
 
-// The worker of listDirectory: names are prefixed with prefix.
+/// The worker of listDirectory: names are prefixed with prefix.
 ZOPROJECTQT_EXPORT QStringList xListFiles(
     const QDir& dir, const QString& prefix, bool showHidden, bool recursive, bool includeDirs);
 
-// Adds the sizes and the number of the regular files below path to *pSize and *pCount,
-// stopping as soon as either reaches its limit (0: no limit); *pAborted tells whether it did.
+/// Adds the sizes and the number of the visible regular files below path to *pSize and *pCount,
+/// never following nor counting a link, directories first and by name, stopping as soon as
+/// either reaches its limit (0: no limit); *pAborted tells whether it did. Throws
+/// std::runtime_error when pSize is null.
 ZOPROJECTQT_EXPORT void folderSize(const QString& path, unsigned long long* pSize,
     unsigned int* pCount, bool* pAborted, unsigned int maxCount, unsigned long long maxSize);
 
-// Whether size bytes plus a 10 MiB reserve fit on the volume that would hold path.
+/// Whether size bytes plus a 10 MiB reserve fit on the volume that would hold path.
 ZOPROJECTQT_EXPORT bool hasEnoughSpaceDiskToCopyTo(
     const QString& path, long long size, long long* pMissing);
 
-// Deletes a file or a directory tree. A symbolic link is deleted as a link, never what it
-// points to.
+/// Deletes a file, a link (never what it points to), a fifo, socket or device, or a directory
+/// tree. Each directory is held open while it is emptied, so that one replaced by a link
+/// meanwhile is never followed, and depth is no limit. Throws PathNotFound, IOWriteError or
+/// std::runtime_error (a directory that stays); what was deleted before stays deleted.
 ZOPROJECTQT_EXPORT void remove(const QString& path);
 
-// Copies a file or a directory tree, following links in the source except back into a directory
-// being copied. Overwriting a directory leaves it mirroring the source: entries only it had are
-// deleted; a link in the destination is replaced, never written through. No partial file is
-// ever seen under a destination name: a new directory is built under a hidden name beside it
-// and named when complete (or when the copy fails, with the complete files copied so far), and
-// a file written into an existing directory takes its name once complete. What was copied is
-// on the disk when this returns.
+/// Copies a file or a directory tree, following links in the source except back into a
+/// directory being copied or written; fifos, sockets and devices are not copied, and a source
+/// that is one copies nothing. A directory is never copied into itself: that throws IOWriteError
+/// naming both paths before anything is made. Each directory is held open while it is copied,
+/// so that one replaced by a link meanwhile is never followed, and depth is no limit.
+/// Overwriting a directory leaves it mirroring the source: entries only it had are deleted; a
+/// link in the destination is replaced, never written through. No partial file is ever seen
+/// under a destination name: a new directory is built under a hidden name beside it and named
+/// when complete (or when the copy fails, with the complete files copied so far), and a file
+/// written into an existing directory takes its name once complete. What was copied is on the
+/// disk when this returns. Throws PathNotFound, IOWriteError, AlreadyExists or
+/// std::runtime_error; nothing is rolled back.
 ZOPROJECTQT_EXPORT void copy(const QString& src, const QString& dst, const bool& overwrite);
 
-// Renames, or copies and then removes the source.
+/// Renames, or copies and then removes the source; a failure of either throws its own class
+/// with a message naming both paths, and leaves what was done.
 ZOPROJECTQT_EXPORT void move(const QString& src, const QString& dst, const bool& overwrite);
 
 } // namespace zo::project
