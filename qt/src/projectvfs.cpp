@@ -127,9 +127,13 @@ void ProjectVFS::discard(const QString& path)
 std::unique_ptr<VFSFile> ProjectVFS::open(const QString& path, QIODevice::OpenMode mode)
 {
     auto handle = file(path);
-    if (!handle->open(mode))
-        throw exception::OpenSwapFile(
-            path.toStdString(), handle->error(), handle->errorString().toStdString());
+    if (!handle->open(mode)) {
+        // Qt refuses such a mode before it sets an error, and then says "Unknown error".
+        const std::string reason = (mode & QIODevice::ReadWrite)
+            ? handle->errorString().toStdString()
+            : "the open mode neither reads nor writes";
+        throw exception::OpenSwapFile(path.toStdString(), handle->error(), reason);
+    }
     return handle;
 }
 
