@@ -1,7 +1,6 @@
 #include <zo/fault.h>
 #include <zo/file.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>

@@ -11,7 +11,6 @@
 #include <string>
 #include <string_view>
 #include <sys/types.h>
-#include <vector>
 
 /// @file
 /// Files and directories: their status and identity, descriptors, hidden names, copies and the

@@ -74,8 +74,9 @@ public:
     /// and of the given identity. False, with errno ELOOP, when the descent is inside it already;
     /// it is then closed and the descent stays where it is.
     bool enter(UniqueFd directory, const FileIdentity& identity, bool throughLink);
-    /// Goes back up to the parent. False, with errno ESTALE, when the parent had been let go and
-    /// ".." no longer leads to it (the directory moved); the descent then stays where it is.
+    /// Goes back up to the parent, below the directory it started in. False, with errno ESTALE,
+    /// when the parent had been let go and ".." no longer leads to it (the directory moved); the
+    /// descent then stays where it is.
     bool leave();
 
 private:
