@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <string>
@@ -15,14 +16,31 @@
 namespace zo::os {
 namespace {
 
+constexpr std::size_t kBlockSize = 256 * 1024;
+
+// Reads up to size bytes at offset, as many as there are; -1 on failure.
+ssize_t readBlock(int descriptor, char* data, std::size_t size, off_t offset)
+{
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t count = ::pread(descriptor, data + done, size - done, offset + done);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return -1;
+        if (count == 0)
+            break;
+        done += static_cast<std::size_t>(count);
+    }
+    return static_cast<ssize_t>(done);
+}
+
 // Only ever called before anything was written to the new file, which is filled from its start.
 bool copyByReadWrite(int from, int to)
 {
-    std::vector<char> buffer(256 * 1024);
+    std::vector<char> buffer(kBlockSize);
     for (off_t offset = 0;;) {
-        const ssize_t count = ::read(from, buffer.data(), buffer.size());
-        if (count < 0 && errno == EINTR)
-            continue;
+        const ssize_t count = readBlock(from, buffer.data(), buffer.size(), offset);
         if (count <= 0)
             return count == 0;
         if (!writeAll(to, buffer.data(), static_cast<std::size_t>(count), offset))
@@ -31,32 +49,32 @@ bool copyByReadWrite(int from, int to)
     }
 }
 
-// An unnamed file in to's directory, which cannot be seen at all until it is linked in; where
-// the file system has none, a file with a hidden name beside to, returned in hidden.
-UniqueFd openUnnamedBeside(const char* to, mode_t mode, std::string& hidden)
+// An unnamed file in the directory, which cannot be seen at all until it is linked in; where the
+// file system has none, a file with a hidden name beside name, returned in hidden.
+UniqueFd openUnnamedIn(int directory, const char* name, mode_t mode, std::string& hidden)
 {
-    UniqueFd fd(::open(Path(to).directory().c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
+    UniqueFd fd(::openat(directory, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
     if (fd || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
         return fd;
-    hidden = hiddenTemplateBeside(to, "copy");
-    return createTemporaryFile(hidden);
+    hidden = hiddenTemplateBeside(name, "copy");
+    return createUniqueFileAt(directory, hidden, mode);
 }
 
-// Gives an unnamed file the name to. Linking by the descriptor alone needs CAP_DAC_READ_SEARCH
-// on older kernels (newer ones also let the process that opened the file), which refuse it with
-// ENOENT; the file's /proc name always works, at the price of a lookup in /proc per file. The
-// first refusal settles it for the process.
-bool linkUnnamed(int fd, const char* to)
+// Gives an unnamed file the name in the directory. Linking by the descriptor alone needs
+// CAP_DAC_READ_SEARCH on older kernels (newer ones also let the process that opened the file),
+// which refuse it with ENOENT; the file's /proc name always works, at the price of a lookup in
+// /proc per file. The first refusal settles it for the process.
+bool linkUnnamed(int fd, int directory, const char* name)
 {
     static std::atomic<bool> byDescriptor { true };
     if (byDescriptor.load(std::memory_order_relaxed)) {
-        if (::linkat(fd, "", AT_FDCWD, to, AT_EMPTY_PATH) == 0)
+        if (::linkat(fd, "", directory, name, AT_EMPTY_PATH) == 0)
             return true;
         if (errno != ENOENT)
             return false;
     }
     const std::string self = "/proc/self/fd/" + std::to_string(fd);
-    if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, to, AT_SYMLINK_FOLLOW) != 0)
+    if (::linkat(AT_FDCWD, self.c_str(), directory, name, AT_SYMLINK_FOLLOW) != 0)
         return false;
     // ENOENT can also mean a missing directory; only a link that worked here tells it apart.
     byDescriptor.store(false, std::memory_order_relaxed);
@@ -80,8 +98,9 @@ bool copyContent(int from, int to, std::uint64_t size)
     // Up to the end of the file, whatever it gained since it was measured: the measured size
     // only makes the first call ask for everything at once.
     constexpr std::uint64_t kMostAtOnce = 1ULL << 30;
+    loff_t offset = 0;
     for (bool first = true;; first = false) {
-        const ssize_t copied = ::copy_file_range(from, nullptr, to, nullptr,
+        const ssize_t copied = ::copy_file_range(from, &offset, to, nullptr,
             static_cast<std::size_t>(first && size > 0 ? std::min(size, kMostAtOnce) : kMostAtOnce),
             0);
         if (copied < 0 && errno == EINTR)
@@ -93,10 +112,35 @@ bool copyContent(int from, int to, std::uint64_t size)
     }
 }
 
+bool haveSameContent(int first, int second)
+{
+    std::vector<char> firstBlock(kBlockSize);
+    std::vector<char> secondBlock(kBlockSize);
+    for (off_t offset = 0;;) {
+        const ssize_t firstRead = readBlock(first, firstBlock.data(), kBlockSize, offset);
+        const ssize_t secondRead = readBlock(second, secondBlock.data(), kBlockSize, offset);
+        if (firstRead < 0 || firstRead != secondRead)
+            return false;
+        if (firstRead == 0)
+            return true;
+        if (std::memcmp(firstBlock.data(), secondBlock.data(), static_cast<std::size_t>(firstRead))
+            != 0)
+            return false;
+        offset += firstRead;
+    }
+}
+
 bool copyFile(const char* from, const char* to, CopyTarget target)
 {
     const UniqueFd in = openForReading(from);
-    const std::optional<FileStatus> status = in ? os::status(in.get()) : std::nullopt;
+    const Path path { std::string(to) };
+    const UniqueFd directory = in ? openPlace(path.directory().c_str()) : UniqueFd();
+    return directory && copyFileAt(in.get(), directory.get(), path.filename().c_str(), target);
+}
+
+bool copyFileAt(int from, int directory, const char* name, CopyTarget target)
+{
+    const std::optional<FileStatus> status = os::status(from);
     if (!status)
         return false;
     const mode_t mode = status->permissions;
@@ -106,22 +150,22 @@ bool copyFile(const char* from, const char* to, CopyTarget target)
     std::string written;
     UniqueFd out;
     if (target == CopyTarget::Unseen) {
-        out = createFileAt(AT_FDCWD, to, mode);
+        out = createFileAt(directory, name, mode);
         if (out)
-            written = to;
+            written = name;
     } else {
-        out = openUnnamedBeside(to, mode, written);
+        out = openUnnamedIn(directory, name, mode, written);
     }
     if (!out)
         return false;
-    const auto dropWritten = [&written] {
+    const auto dropWritten = [&] {
         if (!written.empty()) {
             const int saved = errno;
-            os::remove(written.c_str());
+            removeAt(directory, written.c_str());
             errno = saved;
         }
     };
-    if (!copyContent(in.get(), out.get(), status->size) || !hasPermissions(out.get(), mode)) {
+    if (!copyContent(from, out.get(), status->size) || !hasPermissions(out.get(), mode)) {
         dropWritten();
         return false;
     }
@@ -132,9 +176,10 @@ bool copyFile(const char* from, const char* to, CopyTarget target)
         return false;
     }
     if (written.empty())
-        return linkUnnamed(out.get(), to) && out.close();
+        return linkUnnamed(out.get(), directory, name) && out.close();
     // link refuses an existing target, as an unnamed file's linkat does.
-    const bool linked = out.close() && ::link(written.c_str(), to) == 0;
+    const bool linked
+        = out.close() && ::linkat(directory, written.c_str(), directory, name, 0) == 0;
     dropWritten();
     return linked;
 }

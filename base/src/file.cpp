@@ -1,7 +1,6 @@
 #include <zo/fault.h>
 #include <zo/file.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -56,6 +55,34 @@ bool failsOnPurpose(fault::Step step)
     faultStep.store(-1);
     errno = faultError.load();
     return true;
+}
+
+// Replaces the trailing "XXXXXX" of name with random letters until create, which makes what the
+// name names, succeeds; false with errno set when it fails otherwise than with EEXIST, and EINVAL
+// for a name without the placeholder.
+template <typename Create> bool fillTemplate(std::string& name, Create create)
+{
+    constexpr std::string_view kLetters
+        = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    constexpr std::string_view kPlaceholder = "XXXXXX";
+    if (name.size() < kPlaceholder.size()
+        || name.compare(name.size() - kPlaceholder.size(), kPlaceholder.size(), kPlaceholder)
+            != 0) {
+        errno = EINVAL;
+        return false;
+    }
+    std::random_device seed;
+    std::mt19937 random(seed());
+    std::uniform_int_distribution<std::size_t> letter(0, kLetters.size() - 1);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        for (std::size_t at = name.size() - kPlaceholder.size(); at < name.size(); ++at)
+            name[at] = kLetters[letter(random)];
+        if (create())
+            return true;
+        if (errno != EEXIST)
+            return false;
+    }
+    return false;
 }
 
 bool syncPath(const char* path)
@@ -128,35 +155,6 @@ std::optional<std::string> resolvePhysically(const std::string& path)
         resolved = std::move(next);
     }
     return resolved;
-}
-
-// Fills the trailing "XXXXXX" of pathTemplate with random letters until create makes something
-// new under that name (EEXIST means try again).
-template <typename Create> bool createUnique(std::string& pathTemplate, Create&& create)
-{
-    constexpr std::string_view kLetters
-        = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-    constexpr std::string_view kPlaceholder = "XXXXXX";
-    if (pathTemplate.size() < kPlaceholder.size()
-        || pathTemplate.compare(
-               pathTemplate.size() - kPlaceholder.size(), kPlaceholder.size(), kPlaceholder)
-            != 0) {
-        errno = EINVAL;
-        return false;
-    }
-    std::random_device seed;
-    std::mt19937 random(seed());
-    std::uniform_int_distribution<std::size_t> letter(0, kLetters.size() - 1);
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        for (std::size_t at = pathTemplate.size() - kPlaceholder.size(); at < pathTemplate.size();
-             ++at)
-            pathTemplate[at] = kLetters[letter(random)];
-        if (create(pathTemplate.c_str()))
-            return true;
-        if (errno != EEXIST)
-            return false;
-    }
-    return false;
 }
 
 } // namespace
@@ -256,18 +254,14 @@ bool isReadable(const char* path)
     return ::access(path, R_OK) == 0;
 }
 
-DescentStep::DescentStep(DescentPath& path, const FileIdentity& directory)
-    : _path(path)
-    , _entered(std::find(path.begin(), path.end(), directory) == path.end())
+bool isReadableAt(int directory, const char* name)
 {
-    if (_entered)
-        path.push_back(directory);
+    return ::faccessat(directory, name, R_OK, 0) == 0;
 }
 
-DescentStep::~DescentStep()
+bool isWritableAt(int directory, const char* name)
 {
-    if (_entered)
-        _path.pop_back();
+    return ::faccessat(directory, name, W_OK, 0) == 0;
 }
 
 UniqueFd openDirectory(const char* path)
@@ -275,9 +269,24 @@ UniqueFd openDirectory(const char* path)
     return UniqueFd(::open(path, directoryFlags));
 }
 
-UniqueFd openDirectoryAt(int directory, const char* name)
+UniqueFd openDirectoryAt(int directory, const char* name, bool followLink)
 {
-    return UniqueFd(::openat(directory, name, directoryFlags | O_NOFOLLOW));
+    return UniqueFd(::openat(directory, name, directoryFlags | (followLink ? 0 : O_NOFOLLOW)));
+}
+
+UniqueFd openPlace(const char* path)
+{
+    return openPlaceAt(AT_FDCWD, path);
+}
+
+UniqueFd openPlaceAt(int directory, const char* name)
+{
+    return UniqueFd(::openat(directory, name, O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+UniqueFd duplicate(int descriptor)
+{
+    return UniqueFd(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
 }
 
 UniqueFd openForReading(const char* path)
@@ -285,9 +294,11 @@ UniqueFd openForReading(const char* path)
     return UniqueFd(::open(path, readFlags));
 }
 
-UniqueFd openForReadingAt(int directory, const char* name)
+UniqueFd openForReadingAt(int directory, const char* name, bool followLink)
 {
-    return UniqueFd(::openat(directory, name, readFlags | O_NOFOLLOW));
+    // Non-blocking, so that a fifo put in a file's place does not hold the caller.
+    return UniqueFd(
+        ::openat(directory, name, readFlags | O_NONBLOCK | (followLink ? 0 : O_NOFOLLOW)));
 }
 
 UniqueFd createFileAt(int directory, const char* name, mode_t mode)
@@ -308,18 +319,28 @@ bool createTemporaryDirectory(std::string& pathTemplate)
 
 UniqueFd createUniqueFile(std::string& pathTemplate, mode_t mode)
 {
-    UniqueFd fd;
-    createUnique(pathTemplate, [&](const char* path) {
-        fd = createFileAt(AT_FDCWD, path, mode);
-        return static_cast<bool>(fd);
-    });
-    return fd;
+    return createUniqueFileAt(AT_FDCWD, pathTemplate, mode);
 }
 
 bool makeUniqueDirectory(std::string& pathTemplate, mode_t mode)
 {
-    return createUnique(
-        pathTemplate, [mode](const char* path) { return ::mkdir(path, mode) == 0; });
+    return makeUniqueDirectoryAt(AT_FDCWD, pathTemplate, mode);
+}
+
+bool makeUniqueDirectoryAt(int directory, std::string& nameTemplate, mode_t mode)
+{
+    return fillTemplate(
+        nameTemplate, [&] { return ::mkdirat(directory, nameTemplate.c_str(), mode) == 0; });
+}
+
+UniqueFd createUniqueFileAt(int directory, std::string& nameTemplate, mode_t mode)
+{
+    UniqueFd created;
+    fillTemplate(nameTemplate, [&] {
+        created = createFileAt(directory, nameTemplate.c_str(), mode);
+        return static_cast<bool>(created);
+    });
+    return created;
 }
 
 bool makeDirectoryAt(int directory, const char* name, mode_t mode)
@@ -443,17 +464,22 @@ bool exchange(const char* first, const char* second)
 
 bool renameToFreeName(const char* from, const char* to)
 {
+    return renameToFreeNameAt(AT_FDCWD, from, AT_FDCWD, to);
+}
+
+bool renameToFreeNameAt(int fromDirectory, const char* from, int toDirectory, const char* to)
+{
     if (failsOnPurpose(fault::Step::Rename))
         return false;
-    if (::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0)
+    if (::renameat2(fromDirectory, from, toDirectory, to, RENAME_NOREPLACE) == 0)
         return true;
     if (errno != EINVAL)
         return false;
-    if (linkStatus(to)) {
+    if (statusAt(toDirectory, to, false)) {
         errno = EEXIST;
         return false;
     }
-    return ::rename(from, to) == 0;
+    return ::renameat(fromDirectory, from, toDirectory, to) == 0;
 }
 
 bool syncFileSystem(const char* path)

@@ -2,31 +2,37 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <memory>
+#include <utility>
 
 namespace zo::os {
 namespace {
 
-struct DirectoryCloser {
-    void operator()(DIR* directory) const { ::closedir(directory); }
-};
-using DirectoryStream = std::unique_ptr<DIR, DirectoryCloser>;
-
-// Takes the descriptor over, also when the stream cannot be made.
-DirectoryStream streamOf(int descriptor)
-{
-    DIR* directory = ::fdopendir(descriptor);
-    if (directory == nullptr)
-        ::close(descriptor);
-    return DirectoryStream(directory);
-}
+// Descriptors a descent holds at most, besides those it must keep for links: enough that a
+// walk of an ordinary tree never reopens anything, few enough to leave the process plenty.
+constexpr std::size_t kHeldDirectories = 32;
 
 bool isDotOrDotDot(const char* name)
 {
     return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+std::optional<EntryType> typeOfDirectoryEntry(unsigned char type)
+{
+    switch (type) {
+    case DT_REG:
+        return EntryType::File;
+    case DT_DIR:
+        return EntryType::Directory;
+    case DT_LNK:
+        return EntryType::Link;
+    case DT_UNKNOWN: // some file systems do not fill d_type
+        return std::nullopt;
+    default:
+        return EntryType::Other;
+    }
 }
 
 class TreeWalker {
@@ -37,103 +43,84 @@ public:
     {
     }
 
-    // Walks the directory that descriptor names; false when the visitor stopped the walk.
-    bool walkFrom(int descriptor, int depth)
+    void walk(UniqueFd top, const FileIdentity& identity)
     {
-        const std::optional<FileStatus> status = os::status(descriptor);
-        if (!status) {
-            reportError(errno);
-            ::close(descriptor);
-            return true;
+        DirectoryDescent descent(std::move(top), identity);
+        startLevel(descent.directory(), 0);
+        for (;;) {
+            const std::size_t depth = descent.depth();
+            Level& level = _levels[depth];
+            if (level.next == level.entries.entries.size()) {
+                if (depth == 0)
+                    return;
+                _path.resize(level.pathLength);
+                if (!descent.leave()) {
+                    reportError(errno);
+                    return;
+                }
+                continue;
+            }
+            const ListedEntry& listed = level.entries.entries[level.next++];
+            if (listed.name[0] == '.' && !_options.includeHidden)
+                continue;
+            _path.resize(level.pathLength);
+            if (depth != 0)
+                _path += '/';
+            _path += listed.name;
+            if (!visitEntry(descent, listed, depth))
+                return;
         }
-        const DescentStep step(_descent, status->identity);
-        if (!step.entered()) {
-            ::close(descriptor);
-            return true;
-        }
-        const DirectoryStream stream = streamOf(descriptor);
-        if (!stream) {
-            reportError(errno);
-            return true;
-        }
-        return walkEntries(stream.get(), depth);
     }
 
 private:
-    bool walkEntries(DIR* stream, int depth)
+    struct Level {
+        DirectoryListing entries;
+        std::size_t next = 0;
+        std::size_t pathLength = 0; ///< of the directory's own path
+    };
+
+    void startLevel(int directory, std::size_t depth)
     {
-        const int directory = ::dirfd(stream);
-        const std::size_t parentLength = _path.size();
-        const std::size_t nameStart = parentLength == 0 ? 0 : parentLength + 1;
-        for (;;) {
-            errno = 0;
-            const dirent* entry = ::readdir(stream);
-            if (entry == nullptr) {
-                if (errno != 0)
-                    reportError(errno);
-                break;
-            }
-            const char* name = entry->d_name;
-            if (isDotOrDotDot(name) || (name[0] == '.' && !_options.includeHidden))
-                continue;
+        if (_levels.size() <= depth)
+            _levels.resize(depth + 1);
+        Level& level = _levels[depth];
+        level.next = 0;
+        level.pathLength = _path.size();
+        if (!level.entries.read(directory))
+            reportError(errno);
+        if (_options.arrange)
+            _options.arrange(level.entries);
+    }
 
-            _path.resize(parentLength);
-            if (parentLength != 0)
-                _path += '/';
-            _path += name;
-
-            std::optional<FileStatus> knownStatus;
-            bool isLink = false;
-            EntryType type = EntryType::Other;
-            switch (entry->d_type) {
-            case DT_REG:
-                type = EntryType::File;
-                break;
-            case DT_DIR:
-                type = EntryType::Directory;
-                break;
-            case DT_LNK:
-                isLink = true;
-                break;
-            case DT_UNKNOWN: // some file systems do not fill d_type
-                knownStatus = statusAt(directory, name, false);
-                if (!knownStatus) {
-                    reportError(errno);
-                    continue;
-                }
-                isLink = knownStatus->type == EntryType::Link;
+    // Visits the entry at the end of _path and enters it when it is a directory to walk; false
+    // when the visitor stopped the walk.
+    bool visitEntry(DirectoryDescent& descent, const ListedEntry& listed, std::size_t depth)
+    {
+        const bool isLink = listed.type == EntryType::Link;
+        EntryType type = listed.type;
+        std::optional<FileStatus> knownStatus;
+        if (isLink && _options.followLinks) {
+            knownStatus = statusAt(descent.directory(), listed.name.data(), true);
+            if (knownStatus)
                 type = knownStatus->type;
-                break;
-            default:
-                break;
-            }
-            if (isLink) {
-                type = EntryType::Link;
-                if (_options.followLinks) {
-                    knownStatus = statusAt(directory, name, true);
-                    if (knownStatus)
-                        type = knownStatus->type;
-                }
-            }
-
-            const std::string_view path = _path;
-            const WalkEntry walkEntry(path, path.substr(nameStart), type, isLink, depth, directory,
-                _options.followLinks, knownStatus);
-            const WalkStep step = _visit(walkEntry);
-            if (step == WalkStep::Stop)
-                return false;
-            if (type == EntryType::Directory && _options.recursive
-                && step != WalkStep::SkipDirectory) {
-                const int flags
-                    = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (_options.followLinks ? 0 : O_NOFOLLOW);
-                const int child = ::openat(directory, name, flags);
-                if (child < 0)
-                    reportError(errno);
-                else if (!walkFrom(child, depth + 1))
-                    return false;
-            }
         }
-        _path.resize(parentLength);
+        const std::string_view path = _path;
+        const WalkStep step
+            = _visit(WalkEntry(path, path.substr(path.size() - listed.name.size()), type, isLink,
+                static_cast<int>(depth), descent.directory(), _options.followLinks, knownStatus));
+        if (step == WalkStep::Stop)
+            return false;
+        if (type != EntryType::Directory || !_options.recursive || step == WalkStep::SkipDirectory)
+            return true;
+        // Only what was a link when the directory was read is followed.
+        UniqueFd child = openDirectoryAt(descent.directory(), listed.name.data(), isLink);
+        const std::optional<FileStatus> status = child ? os::status(child.get()) : std::nullopt;
+        if (!status) {
+            reportError(errno);
+            return true;
+        }
+        if (descent.enter(std::move(child), status->identity, isLink))
+            startLevel(descent.directory(), depth + 1);
         return true;
     }
 
@@ -146,10 +133,106 @@ private:
     const WalkOptions& _options;
     const WalkVisitor& _visit;
     std::string _path;
-    DescentPath _descent;
+    // Kept from one directory to the next at the same depth, with their storage.
+    std::vector<Level> _levels;
 };
 
 } // namespace
+
+bool DirectoryListing::read(int directory)
+{
+    entries.clear();
+    // The system writes its records, names included, into blocks that never move, each twice
+    // the size of the one before, so that the entries can view the names at once.
+    constexpr std::size_t kFirstBlock = 4096;
+    constexpr std::size_t kRoomForRecords = 1024;
+    std::size_t block = 0;
+    std::size_t used = 0;
+    for (;;) {
+        const std::size_t size = kFirstBlock << std::min<std::size_t>(block, 6);
+        if (used + kRoomForRecords > size) {
+            ++block;
+            used = 0;
+            continue;
+        }
+        if (_blocks.size() == block)
+            _blocks.emplace_back(new char[size]);
+        char* const records = _blocks[block].get() + used;
+        const ssize_t count = ::getdents64(directory, records, size - used);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return count == 0;
+        used += static_cast<std::size_t>(count);
+        for (ssize_t at = 0; at < count;) {
+            const auto* record = reinterpret_cast<const dirent64*>(records + at);
+            at += record->d_reclen;
+            if (isDotOrDotDot(record->d_name))
+                continue;
+            std::optional<EntryType> type = typeOfDirectoryEntry(record->d_type);
+            if (!type) {
+                const std::optional<FileStatus> status = statusAt(directory, record->d_name, false);
+                if (!status)
+                    continue;
+                type = status->type;
+            }
+            entries.push_back({ std::string_view(record->d_name), *type });
+        }
+    }
+}
+
+DirectoryDescent::DirectoryDescent(UniqueFd top, const FileIdentity& identity)
+{
+    _levels.push_back({ std::move(top), identity, false });
+    _inside.insert(identity);
+}
+
+bool DirectoryDescent::enter(UniqueFd directory, const FileIdentity& identity, bool throughLink)
+{
+    if (!_inside.insert(identity).second) {
+        errno = ELOOP;
+        return false;
+    }
+    _levels.push_back({ std::move(directory), identity, throughLink });
+    if (++_held > kHeldDirectories)
+        letGoOfOne();
+    return true;
+}
+
+// Closes the highest ancestor that can be opened again through ".." of its child.
+void DirectoryDescent::letGoOfOne()
+{
+    for (; _firstHeld + 1 < _levels.size(); ++_firstHeld) {
+        Level& level = _levels[_firstHeld];
+        if (level.fd && !_levels[_firstHeld + 1].throughLink) {
+            level.fd = UniqueFd();
+            --_held;
+            ++_firstHeld;
+            return;
+        }
+    }
+}
+
+bool DirectoryDescent::leave()
+{
+    const std::size_t parent = _levels.size() - 2;
+    if (!_levels[parent].fd) {
+        UniqueFd reopened = openDirectoryAt(directory(), "..");
+        const std::optional<FileStatus> status
+            = reopened ? os::status(reopened.get()) : std::nullopt;
+        if (!status || status->identity != _levels[parent].identity) {
+            errno = ESTALE;
+            return false;
+        }
+        _levels[parent].fd = std::move(reopened);
+        ++_held;
+    }
+    _inside.erase(_levels.back().identity);
+    _levels.pop_back();
+    --_held;
+    _firstHeld = std::min(_firstHeld, parent);
+    return true;
+}
 
 WalkEntry::WalkEntry(std::string_view path, std::string_view name, EntryType type, bool isLink,
     int depth, int directory, bool followLinks, std::optional<FileStatus> knownStatus)
@@ -175,20 +258,28 @@ const FileStatus* WalkEntry::status() const
     return _status ? &*_status : nullptr;
 }
 
+namespace {
+
+bool walkFrom(UniqueFd top, const WalkOptions& options, const WalkVisitor& visit)
+{
+    const std::optional<FileStatus> status = top ? os::status(top.get()) : std::nullopt;
+    if (!status)
+        return false;
+    TreeWalker(options, visit).walk(std::move(top), status->identity);
+    return true;
+}
+
+} // namespace
+
 bool walkTree(const std::string& root, const WalkOptions& options, const WalkVisitor& visit)
 {
-    const UniqueFd directory = openDirectory(root.c_str());
-    return directory && walkTree(directory.get(), options, visit);
+    return walkFrom(openDirectory(root.c_str()), options, visit);
 }
 
 bool walkTree(int root, const WalkOptions& options, const WalkVisitor& visit)
 {
     // The walk closes what it walks: a descriptor of its own, at the same place.
-    const int descriptor = ::openat(root, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor < 0)
-        return false;
-    TreeWalker(options, visit).walkFrom(descriptor, 0);
-    return true;
+    return walkFrom(openDirectoryAt(root, "."), options, visit);
 }
 
 } // namespace zo::os

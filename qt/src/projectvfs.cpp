@@ -15,7 +15,6 @@
 #include <zo/treewalk.h>
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFileInfo>
 #include <QRegularExpression>
 
@@ -161,9 +160,13 @@ void ProjectVFS::discard(const QString& path)
 std::unique_ptr<VFSFile> ProjectVFS::open(const QString& path, QIODevice::OpenMode mode)
 {
     auto handle = file(path);
-    if (!handle->open(mode))
-        throw exception::OpenSwapFile(
-            path.toStdString(), handle->error(), handle->errorString().toStdString());
+    if (!handle->open(mode)) {
+        // Qt refuses such a mode before it sets an error, and then says "Unknown error".
+        const std::string reason = (mode & QIODevice::ReadWrite)
+            ? handle->errorString().toStdString()
+            : "the open mode neither reads nor writes";
+        throw exception::OpenSwapFile(path.toStdString(), handle->error(), reason);
+    }
     return handle;
 }
 
@@ -278,12 +281,21 @@ void ProjectVFS::remove(const QString& path)
         return;
     }
 
-    // Files are removed with their swap files first. The walk does not follow symbolic links,
-    // so nothing outside the tree is reached through one; links themselves go with the tree.
+    // Files are removed with their swap files first. The walk holds each directory open and
+    // follows no symbolic link, not even one put in a directory's place meanwhile, so nothing
+    // outside the tree is reached through one; links themselves go with the tree.
+    QStringList files;
+    zo::os::WalkOptions options;
+    options.followLinks = false;
+    zo::os::walkTree(
+        detail::encoded(absolute).toStdString(), options, [&](const zo::os::WalkEntry& entry) {
+            if (entry.type == zo::os::EntryType::File)
+                files.append(impl->relativeFilePath(
+                    absolute + QLatin1Char('/') + detail::decodedPath(entry.path)));
+            return zo::os::WalkStep::Continue;
+        });
     bool allRemoved = true;
-    QDirIterator files(absolute, QDir::Files | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
-    while (files.hasNext()) {
-        const QString entry = impl->relativeFilePath(files.next());
+    for (const QString& entry : qAsConst(files)) {
         try {
             impl->remove(*file(entry));
         } catch (const IOWriteError& e) {

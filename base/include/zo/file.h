@@ -11,7 +11,6 @@
 #include <string>
 #include <string_view>
 #include <sys/types.h>
-#include <vector>
 
 /// @file
 /// Files and directories: their status and identity, descriptors, hidden names, copies and the
@@ -139,36 +138,30 @@ ZO_EXPORT std::optional<std::string> resolveBeneath(
     const std::string& root, const std::string& path);
 /// Whether this process may read what path names (by its real user and group, as access(2)).
 ZO_EXPORT bool isReadable(const char* path);
-
-/// The directories a recursive descent is inside of, outermost first.
-using DescentPath = std::vector<FileIdentity>;
-
-/// Enters a directory on a descent path for its own lifetime, unless the directory is already
-/// on the path: a link to an ancestor is then not entered, so that a walk through links ends.
-class ZO_EXPORT DescentStep {
-public:
-    /// Pushes directory onto path unless it is on it already; the destructor pops it again.
-    DescentStep(DescentPath& path, const FileIdentity& directory);
-    ~DescentStep();
-    DescentStep(const DescentStep&) = delete;
-    DescentStep& operator=(const DescentStep&) = delete;
-
-    /// False when the directory was on the path already; the path is then unchanged.
-    bool entered() const { return _entered; }
-
-private:
-    DescentPath& _path;
-    bool _entered = false;
-};
+/// Whether this process may read name in the open directory, a link followed (as faccessat(2)).
+ZO_EXPORT bool isReadableAt(int directory, const char* name);
+/// Whether this process may write name in the open directory, a link followed; ENOENT for a
+/// link whose target is missing.
+ZO_EXPORT bool isWritableAt(int directory, const char* name);
 
 /// Opens a directory, links followed.
 ZO_EXPORT UniqueFd openDirectory(const char* path);
-/// Opens the directory name in the open directory; ELOOP or ENOTDIR for a link there.
-ZO_EXPORT UniqueFd openDirectoryAt(int directory, const char* name);
+/// Opens the directory name in the open directory; ELOOP or ENOTDIR for a link there, unless
+/// followLink.
+ZO_EXPORT UniqueFd openDirectoryAt(int directory, const char* name, bool followLink = false);
+/// Opens the directory path, links followed, only as the place of the entries named in it: the
+/// descriptor serves the "At" calls and status but cannot be read or synced, and search
+/// permission suffices (O_PATH).
+ZO_EXPORT UniqueFd openPlace(const char* path);
+/// openPlace for the directory name of the open directory.
+ZO_EXPORT UniqueFd openPlaceAt(int directory, const char* name);
+/// A second descriptor of the same open file (close-on-exec), which outlives the first.
+ZO_EXPORT UniqueFd duplicate(int descriptor);
 /// Opens a file for reading, links followed.
 ZO_EXPORT UniqueFd openForReading(const char* path);
-/// Opens the file name in the open directory for reading; ELOOP for a link there.
-ZO_EXPORT UniqueFd openForReadingAt(int directory, const char* name);
+/// Opens the file name in the open directory for reading, without blocking on a fifo; ELOOP for
+/// a link there, unless followLink.
+ZO_EXPORT UniqueFd openForReadingAt(int directory, const char* name, bool followLink = false);
 /// Creates a new file for writing; fails with EEXIST when name exists.
 ZO_EXPORT UniqueFd createFileAt(int directory, const char* name, mode_t mode);
 /// Creates a new private file named after pathTemplate, whose trailing "XXXXXX" is replaced by
@@ -185,6 +178,11 @@ ZO_EXPORT bool createTemporaryDirectory(std::string& pathTemplate);
 /// mkdir makes it, where a temporary directory is private. EINVAL when the template does not
 /// end in "XXXXXX". The caller removes it.
 ZO_EXPORT bool makeUniqueDirectory(std::string& pathTemplate, mode_t mode);
+/// makeUniqueDirectory for a name template in the open directory.
+ZO_EXPORT bool makeUniqueDirectoryAt(int directory, std::string& nameTemplate, mode_t mode);
+/// Creates a new file for writing in the open directory, named after nameTemplate as
+/// makeUniqueDirectory names a directory, with mode less the umask. The caller removes it.
+ZO_EXPORT UniqueFd createUniqueFileAt(int directory, std::string& nameTemplate, mode_t mode);
 /// Creates the directory name in the open directory with mode less the umask.
 ZO_EXPORT bool makeDirectoryAt(int directory, const char* name, mode_t mode);
 /// Creates the symbolic link name to target in the open directory.
@@ -242,10 +240,14 @@ ZO_EXPORT bool resize(int descriptor, std::uint64_t size);
 ZO_EXPORT bool readAll(int descriptor, std::string& text);
 /// Writes all of data at offset; what was written before a failure stays.
 ZO_EXPORT bool writeAll(int descriptor, const void* data, std::size_t size, off_t offset);
-/// Copies the content of from, size bytes as measured (and whatever it gained since), into the
-/// empty file to: shares blocks where the file system can (a reflink), else copies inside the
-/// kernel, else through a buffer. A failure leaves to partly written.
+/// Copies the content of from, from its start, size bytes as measured (and whatever it gained
+/// since), into the empty file to: shares blocks where the file system can (a reflink), else
+/// copies inside the kernel, else through a buffer. The position of from is left as it was. A
+/// failure leaves to partly written.
 ZO_EXPORT bool copyContent(int from, int to, std::uint64_t size);
+/// Whether the two open files hold the same bytes, read from their starts (their positions are
+/// left as they were); false too when either cannot be read.
+ZO_EXPORT bool haveSameContent(int first, int second);
 
 /// Where copyFile's destination can be seen while the copy is written.
 enum class CopyTarget {
@@ -264,6 +266,9 @@ enum class CopyTarget {
 /// shared where the file system can (a reflink), else copied inside the kernel. Nothing is
 /// synced: a caller that copies many files syncs once at the end (syncFileSystem).
 ZO_EXPORT bool copyFile(const char* from, const char* to, CopyTarget target = CopyTarget::Visible);
+/// copyFile from the open regular file from (from its start, its position left as it was) to the
+/// new name in the open directory; nothing is resolved by path.
+ZO_EXPORT bool copyFileAt(int from, int directory, const char* name, CopyTarget target);
 
 // The durability steps of an atomic replacement. Each but syncFileSystem can be made to fail on
 // purpose through zo/fault.h.
@@ -284,6 +289,10 @@ ZO_EXPORT bool exchange(const char* first, const char* second);
 /// file system cannot, a plain rename once to was found free). A fault set for Rename applies
 /// to it too.
 ZO_EXPORT bool renameToFreeName(const char* from, const char* to);
+/// renameToFreeName from the name from in the open directory fromDirectory to the name to in the
+/// open directory toDirectory.
+ZO_EXPORT bool renameToFreeNameAt(
+    int fromDirectory, const char* from, int toDirectory, const char* to);
 /// Flushes everything written to the file system that holds path (syncfs).
 ZO_EXPORT bool syncFileSystem(const char* path);
 

@@ -72,11 +72,12 @@ public:
     ~AlreadyExists() override;
 };
 
-/// Entries below path, relative to it, "/"-separated, a directory before its contents:
-/// regular files, and directories when includeDirs; hidden ones when showHidden; the whole
-/// tree when recursive. Links to directories are followed, except back into a directory being
-/// listed; dangling links, fifos, sockets and devices are left out. Empty when path is no
-/// directory.
+/// Entries below path, relative to it, "/"-separated, a directory before its contents, in the
+/// order the file system returns them: regular files, and directories when includeDirs; hidden
+/// ones when showHidden; the whole tree when recursive. Links to directories are followed,
+/// except back into a directory being listed; a directory replaced by a link while it is listed
+/// is not. Dangling links, fifos, sockets and devices are left out. Never throws: what cannot be
+/// read is not listed.
 ZOPROJECTQT_EXPORT QStringList listDirectory(
     const QString& path, bool showHidden, bool recursive, bool includeDirs);
 
@@ -84,9 +85,10 @@ ZOPROJECTQT_EXPORT QStringList listDirectory(
 ZOPROJECTQT_EXPORT QStringList xListFiles(
     const QDir& dir, const QString& prefix, bool showHidden, bool recursive, bool includeDirs);
 
-/// Adds the sizes and the number of the regular files below path to *pSize and *pCount (links
-/// not followed), stopping as soon as either reaches its limit (0: no limit); *pAborted tells
-/// whether it did. pCount and pAborted may be null.
+/// Adds the sizes and the number of the visible regular files below path to *pSize and *pCount,
+/// never following nor counting a link, directories first and by name, stopping as soon as
+/// either reaches its limit (0: no limit); *pAborted tells whether it did. pCount and pAborted
+/// may be null.
 /// @throws std::runtime_error when pSize is null.
 ZOPROJECTQT_EXPORT void folderSize(const QString& path, unsigned long long* pSize,
     unsigned int* pCount, bool* pAborted, unsigned int maxCount, unsigned long long maxSize);
@@ -97,23 +99,28 @@ ZOPROJECTQT_EXPORT void folderSize(const QString& path, unsigned long long* pSiz
 ZOPROJECTQT_EXPORT bool hasEnoughSpaceDiskToCopyTo(
     const QString& path, long long size, long long* pMissing);
 
-/// Deletes a file or a directory tree. A symbolic link is deleted as a link, never what it
-/// points to.
+/// Deletes a file, a link (never what it points to), a fifo, socket or device, or a directory
+/// tree. Each directory is held open while it is emptied, so that one replaced by a link
+/// meanwhile is never followed, and depth is no limit.
 /// @throws PathNotFound when nothing is at path.
-/// @throws IOWriteError or std::runtime_error when an entry cannot be deleted; what was
-/// deleted before stays deleted.
+/// @throws IOWriteError or std::runtime_error when an entry cannot be deleted (a directory that
+/// stays); what was deleted before stays deleted.
 ZOPROJECTQT_EXPORT void remove(const QString& path);
 
 /// Copies a file or a directory tree, following links in the source except back into a
-/// directory being copied. Overwriting a directory leaves it mirroring the source: entries only
-/// it had are deleted; a link in the destination is replaced, never written through. No
-/// partial file is ever seen under a destination name: a new directory is built under a hidden
-/// name beside it and named when complete (or when the copy fails, with the complete files
-/// copied so far), and a file written into an existing directory takes its name once complete.
-/// What was copied is on the disk when this returns.
+/// directory being copied or written; fifos, sockets and devices are not copied, and a source
+/// that is one copies nothing. Each directory is held open while it is copied, so that one
+/// replaced by a link meanwhile is never followed, and depth is no limit. Overwriting a
+/// directory leaves it mirroring the source: entries only it had are deleted; a link in the
+/// destination is replaced, never written through. No partial file is ever seen under a
+/// destination name: a new directory is built under a hidden name beside it and named when
+/// complete (or when the copy fails, with the complete files copied so far), and a file written
+/// into an existing directory takes its name once complete. What was copied is on the disk when
+/// this returns; nothing is rolled back.
 /// @throws PathNotFound when src does not exist.
 /// @throws AlreadyExists when dst exists and overwrite is false.
-/// @throws IOWriteError when a destination entry cannot be created or replaced.
+/// @throws IOWriteError when a directory would be copied into itself (naming both paths, before
+/// anything is made), or a destination entry cannot be created or replaced.
 /// @throws std::runtime_error when the destination's volume lacks the room, or a read, a
 /// write or the final flush fails.
 ZOPROJECTQT_EXPORT void copy(const QString& src, const QString& dst, const bool& overwrite);
@@ -121,7 +128,7 @@ ZOPROJECTQT_EXPORT void copy(const QString& src, const QString& dst, const bool&
 /// Renames src to dst, or, across volumes, copies it (as copy does) and then removes src.
 /// @throws PathNotFound, AlreadyExists, IOReadError, IOWriteError or std::runtime_error as
 /// copy and remove do, the message naming both paths; AlreadyExists also when dst is src.
-/// After a failed copy src is untouched.
+/// A failure leaves what was done: after a failed copy src is untouched.
 ZOPROJECTQT_EXPORT void move(const QString& src, const QString& dst, const bool& overwrite);
 
 } // namespace zo::project
