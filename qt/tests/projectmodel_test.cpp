@@ -95,8 +95,9 @@ TEST_F(ArchiveProject, FailedSavesLeaveThePreviousArchiveAndNoTemporaryFile)
     // Each step of a save that can fail: the sync of the new archive and its rename over the
     // target, safe or not, as every save writes beside the target.
     using os::fault::Step;
-    for (const auto& [safe, step, nth] : { std::tuple { false, Step::Rename, 1 },
-             { true, Step::Rename, 1 }, { false, Step::SyncFile, 1 }, { true, Step::SyncFile, 1 } }) {
+    for (const auto& [safe, step, nth] :
+        { std::tuple { false, Step::Rename, 1 }, { true, Step::Rename, 1 },
+            { false, Step::SyncFile, 1 }, { true, Step::SyncFile, 1 } }) {
         os::fault::inject(step, nth, EIO);
         SCOPED_TRACE(thrownBy([&] { model.save(target, ArchiveFormat::Auto, safe); }));
         os::fault::clear();
