@@ -10,6 +10,8 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build
   qtbase5-dev libboost-filesystem-dev libarchive-dev
+  # the edit script of zoproject diff
+  libdtl-dev
 )
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev

@@ -14,10 +14,11 @@ std::vector<SwapFile> scanProject(const zo::project::ProjectVFS& project)
     for (std::size_t at = 0; at < found.size(); ++at) {
         const auto& info = found[at];
         const QFileInfo swap(project.absoluteFilePath(info.swapPath));
-        const bool sourceExists = QFileInfo::exists(project.absoluteFilePath(info.sourcePath));
+        const QFileInfo source(project.absoluteFilePath(info.sourcePath));
+        const bool sourceExists = source.exists();
         const QString backup = project.makeBackupPath(info.sourcePath);
         swapFiles.push_back({ info, states[at].owner, swap.size(), swap.lastModified(),
-            sourceExists, states[at].sourceChanged,
+            sourceExists, source.size(), states[at].sourceChanged,
             !sourceExists && QFileInfo::exists(project.absoluteFilePath(backup)) ? backup
                                                                                  : QString() });
     }

@@ -21,6 +21,7 @@ struct SwapFile {
     qint64 size = 0;
     QDateTime modified;
     bool sourceExists = false;
+    qint64 sourceSize = 0;
     // The source is no longer the one the swap file was made from.
     bool sourceChanged = false;
     // The source's backup while the source is missing: a commit stopped between its two

@@ -248,7 +248,7 @@ TEST_F(Cli, LsAndMetaReadAnArchiveWithoutWritingAnything)
     const Outcome listed = zoproject({ "ls", path("shelf/p.tar.gz") });
     const Outcome meta = zoproject({ "meta", path("shelf/p.tar.gz") });
     qputenv("TMPDIR", previous);
-    EXPECT_EQ(listed.out, "3  a.txt\n1 files, 3 bytes\n") << listed.err.toStdString();
+    EXPECT_EQ(listed.out, "3  a.txt\n1 file, 3 bytes\n") << listed.err.toStdString();
     EXPECT_EQ(meta.out, "title=Streamed\n") << meta.err.toStdString();
 }
 
