@@ -25,6 +25,8 @@ test_packages=(
   strace
   # tools the archive interoperability tests compare against
   libarchive-tools unzip zip p7zip-full
+  # the zoproject test applies what diff prints
+  patch
   # the archive benchmark writes its deep tar with Python's tarfile
   python3
 )

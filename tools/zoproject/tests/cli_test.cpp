@@ -269,6 +269,10 @@ TEST(ProgressLine, ShowsWhatIsKnownAndTheTimeLeft)
     };
     for (const auto& row : rows)
         EXPECT_EQ(zo::cli::progressLine(row.progress, row.elapsedMs), row.line);
+    // A narrow terminal gets what fits, most telling first, its last column free.
+    EXPECT_EQ(zo::cli::progressLine(rows[0].progress, 1000, 44),
+        " 50% 3 of 10 entries, 512 bytes of 1.00 KiB");
+    EXPECT_EQ(zo::cli::progressLine(rows[0].progress, 1000, 10), " 50% 3 of");
 }
 
 } // namespace

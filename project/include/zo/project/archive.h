@@ -141,7 +141,7 @@ struct ImportOptions {
 };
 
 /// What an import did with the files its destination held at the paths of entries, each named
-/// by its path below the destination, in the order the archive met them.
+/// by its path below the destination.
 struct ImportReport {
     std::vector<std::string> kept; ///< left as they were (ExistingFiles::Keep)
     std::vector<std::string> replaced; ///< replaced by entries (ExistingFiles::Replace)
