@@ -118,6 +118,12 @@ void finishOutput()
         outputFailed();
 }
 
+Argument projectDirectoryArgument()
+{
+    return { QStringLiteral("DIR"),
+        QStringLiteral("The project directory (default: the current directory).") };
+}
+
 QString projectDirectory(const QString& path)
 {
     if (!zo::os::openDirectory(bytesOf(path).c_str()))

@@ -76,6 +76,9 @@ void printJson(const QJsonDocument& document);
 // Writes out what standard output still buffers; throws as print.
 void finishOutput();
 
+// DIR as status, diff and recover take it.
+Argument projectDirectoryArgument();
+
 // The absolute path of a project directory that must exist and be readable; the error names
 // path and the cause.
 QString projectDirectory(const QString& path);

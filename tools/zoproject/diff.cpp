@@ -5,7 +5,6 @@
 #include <dtl/dtl.hpp>
 
 #include <QCryptographicHash>
-#include <QDir>
 #include <QFile>
 
 #include <algorithm>
@@ -167,9 +166,7 @@ int diff(const QCommandLineParser& parser)
     QStringList arguments = parser.positionalArguments();
     const QString directory = arguments.size() == 2 ? arguments.takeFirst() : QStringLiteral(".");
     const zo::project::ProjectVFS project(projectDirectory(directory));
-    const QDir root(project.path());
-    const QString path
-        = QDir::cleanPath(root.relativeFilePath(root.absoluteFilePath(qtPath(arguments.first()))));
+    const QString path = projectPath(project.path(), arguments.first());
     bool found = false;
     for (const SwapFile& swap : scanProject(project))
         if (swap.info.sourcePath == path || swap.info.swapPath == path) {
@@ -188,8 +185,7 @@ Command diffCommand()
     return { QStringLiteral("diff"),
         QStringLiteral("Show what recovering a file would change in it."),
         QStringLiteral("[DIR] PATH"),
-        { { QStringLiteral("DIR"),
-              QStringLiteral("The project directory (default: the current directory).") },
+        { projectDirectoryArgument(),
             { QStringLiteral("PATH"),
                 QStringLiteral("A file or its swap file, relative to DIR; each swap file of "
                                "the file is shown against it.") } },

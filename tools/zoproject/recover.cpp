@@ -9,7 +9,6 @@
 
 #include <zo/project/exceptions.h>
 
-#include <QDir>
 #include <QFileInfo>
 
 #include <functional>
@@ -29,11 +28,10 @@ const QString kForce = QStringLiteral("force");
 // PATH arguments, relative to the project root; each selects itself and what lies below it.
 class Selection {
 public:
-    Selection(const QDir& root, const QStringList& paths)
+    Selection(const QString& root, const QStringList& paths)
     {
         for (const QString& path : paths)
-            _paths[QDir::cleanPath(root.relativeFilePath(root.absoluteFilePath(qtPath(path))))]
-                = false;
+            _paths[projectPath(root, path)] = false;
     }
 
     bool everything() const { return _paths.empty(); }
@@ -214,7 +212,7 @@ int recover(const QCommandLineParser& parser)
     if (!all && arguments.isEmpty())
         throw UsageError("name what to recover, or give --all");
     ProjectVFS project(projectDirectory(directory));
-    Selection selection(QDir(project.path()), arguments);
+    Selection selection(project.path(), arguments);
     Recovery(project, parser).run(scanProject(project), selection);
     return kSuccess;
 }
@@ -226,8 +224,7 @@ Command recoverCommand()
     return { QStringLiteral("recover"),
         QStringLiteral("Recover or abandon the swap files of ended processes."),
         QStringLiteral("[DIR] [PATH...]"),
-        { { QStringLiteral("DIR"),
-              QStringLiteral("The project directory (default: the current directory).") },
+        { projectDirectoryArgument(),
             { QStringLiteral("PATH"),
                 QStringLiteral("A file, its swap file, or a directory, relative to DIR: what "
                                "to recover.") } },

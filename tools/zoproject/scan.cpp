@@ -1,5 +1,8 @@
 #include "scan.h"
 
+#include "command.h"
+
+#include <QDir>
 #include <QFileInfo>
 
 #include <algorithm>
@@ -25,6 +28,13 @@ std::vector<SwapFile> scanProject(const zo::project::ProjectVFS& project)
     std::sort(swapFiles.begin(), swapFiles.end(),
         [](const auto& a, const auto& b) { return a.info.swapPath < b.info.swapPath; });
     return swapFiles;
+}
+
+QString projectPath(const QString& root, const QString& argument)
+{
+    const QDir directory(root);
+    return QDir::cleanPath(
+        directory.relativeFilePath(directory.absoluteFilePath(qtPath(argument))));
 }
 
 int recoverableCount(const std::vector<SwapFile>& swapFiles)

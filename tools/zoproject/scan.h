@@ -35,6 +35,9 @@ struct SwapFile {
 // commits of ended owners.
 std::vector<SwapFile> scanProject(const zo::project::ProjectVFS& project);
 
+// An argument naming a file of the project rooted at root, as RecoverableInfo names it.
+QString projectPath(const QString& root, const QString& argument);
+
 int recoverableCount(const std::vector<SwapFile>& swapFiles);
 
 // How the owner stands, for people: "process 42 (editor)", "process 42 on host".

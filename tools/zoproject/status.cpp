@@ -123,10 +123,7 @@ Command statusCommand()
 {
     return { QStringLiteral("status"),
         QStringLiteral("Show what crashes left below a project, and what can be recovered."),
-        QStringLiteral("[DIR]"),
-        { { QStringLiteral("DIR"),
-            QStringLiteral("The project directory (default: the current directory).") } },
-        0, 1, { jsonOption() }, status };
+        QStringLiteral("[DIR]"), { projectDirectoryArgument() }, 0, 1, { jsonOption() }, status };
 }
 
 } // namespace zo::cli
