@@ -10,6 +10,8 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build
   qtbase5-dev libboost-filesystem-dev libarchive-dev
+  # the edit script of zoproject diff
+  libdtl-dev
 )
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
@@ -23,6 +25,8 @@ test_packages=(
   strace
   # tools the archive interoperability tests compare against
   libarchive-tools unzip zip p7zip-full
+  # the zoproject test applies what diff prints
+  patch
   # the archive benchmark writes its deep tar with Python's tarfile
   python3
 )

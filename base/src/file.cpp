@@ -269,6 +269,11 @@ UniqueFd openDirectory(const char* path)
     return UniqueFd(::open(path, directoryFlags));
 }
 
+bool changeDirectory(const char* path)
+{
+    return ::chdir(path) == 0;
+}
+
 UniqueFd openDirectoryAt(int directory, const char* name, bool followLink)
 {
     return UniqueFd(::openat(directory, name, directoryFlags | (followLink ? 0 : O_NOFOLLOW)));

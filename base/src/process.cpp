@@ -2,11 +2,13 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -123,6 +125,28 @@ pid_t runAndKill(const std::function<void()>& body)
 bool isTerminal(int descriptor)
 {
     return ::isatty(descriptor) == 1;
+}
+
+std::optional<int> terminalColumns(int descriptor)
+{
+    winsize size {};
+    if (::ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
+        return std::nullopt;
+    return size.ws_col;
+}
+
+void endBySignal(int signalNumber)
+{
+    struct sigaction action { };
+    action.sa_handler = SIG_DFL;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(signalNumber, &action, nullptr);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signalNumber);
+    ::sigprocmask(SIG_UNBLOCK, &set, nullptr);
+    ::raise(signalNumber);
+    std::_Exit(128 + signalNumber);
 }
 
 int signalPipe(std::initializer_list<int> signalNumbers)

@@ -59,31 +59,36 @@ void requireApart(const std::string& source, const std::string& destination)
         fail(source, "overlaps the destination '" + destination + "'");
 }
 
+// The name tells first: an existing directory named like an archive is no place for a tree.
 ArchiveFormat exportFormat(const std::string& destination)
 {
-    return isDirectory(destination) ? ArchiveFormat::Directory : formatFromName(destination);
+    return isDirectory(destination) && !formatOfExtension(destination)
+        ? ArchiveFormat::Directory
+        : formatFromName(destination);
 }
 
 void exportArchive(const std::string& source, const std::string& destination, ArchiveFormat format,
-    const ProgressCallback& progress)
+    const std::shared_ptr<ExportFilter>& filter, const ProgressCallback& progress)
 {
+    if (isDirectory(destination))
+        fail(destination, "is a directory, which an archive file cannot replace");
     AtomicFile file(destination, "pack");
     // The temporary archive lies inside the source when the destination does.
-    TreeReader reader(source, identityOf(file.fd(), destination), keepsHardLinks(format));
+    TreeReader reader(source, identityOf(file.fd(), destination), keepsHardLinks(format), filter);
     reader.reportTo(progress);
     pack(reader, file.fd(), format, destination);
     file.keep();
 }
 
-void exportTree(
-    const std::string& source, const std::string& destination, const ProgressCallback& progress)
+void exportTree(const std::string& source, const std::string& destination,
+    const std::shared_ptr<ExportFilter>& filter, const ProgressCallback& progress)
 {
     std::string temp = os::hiddenTemplateBeside(destination, "pack");
     if (!os::createTemporaryDirectory(temp))
         fail(destination, "cannot create a temporary directory beside it: " + systemError());
     TreeGuard guard(temp);
     const UniqueFd root = openDirectory(temp);
-    TreeReader reader(source, identityOf(root.get(), destination), true);
+    TreeReader reader(source, identityOf(root.get(), destination), true, filter);
     reader.reportTo(progress);
     unpack(reader, root.get(), destination);
     const auto status = os::status(source.c_str());
@@ -93,15 +98,24 @@ void exportTree(
     guard.keep();
 }
 
+const ImportOptions replacing { ExistingFiles::Replace };
+const ExportOptions everything { false, {} };
+
 } // namespace
 
 void importProject(const std::string& source, const std::string& destination, ArchiveFormat format)
 {
-    importProject(source, destination, format, {});
+    importProject(source, destination, format, replacing, {});
 }
 
 bool importProject(const std::string& source, const std::string& destination, ArchiveFormat format,
     const ProgressCallback& progress)
+{
+    return importProject(source, destination, format, replacing, progress).has_value();
+}
+
+std::optional<ImportReport> importProject(const std::string& source, const std::string& destination,
+    ArchiveFormat format, const ImportOptions& options, const ProgressCallback& progress)
 {
     const ArchiveFormat resolved = sourceFormat(source, format);
     const Utf8Locale utf8;
@@ -111,31 +125,38 @@ bool importProject(const std::string& source, const std::string& destination, Ar
             requireApart(source, staging.target());
         const std::unique_ptr<EntryReader> reader = openReader(source, resolved);
         reader->reportTo(progress);
-        staging.fill(*reader, source);
+        staging.fill(*reader, source, options.existingFiles);
         staging.commit();
-        return true;
+        return staging.report();
     } catch (const Cancelled&) {
-        return false;
+        return std::nullopt;
     }
 }
 
 void exportProject(const std::string& source, const std::string& destination, ArchiveFormat format)
 {
-    exportProject(source, destination, format, {});
+    exportProject(source, destination, format, everything, {});
 }
 
 bool exportProject(const std::string& source, const std::string& destination, ArchiveFormat format,
     const ProgressCallback& progress)
 {
+    return exportProject(source, destination, format, everything, progress);
+}
+
+bool exportProject(const std::string& source, const std::string& destination, ArchiveFormat format,
+    const ExportOptions& options, const ProgressCallback& progress)
+{
     requireKnown(format);
     const Utf8Locale utf8;
     const ArchiveFormat resolved
         = format == ArchiveFormat::Auto ? exportFormat(destination) : format;
+    const auto filter = std::make_shared<ExportFilter>(options, source);
     try {
         if (resolved == ArchiveFormat::Directory)
-            exportTree(source, destination, progress);
+            exportTree(source, destination, filter, progress);
         else
-            exportArchive(source, destination, resolved, progress);
+            exportArchive(source, destination, resolved, filter, progress);
         return true;
     } catch (const Cancelled&) {
         return false;

@@ -127,12 +127,13 @@ std::string prefixOf(const std::string& root)
 
 } // namespace
 
-TreeReader::TreeReader(
-    const std::string& root, std::optional<os::FileIdentity> skip, bool hardLinks)
+TreeReader::TreeReader(const std::string& root, std::optional<os::FileIdentity> skip,
+    bool hardLinks, std::shared_ptr<ExportFilter> filter)
     : EntryReader(root, newReadDiskArchive())
     , _prefix(prefixOf(withoutTrailingSlashes(root)))
     , _skip(skip)
     , _links(hardLinks ? newTarLinkResolver() : nullptr)
+    , _filter(std::move(filter))
 {
     const std::optional<os::FileStatus> status = os::status(root.c_str());
     if (!status)
@@ -151,7 +152,7 @@ TreeReader::TreeReader(
 
 Progress TreeReader::totals() const
 {
-    TreeReader counter(_path, _skip, false);
+    TreeReader counter(_path, _skip, false, _filter);
     Progress totals;
     while (archive_entry* entry = counter.next()) {
         ++totals.entriesTotal;
@@ -169,13 +170,20 @@ archive_entry* TreeReader::fetch()
             == os::FileIdentity { static_cast<std::uint64_t>(archive_entry_dev(entry)),
                 static_cast<std::uint64_t>(archive_entry_ino64(entry)) })
             continue;
+        const std::string name = entryName(entry);
+        const bool isRoot
+            = name.size() <= _prefix.size() || name.compare(0, _prefix.size(), _prefix) != 0;
+        if (!isRoot) {
+            archive_entry_copy_pathname(entry, name.c_str() + _prefix.size());
+            // Left out before it is descended into, with everything below it.
+            if (_filter && _filter->leavesOut(entry, name))
+                continue;
+        }
         if (archive_entry_filetype(entry) == AE_IFDIR
             && archive_read_disk_descend(_handle.get()) != ARCHIVE_OK)
             fail(_path, errorText(_handle.get()));
-        const std::string name = entryName(entry);
-        if (name.size() <= _prefix.size() || name.compare(0, _prefix.size(), _prefix) != 0)
-            continue; // the root itself
-        archive_entry_copy_pathname(entry, name.c_str() + _prefix.size());
+        if (isRoot)
+            continue;
         // The tar strategy marks the entry in place and never holds one back.
         archive_entry* spare = nullptr;
         if (_links)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "export_filter.h"
 #include "libarchive.h"
 
 #include <zo/file.h>
@@ -81,9 +82,11 @@ private:
 // A directory tree; symbolic links are entries, never followed.
 class TreeReader final : public EntryReader {
 public:
-    // skip names a file or directory inside the tree left out with all it contains. With
-    // hardLinks, a file met again under another name is given as a hard link to the first.
-    TreeReader(const std::string& root, std::optional<os::FileIdentity> skip, bool hardLinks);
+    // skip names a file or directory inside the tree left out with all it contains, and so
+    // does filter, if any, for what it leaves out. With hardLinks, a file met again under
+    // another name is given as a hard link to the first.
+    TreeReader(const std::string& root, std::optional<os::FileIdentity> skip, bool hardLinks,
+        std::shared_ptr<ExportFilter> filter = nullptr);
 
 protected:
     archive_entry* fetch() override;
@@ -95,6 +98,7 @@ private:
     std::string _prefix;
     std::optional<os::FileIdentity> _skip;
     LinkResolver _links;
+    std::shared_ptr<ExportFilter> _filter;
 };
 
 // A reader of path: a TreeReader for Directory, otherwise an ArchiveFileReader.

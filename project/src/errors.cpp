@@ -24,6 +24,11 @@ void failEntry(const std::string& archive, const std::string& entry, const std::
     throw ArchiveError("'" + archive + "', entry '" + entry + "': " + reason);
 }
 
+void refuseConflict(const std::string& archive, const std::string& entry, const std::string& reason)
+{
+    throw ArchiveConflict("'" + archive + "', entry '" + entry + "': " + reason);
+}
+
 void warnEntry(const std::string& archive, const std::string& entry, const std::string& text)
 {
     zo::log::log(archiveLog, zo::log::Warning, "'" + archive + "', entry '" + entry + "': " + text);

@@ -12,6 +12,10 @@ namespace zo::project::detail {
 [[noreturn]] void failEntry(
     const std::string& archive, const std::string& entry, const std::string& reason);
 
+// Throws ArchiveConflict, worded as failEntry.
+[[noreturn]] void refuseConflict(
+    const std::string& archive, const std::string& entry, const std::string& reason);
+
 // Logs "'<archive>', entry '<entry>': <text>" as a warning: something tolerated while reading.
 void warnEntry(const std::string& archive, const std::string& entry, const std::string& text);
 

@@ -218,15 +218,6 @@ std::optional<ArchiveFormat> formatWithName(
     return std::nullopt;
 }
 
-// The archive format whose extension path ends in, in any case.
-std::optional<ArchiveFormat> formatOfExtension(const std::string& path)
-{
-    const std::string lower = lowerCase(path);
-    return formatWithName([&lower](const Traits& traits, std::string_view name) {
-        return traits.container != nullptr && endsWith(lower, "." + std::string(name));
-    });
-}
-
 // What a zip's reader makes of name: written into a zip in memory and read back.
 std::optional<std::string> readBackFromZip(const std::string& name)
 {
@@ -252,6 +243,14 @@ std::optional<std::string> readBackFromZip(const std::string& name)
 }
 
 } // namespace
+
+std::optional<ArchiveFormat> formatOfExtension(const std::string& path)
+{
+    const std::string lower = lowerCase(path);
+    return formatWithName([&lower](const Traits& traits, std::string_view name) {
+        return traits.container != nullptr && endsWith(lower, "." + std::string(name));
+    });
+}
 
 bool keepsName(ArchiveFormat format, const std::string& name)
 {

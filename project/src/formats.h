@@ -4,6 +4,7 @@
 
 #include "libarchive.h"
 
+#include <optional>
 #include <string>
 
 namespace zo::project::detail {
@@ -15,6 +16,9 @@ void requireKnown(ArchiveFormat format);
 // directory is Directory), any other value checked with requireKnown. Content that no format
 // reads throws ArchiveError.
 ArchiveFormat sourceFormat(const std::string& source, ArchiveFormat format);
+
+// The archive format whose extension path ends in, in any case; none for a directory's name.
+std::optional<ArchiveFormat> formatOfExtension(const std::string& path);
 
 // The format a path's extension names; throws UnsupportedFormat when it names none.
 ArchiveFormat formatFromName(const std::string& path);

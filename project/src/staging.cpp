@@ -59,10 +59,10 @@ Staging::Staging(const std::string& destination)
         fail(destination, "cannot create a directory in '" + _staged + "': " + systemError());
 }
 
-void Staging::fill(EntryReader& reader, const std::string& archive)
+void Staging::fill(EntryReader& reader, const std::string& archive, ExistingFiles existing)
 {
     if (_existing)
-        _kept = unpackOver(reader, _root.get(), _existing.get(), archive);
+        _kept = unpackOver(reader, _root.get(), _existing.get(), archive, existing, _report);
     else
         unpack(reader, _root.get(), archive);
 }

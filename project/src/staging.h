@@ -24,7 +24,10 @@ public:
     // The path the unpacked tree takes: the destination, or its first missing ancestor.
     const std::string& target() const { return _target; }
     // Unpacks the entries of reader into the hidden directory; archive names them in errors.
-    void fill(EntryReader& reader, const std::string& archive);
+    // existing resolves what an existing destination holds at the path of an entry.
+    void fill(EntryReader& reader, const std::string& archive, ExistingFiles existing);
+    // What fill did with the destination's files.
+    const ImportReport& report() const { return _report; }
     // Puts the unpacked tree in the destination's place.
     void commit();
 
@@ -40,6 +43,7 @@ private:
     UniqueFd _existing;
     os::FileIdentity _existingIdentity;
     KeptEntries _kept;
+    ImportReport _report;
 };
 
 } // namespace zo::project::detail

@@ -81,7 +81,7 @@ public:
     // Writes every entry reader has.
     void writeAll(EntryReader& reader);
     // Adds what existingFd holds and the archive does not replace (see unpackOver).
-    KeptEntries keep(int existingFd);
+    KeptEntries keep(int existingFd, ExistingFiles existing, ImportReport& report);
     // Gives directories their modes, owners and times once nothing more is written into them.
     void finish();
 
@@ -112,6 +112,8 @@ private:
     void writeFile(const Target& target, EntryReader& reader, archive_entry* entry);
     UniqueFd createFile(const Target& target);
     os::WalkStep keepEntry(const os::WalkEntry& found, uint64_t device, KeptEntries& kept);
+    bool resolveConflict(
+        const std::string& path, int into, const std::string& name, const os::FileStatus& unpacked);
     void requireSpace(uint64_t bytes, const std::string& entry) const;
     void charge(uint64_t bytes, const std::string& entry);
     [[noreturn]] void failSystem(const std::string& entry, const std::string& what) const;
@@ -127,6 +129,10 @@ private:
     std::unordered_map<Node, std::string> _firstBelow;
     // The regular files written so far: the only names a hard link may point to.
     std::unordered_set<Place, Place::Hash> _files;
+    // How keep() treats an existing file at an entry's path, what it did, and what it refuses.
+    ExistingFiles _existing = ExistingFiles::Replace;
+    ImportReport* _report = nullptr;
+    std::vector<std::string> _conflicts;
 };
 
 void DiskWriter::writeAll(EntryReader& reader)
@@ -314,8 +320,10 @@ void DiskWriter::writeFile(const Target& target, EntryReader& reader, archive_en
     _files.insert(target.place);
 }
 
-KeptEntries DiskWriter::keep(int existingFd)
+KeptEntries DiskWriter::keep(int existingFd, ExistingFiles existing, ImportReport& report)
 {
+    _existing = existing;
+    _report = &report;
     const std::optional<os::FileStatus> root = os::status(existingFd);
     if (!root)
         failSystem({}, "cannot query the destination");
@@ -332,6 +340,12 @@ KeptEntries DiskWriter::keep(int existingFd)
         = [&](const os::WalkEntry& found) { return keepEntry(found, root->identity.device, kept); };
     if (!os::walkTree(existingFd, options, visit))
         failSystem({}, "cannot read the destination");
+    if (!_conflicts.empty())
+        refuseConflict(_archive, _conflicts.front(),
+            "the destination already holds it"
+                + (_conflicts.size() == 1
+                        ? std::string()
+                        : ", and so for " + std::to_string(_conflicts.size() - 1) + " more"));
     return kept;
 }
 
@@ -354,8 +368,9 @@ os::WalkStep DiskWriter::keepEntry(const os::WalkEntry& found, uint64_t device, 
                 found.type == os::EntryType::Link
                     ? "writing through the symbolic link '" + path + "' is refused"
                     : "'" + path + "' is in the way of a directory");
-        // An entry of the archive replaces it; anything else stays, the same file.
-        if (!unpacked && !os::linkAt(found.directory(), name.c_str(), into, name.c_str()))
+        // Anything the archive does not replace stays, the same file.
+        const bool stays = !unpacked || resolveConflict(path, into, name, *unpacked);
+        if (stays && !os::linkAt(found.directory(), name.c_str(), into, name.c_str()))
             failSystem(path, "cannot keep the destination's file");
         return os::WalkStep::Continue;
     }
@@ -371,6 +386,29 @@ os::WalkStep DiskWriter::keepEntry(const os::WalkEntry& found, uint64_t device, 
                 timespec { status->modifiedSeconds, status->modifiedNanoseconds } },
             Owner { status->owner, status->group } });
     return os::WalkStep::Continue;
+}
+
+// Whether the destination's file at path stays rather than what the archive put there, which is
+// then removed; refused conflicts are collected, so that one error names them all.
+bool DiskWriter::resolveConflict(
+    const std::string& path, int into, const std::string& name, const os::FileStatus& unpacked)
+{
+    switch (_existing) {
+    case ExistingFiles::Replace:
+        _report->replaced.push_back(path);
+        return false;
+    case ExistingFiles::Refuse:
+        _conflicts.push_back(path);
+        return false;
+    case ExistingFiles::Keep:
+        break;
+    }
+    if (unpacked.type == os::EntryType::Directory)
+        failEntry(_archive, path, "the destination keeps a file where the archive has a directory");
+    if (!os::removeAt(into, name.c_str()))
+        failSystem(path, "cannot leave out the archive's file");
+    _report->kept.push_back(path);
+    return true;
 }
 
 void DiskWriter::requireSpace(uint64_t bytes, const std::string& entry) const
@@ -401,11 +439,12 @@ void unpack(EntryReader& reader, int rootFd, const std::string& archive)
     writer.finish();
 }
 
-KeptEntries unpackOver(EntryReader& reader, int rootFd, int existingFd, const std::string& archive)
+KeptEntries unpackOver(EntryReader& reader, int rootFd, int existingFd, const std::string& archive,
+    ExistingFiles existing, ImportReport& report)
 {
     DiskWriter writer(rootFd, archive);
     writer.writeAll(reader);
-    KeptEntries kept = writer.keep(existingFd);
+    KeptEntries kept = writer.keep(existingFd, existing, report);
     writer.finish();
     return kept;
 }

@@ -3,6 +3,7 @@
 #include "entry_reader.h"
 
 #include <zo/file.h>
+#include <zo/project/archive.h>
 
 #include <string>
 #include <unordered_map>
@@ -25,7 +26,10 @@ using KeptEntries = std::unordered_map<std::string, os::FileIdentity>;
 // archive does not replace: each directory made again with its mode, times and owner, anything
 // else as a hard link to the same file (never a copy), so that the new tree can take the
 // existing one's place without losing any of it. A directory of existingFd that an entry would
-// replace by a file or link, and a mount point below it, are refused.
-KeptEntries unpackOver(EntryReader& reader, int rootFd, int existingFd, const std::string& archive);
+// replace by a file or link, and a mount point below it, are refused. What existingFd holds at
+// the path of an entry is resolved by existing (all conflicts found before ArchiveConflict is
+// thrown) and told in report.
+KeptEntries unpackOver(EntryReader& reader, int rootFd, int existingFd, const std::string& archive,
+    ExistingFiles existing, ImportReport& report);
 
 } // namespace zo::project::detail

@@ -399,6 +399,11 @@ const std::vector<ProjectVFS::RecoverableInfo>& ProjectVFS::recoverableFilesWhen
     return _impl->foundWhenOpened;
 }
 
+const std::vector<QString>& ProjectVFS::restoredWhenOpened() const
+{
+    return _impl->restoredWhenOpened;
+}
+
 ProjectVFS::OwnerInfo ProjectVFS::ownerOf(const RecoverableInfo& info) const
 {
     return inspect({ info }).front().owner;
@@ -492,6 +497,7 @@ void ProjectVFS::abandonFile(const RecoverableInfo& info)
 void ProjectVFS::xRestoreInterruptedCommits()
 {
     _impl->foundWhenOpened = recoverableFiles();
+    _impl->restoredWhenOpened.clear();
     zo::os::OwnerMarks marks;
     for (const RecoverableInfo& info : _impl->foundWhenOpened) {
         QString source;
@@ -509,12 +515,14 @@ void ProjectVFS::xRestoreInterruptedCommits()
             continue;
         const std::string names = "'" + _impl->relativeFilePath(backup).toStdString() + "' to '"
             + info.sourcePath.toStdString() + "'";
-        if (renameDurably(backup, source))
+        if (renameDurably(backup, source)) {
+            _impl->restoredWhenOpened.push_back(info.sourcePath);
             zo::log::log(detail::kFacadeLog, zo::log::Info,
                 "Renamed the backup " + names + " after an interrupted commit");
-        else
+        } else {
             zo::log::log(detail::kFacadeLog, zo::log::Warning,
                 "Can not rename the backup " + names + " after an interrupted commit");
+        }
     }
 }
 

@@ -51,6 +51,8 @@ public:
     // The swap files below the root when it was last set, as the walk that put back the
     // sources of interrupted commits found them.
     std::vector<ProjectVFS::RecoverableInfo> foundWhenOpened;
+    // The sources that walk put back from their backups.
+    std::vector<QString> restoredWhenOpened;
 
     // Called with true when the table gains its only entry and with false whenever a removal
     // leaves it empty; both may repeat. Must never be empty.

@@ -1,7 +1,7 @@
 #pragma once
 
 // What every command of the zoproject program shares: its entry in the command table, the
-// errors that end it and the way it prints.
+// errors that end it, the way it prints, and arguments kept as the bytes they were given as.
 
 #include <QCommandLineOption>
 #include <QCommandLineParser>
@@ -11,6 +11,7 @@
 
 #include <functional>
 #include <stdexcept>
+#include <string>
 
 namespace zo::cli {
 
@@ -44,6 +45,7 @@ struct Command {
 
 // The command table, one function per command source file, in the order help lists them.
 Command statusCommand();
+Command diffCommand();
 Command recoverCommand();
 Command packCommand();
 Command unpackCommand();
@@ -56,11 +58,32 @@ Command watchCommand();
 QCommandLineOption jsonOption();
 bool jsonRequested(const QCommandLineParser& parser);
 
-// A line on standard output, in UTF-8.
+// Bytes as text without loss: valid UTF-8 decoded, every other byte kept as the lone surrogate
+// U+DC80 + byte, which toBytes turns back into it. Arguments, and the paths the libraries give,
+// are held so, so that a name that is not UTF-8 reaches the file system and the messages as
+// it was given.
+QString fromBytes(const QByteArray& bytes);
+QByteArray toBytes(const QString& text);
+// An argument or a message for the libraries and the exceptions: its bytes.
+std::string bytesOf(const QString& text);
+// A path for Qt's file classes and the Qt library, which decode names with QFile::decodeName.
+QString qtPath(const QString& path);
+
+// A line on standard output, as bytes (see toBytes). Throws when standard output cannot take
+// it, so that a full disk or a closed pipe ends the command with an error.
 void print(const QString& line);
 void printJson(const QJsonDocument& document);
+// Writes out what standard output still buffers; throws as print.
+void finishOutput();
 
-// The absolute path of a project directory that must exist.
+// DIR as status, diff and recover take it.
+Argument projectDirectoryArgument();
+
+// The absolute path of a project directory that must exist and be readable; the error names
+// path and the cause.
 QString projectDirectory(const QString& path);
+
+// Whether path lies in directory or below it (both absolute and clean).
+bool isWithin(const QString& path, const QString& directory);
 
 } // namespace zo::cli

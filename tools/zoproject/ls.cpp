@@ -1,10 +1,10 @@
-// The ls command: the files of a project directory or archive, with their sizes.
+// The ls command: the files of a project directory or archive, with their sizes, and its
+// symbolic links with their targets.
 #include "command.h"
 
 #include <zo/project/contents.h>
 #include <zo/project/project.h>
 
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonObject>
 
@@ -13,45 +13,64 @@
 namespace zo::cli {
 namespace {
 
+using zo::project::EntryKind;
+using zo::project::ProjectEntry;
+
+QString counted(qint64 count, const char* singular, const char* plural)
+{
+    return QStringLiteral("%1 %2").arg(count).arg(QLatin1String(count == 1 ? singular : plural));
+}
+
 int ls(const QCommandLineParser& parser)
 {
-    const std::string source = parser.positionalArguments().first().toStdString();
+    const std::string source = bytesOf(parser.positionalArguments().first());
     const zo::project::ArchiveFormat format = zo::project::detectFormat(source);
     // Streamed, as an unpacking would write it: a later entry of a path replaces an earlier
-    // one; directories and symbolic links are no files. By path, whatever order the archive or
-    // the file system keeps.
-    std::map<std::string, uint64_t> files;
-    zo::project::listProject(source, format, [&files](const zo::project::ProjectEntry& entry) {
-        if (entry.kind == zo::project::EntryKind::File)
-            files[entry.path] = entry.size;
+    // one. By path, whatever order the archive or the file system keeps.
+    std::map<std::string, ProjectEntry> entries;
+    zo::project::listProject(source, format, [&entries](const ProjectEntry& entry) {
+        if (entry.kind == EntryKind::Directory)
+            entries.erase(entry.path);
         else
-            files.erase(entry.path);
+            entries[entry.path] = entry;
         return true;
     });
     // Listed as the library lists a project: the metadata file left out.
-    files.erase(zo::project::metadataFileName);
+    entries.erase(zo::project::metadataFileName);
 
-    QJsonArray entries;
+    QJsonArray files;
+    QJsonArray links;
     qint64 total = 0;
-    for (const auto& [file, size] : files) {
-        total += static_cast<qint64>(size);
-        entries.append(QJsonObject { { "path", QFile::decodeName(QByteArray::fromStdString(file)) },
-            { "size", static_cast<qint64>(size) } });
+    for (const auto& [path, entry] : entries) {
+        const QString name = fromBytes(QByteArray::fromStdString(path));
+        if (entry.kind == EntryKind::SymbolicLink) {
+            links.append(QJsonObject { { "path", name },
+                { "target", fromBytes(QByteArray::fromStdString(entry.linkTarget)) } });
+            continue;
+        }
+        total += static_cast<qint64>(entry.size);
+        files.append(QJsonObject { { "path", name }, { "size", static_cast<qint64>(entry.size) } });
     }
     if (jsonRequested(parser)) {
         printJson(QJsonDocument(
             QJsonObject { { "format", QString::fromStdString(zo::project::formatName(format)) },
-                { "files", entries }, { "totalSize", total } }));
+                { "files", files }, { "links", links }, { "totalSize", total } }));
         return kSuccess;
     }
     const int width = QString::number(total).size();
-    for (const auto& entry : qAsConst(entries)) {
-        const QJsonObject object = entry.toObject();
-        print(QStringLiteral("%1  %2")
-                  .arg(object["size"].toVariant().toLongLong(), width)
-                  .arg(object["path"].toString()));
+    for (const auto& [path, entry] : entries) {
+        const QString name = fromBytes(QByteArray::fromStdString(path));
+        if (entry.kind == EntryKind::SymbolicLink)
+            print(QStringLiteral("%1  %2 -> %3")
+                      .arg(QLatin1String("-"), width)
+                      .arg(name, fromBytes(QByteArray::fromStdString(entry.linkTarget))));
+        else
+            print(QStringLiteral("%1  %2").arg(static_cast<qint64>(entry.size), width).arg(name));
     }
-    print(QStringLiteral("%1 files, %2 bytes").arg(entries.size()).arg(total));
+    QString summary = counted(files.size(), "file", "files");
+    if (!links.isEmpty())
+        summary += QStringLiteral(", ") + counted(links.size(), "link", "links");
+    print(summary + QStringLiteral(", ") + counted(total, "byte", "bytes"));
     return kSuccess;
 }
 
@@ -59,7 +78,7 @@ int ls(const QCommandLineParser& parser)
 
 Command lsCommand()
 {
-    return { QStringLiteral("ls"), QStringLiteral("List a project's files with their sizes."),
+    return { QStringLiteral("ls"), QStringLiteral("List a project's files and links."),
         QStringLiteral("ARCHIVE|DIR"),
         { { QStringLiteral("ARCHIVE|DIR"), QStringLiteral("A project archive or directory.") } }, 1,
         1, { jsonOption() }, ls };

@@ -1,5 +1,6 @@
 // The meta command: reads or sets the metadata of a project directory or archive.
 #include "command.h"
+#include "progress.h"
 #include "source.h"
 
 #include <zo/project/contents.h>
@@ -14,6 +15,26 @@ namespace {
 
 using Metadata = std::map<std::string, std::string>;
 
+// One line per key whatever the text holds: a backslash, a line break and a carriage return
+// are written as "\\", "\n" and "\r", and in a key "=" as "\=".
+QString escaped(const std::string& text, bool isKey)
+{
+    QString line;
+    for (const QChar c : fromBytes(QByteArray::fromStdString(text))) {
+        if (c == QLatin1Char('\\'))
+            line += QStringLiteral("\\\\");
+        else if (c == QLatin1Char('\n'))
+            line += QStringLiteral("\\n");
+        else if (c == QLatin1Char('\r'))
+            line += QStringLiteral("\\r");
+        else if (isKey && c == QLatin1Char('='))
+            line += QStringLiteral("\\=");
+        else
+            line += c;
+    }
+    return line;
+}
+
 void printMetadata(const Metadata& metadata, bool json)
 {
     QJsonObject object;
@@ -21,7 +42,7 @@ void printMetadata(const Metadata& metadata, bool json)
         if (json)
             object.insert(QString::fromStdString(key), QString::fromStdString(value));
         else
-            print(QString::fromStdString(key + "=" + value));
+            print(escaped(key, true) + QLatin1Char('=') + escaped(value, false));
     if (json)
         printJson(QJsonDocument(object));
 }
@@ -29,33 +50,31 @@ void printMetadata(const Metadata& metadata, bool json)
 int meta(const QCommandLineParser& parser)
 {
     const QStringList arguments = parser.positionalArguments();
+    if (arguments.size() > 1 && arguments[1].isEmpty())
+        throw UsageError("a metadata key cannot be empty");
     if (arguments.size() == 3) {
-        const ProjectSource source(arguments[0]);
-        zo::project::Project(source.directory().toStdString())
-            .setMetadata(arguments[1].toStdString(), arguments[2].toStdString());
-        // The export replaces the archive whole or not at all, keeping its permissions.
-        if (source.isArchive())
-            zo::project::exportProject(
-                source.directory().toStdString(), source.path().toStdString(), source.format());
+        const ProjectSource source(arguments[0], parser);
+        zo::project::Project(source.directory())
+            .setMetadata(bytesOf(arguments[1]), bytesOf(arguments[2]));
+        source.save(parser);
         return kSuccess;
     }
     // Streamed: an archive is not unpacked to read it.
-    const std::string path = arguments[0].toStdString();
+    const std::string path = bytesOf(arguments[0]);
     const Metadata metadata
         = zo::project::readProjectMetadata(path, zo::project::detectFormat(path));
     if (arguments.size() == 1) {
         printMetadata(metadata, jsonRequested(parser));
         return kSuccess;
     }
-    const std::string key = arguments[1].toStdString();
+    const std::string key = bytesOf(arguments[1]);
     const auto found = metadata.find(key);
     if (found == metadata.end())
-        throw std::runtime_error(
-            "'" + arguments[0].toStdString() + "': no metadata key '" + key + "'");
+        throw std::runtime_error("'" + path + "': no metadata key '" + key + "'");
     if (jsonRequested(parser))
         printMetadata({ *found }, true);
     else
-        print(QString::fromStdString(found->second));
+        print(fromBytes(QByteArray::fromStdString(found->second)));
     return kSuccess;
 }
 
@@ -69,7 +88,7 @@ Command metaCommand()
             { QStringLiteral("KEY"), QStringLiteral("The one key to print or set.") },
             { QStringLiteral("VALUE"),
                 QStringLiteral("Its new value; an archive is rewritten with it.") } },
-        1, 3, { jsonOption() }, meta };
+        1, 3, { jsonOption(), quietOption() }, meta };
 }
 
 } // namespace zo::cli

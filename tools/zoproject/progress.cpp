@@ -1,12 +1,14 @@
 #include "progress.h"
 
+#include "command.h"
+#include "stop.h"
+
 #include <zo/process.h>
 
 #include <QElapsedTimer>
-#include <QFile>
 #include <QLocale>
+#include <QStringList>
 
-#include <csignal>
 #include <cstdio>
 #include <stdexcept>
 #include <unistd.h>
@@ -66,8 +68,11 @@ private:
     {
         _lastDraw = _clock.elapsed();
         _drawn = true;
-        // Back to the line's start, and clear what a longer line left.
-        std::fprintf(stderr, "\r%s\033[K", progressLine(_latest, _lastDraw).toUtf8().constData());
+        // Back to the line's start, and clear what a longer line left. Asked each time: the
+        // terminal may have been resized.
+        const int columns = zo::os::terminalColumns(STDERR_FILENO).value_or(0);
+        std::fprintf(
+            stderr, "\r%s\033[K", progressLine(_latest, _lastDraw, columns).toUtf8().constData());
         std::fflush(stderr);
     }
 
@@ -78,31 +83,6 @@ private:
     Progress _latest;
 };
 
-// From now on SIGINT, SIGTERM and SIGHUP (a closed terminal) are written to a pipe instead of
-// ending the program, and the work reads them there; the program ends soon after the work anyway.
-// Without the pipe they end the program as before.
-class StopRequest {
-public:
-    StopRequest()
-    {
-        const int pipe = zo::os::signalPipe({ SIGINT, SIGTERM, SIGHUP });
-        if (pipe >= 0)
-            _signals.open(pipe, QIODevice::ReadOnly | QIODevice::Unbuffered);
-    }
-
-    bool received()
-    {
-        char signalNumber = 0;
-        // The pipe does not block: nothing to read is no signal.
-        _received = _received || (_signals.isOpen() && _signals.read(&signalNumber, 1) == 1);
-        return _received;
-    }
-
-private:
-    QFile _signals;
-    bool _received = false;
-};
-
 } // namespace
 
 QCommandLineOption quietOption()
@@ -111,48 +91,55 @@ QCommandLineOption quietOption()
         { QStringLiteral("q"), QStringLiteral("quiet") }, QStringLiteral("Show no progress bar."));
 }
 
-QString progressLine(const Progress& progress, qint64 elapsedMs)
+QString progressLine(const Progress& progress, qint64 elapsedMs, int columns)
 {
     const QLocale locale;
     const auto size = [&locale](uint64_t bytes) {
         return locale.formattedDataSize(static_cast<qint64>(bytes));
     };
-    QString line;
+    QString entries;
     if (progress.bytesTotal > 0)
-        line = QStringLiteral("%1% ").arg(100 * progress.bytesDone / progress.bytesTotal, 3);
-    line += ofTotal(QStringLiteral("%1").arg(progress.entriesDone), progress.entriesTotal,
-                QString::number(progress.entriesTotal))
-        + QStringLiteral(" entries, ")
-        + ofTotal(size(progress.bytesDone), progress.bytesTotal, size(progress.bytesTotal));
-    if (elapsedMs <= 0 || progress.bytesDone == 0)
-        return line;
-    const double bytesPerSecond
-        = 1000.0 * static_cast<double>(progress.bytesDone) / static_cast<double>(elapsedMs);
-    line += QStringLiteral(", %1/s").arg(size(static_cast<uint64_t>(bytesPerSecond)));
-    if (progress.bytesTotal > progress.bytesDone)
-        line += QStringLiteral(", %1 left")
-                    .arg(clockTime(static_cast<qint64>(
-                        static_cast<double>(progress.bytesTotal - progress.bytesDone)
-                        / bytesPerSecond)));
-    return line;
+        entries = QStringLiteral("%1% ").arg(100 * progress.bytesDone / progress.bytesTotal, 3);
+    entries += ofTotal(QStringLiteral("%1").arg(progress.entriesDone), progress.entriesTotal,
+                   QString::number(progress.entriesTotal))
+        + QStringLiteral(" entries");
+    // The most telling first.
+    QStringList parts { entries,
+        ofTotal(size(progress.bytesDone), progress.bytesTotal, size(progress.bytesTotal)) };
+    if (elapsedMs > 0 && progress.bytesDone > 0) {
+        const double bytesPerSecond
+            = 1000.0 * static_cast<double>(progress.bytesDone) / static_cast<double>(elapsedMs);
+        parts << QStringLiteral("%1/s").arg(size(static_cast<uint64_t>(bytesPerSecond)));
+        if (progress.bytesTotal > progress.bytesDone)
+            parts << QStringLiteral("%1 left").arg(clockTime(static_cast<qint64>(
+                static_cast<double>(progress.bytesTotal - progress.bytesDone) / bytesPerSecond)));
+    }
+    QString line = parts.takeFirst();
+    for (const QString& part : qAsConst(parts)) {
+        const QString longer = line + QStringLiteral(", ") + part;
+        if (columns > 0 && longer.size() >= columns)
+            break;
+        line = longer;
+    }
+    // The last column is left free: writing into it wraps on some terminals.
+    return columns > 0 ? line.left(columns - 1) : line;
 }
 
 void withProgress(const QCommandLineParser& parser, const QString& destination,
     const std::function<bool(const zo::project::ProgressCallback&)>& work)
 {
-    StopRequest stop;
+    catchStopSignals();
     bool finished = false;
     {
         ProgressBar bar(
             !parser.isSet(quietOption().names().constLast()) && zo::os::isTerminal(STDERR_FILENO));
-        finished = work([&](const Progress& progress) {
+        finished = work([&bar](const Progress& progress) {
             bar.update(progress);
-            return !stop.received();
+            return !stopRequested();
         });
     }
     if (!finished)
-        throw std::runtime_error(
-            "'" + destination.toStdString() + "': interrupted; left as it was");
+        throw std::runtime_error("'" + bytesOf(destination) + "': interrupted; left as it was");
 }
 
 } // namespace zo::cli

@@ -4,11 +4,11 @@
 // at the end, at once.
 #include "command.h"
 #include "scan.h"
+#include "stop.h"
 #include "workspaces.h"
 
 #include <zo/project/exceptions.h>
 
-#include <QDir>
 #include <QFileInfo>
 
 #include <functional>
@@ -23,15 +23,15 @@ const QString kAll = QStringLiteral("all");
 const QString kAbandon = QStringLiteral("abandon");
 const QString kDryRun = QStringLiteral("dry-run");
 const QString kWorkspace = QStringLiteral("workspace");
-const QString kOverwrite = QStringLiteral("overwrite");
+const QString kForce = QStringLiteral("force");
 
 // PATH arguments, relative to the project root; each selects itself and what lies below it.
 class Selection {
 public:
-    Selection(const QDir& root, const QStringList& paths)
+    Selection(const QString& root, const QStringList& paths)
     {
         for (const QString& path : paths)
-            _paths[QDir::cleanPath(root.relativeFilePath(root.absoluteFilePath(path)))] = false;
+            _paths[projectPath(root, path)] = false;
     }
 
     bool everything() const { return _paths.empty(); }
@@ -67,8 +67,7 @@ public:
         : _project(project)
         , _abandon(parser.isSet(kAbandon))
         , _dryRun(parser.isSet(kDryRun))
-        , _changes(parser.isSet(kOverwrite) ? ProjectVFS::SourceChanges::Overwrite
-                                            : ProjectVFS::SourceChanges::Refuse)
+        , _force(parser.isSet(kForce))
     {
     }
 
@@ -79,12 +78,15 @@ public:
             if (selection.selects({ swap.info.sourcePath, swap.info.swapPath }))
                 swapFiles.push_back(swap);
         selection.requireAllUsed();
-        if (!_abandon)
+        if (!_abandon) {
             requireOneSwapPerSource(swapFiles);
-        // What was taken over before a failure is saved all the same.
+            if (!_force)
+                refuseLosses(swapFiles);
+        }
+        // What was taken over before a failure or a stop signal is saved all the same.
         try {
-            for (const SwapFile& swap : swapFiles)
-                handle(swap);
+            for (auto swap = swapFiles.begin(); swap != swapFiles.end() && !stopRequested(); ++swap)
+                handle(*swap);
         } catch (...) {
             commitRecovered();
             throw;
@@ -105,6 +107,30 @@ private:
                 throw std::runtime_error("'" + source.toStdString()
                     + "': several swap files of ended processes (" + swaps.join(", ").toStdString()
                     + "); name the one to recover and abandon the others");
+    }
+
+    // A recovery that would replace what another program wrote since the crash, or empty a
+    // file with the swap file of a write cut short, is refused unless forced: all are named,
+    // and nothing is done.
+    static void refuseLosses(const std::vector<SwapFile>& swapFiles)
+    {
+        QStringList refused;
+        for (const SwapFile& swap : swapFiles) {
+            if (!swap.recoverable())
+                continue;
+            const QString& source = swap.info.sourcePath;
+            if (swap.sourceChanged)
+                refused << QStringLiteral("'%1': another program changed it after %2 was made")
+                               .arg(source, swap.info.swapPath);
+            else if (swap.size == 0 && swap.sourceSize > 0)
+                refused << QStringLiteral("'%1': %2 is empty and would replace its %3 bytes")
+                               .arg(source, swap.info.swapPath)
+                               .arg(swap.sourceSize);
+        }
+        if (!refused.isEmpty())
+            throw std::runtime_error(bytesOf(refused.join(QStringLiteral("; "))
+                + QStringLiteral("; nothing was recovered: --force recovers anyway, --abandon "
+                                 "drops the swap files")));
     }
 
     void step(const QString& done, const QString& planned, const std::function<void()>& work)
@@ -147,7 +173,8 @@ private:
     {
         for (int stops = 0;; ++stops)
             try {
-                _project.commit(_changes);
+                _project.commit(_force ? ProjectVFS::SourceChanges::Overwrite
+                                       : ProjectVFS::SourceChanges::Refuse);
                 return;
             } catch (const zo::project::exception::SourceFileBackupRemove&) {
                 if (stops == _recovered)
@@ -158,12 +185,13 @@ private:
     ProjectVFS& _project;
     const bool _abandon;
     const bool _dryRun;
-    const ProjectVFS::SourceChanges _changes;
+    const bool _force;
     int _recovered = 0;
 };
 
 int recover(const QCommandLineParser& parser)
 {
+    catchStopSignals();
     QStringList arguments = parser.positionalArguments();
     if (parser.isSet(kWorkspace)) {
         if (parser.isSet(kAll) || arguments.size() > 1)
@@ -172,14 +200,19 @@ int recover(const QCommandLineParser& parser)
             parser.isSet(kDryRun));
         return kSuccess;
     }
-    const QString directory = !arguments.isEmpty() && QFileInfo(arguments.first()).isDir()
+    // The one rule: DIR is the first argument when it names a directory, and the only
+    // argument --all takes.
+    const bool all = parser.isSet(kAll);
+    if (all && arguments.size() > 1)
+        throw UsageError("--all and PATH arguments exclude each other");
+    const QString directory
+        = !arguments.isEmpty() && (all || QFileInfo(qtPath(arguments.first())).isDir())
         ? arguments.takeFirst()
         : QStringLiteral(".");
-    if (parser.isSet(kAll) != arguments.isEmpty())
-        throw UsageError(arguments.isEmpty() ? "name what to recover, or give --all"
-                                             : "--all and PATH arguments exclude each other");
+    if (!all && arguments.isEmpty())
+        throw UsageError("name what to recover, or give --all");
     ProjectVFS project(projectDirectory(directory));
-    Selection selection(QDir(project.path()), arguments);
+    Selection selection(project.path(), arguments);
     Recovery(project, parser).run(scanProject(project), selection);
     return kSuccess;
 }
@@ -191,8 +224,7 @@ Command recoverCommand()
     return { QStringLiteral("recover"),
         QStringLiteral("Recover or abandon the swap files of ended processes."),
         QStringLiteral("[DIR] [PATH...]"),
-        { { QStringLiteral("DIR"),
-              QStringLiteral("The project directory (default: the current directory).") },
+        { projectDirectoryArgument(),
             { QStringLiteral("PATH"),
                 QStringLiteral("A file, its swap file, or a directory, relative to DIR: what "
                                "to recover.") } },
@@ -200,9 +232,10 @@ Command recoverCommand()
         { QCommandLineOption(kAll, QStringLiteral("Recover everything below DIR.")),
             QCommandLineOption(kAbandon, QStringLiteral("Delete the swap files instead.")),
             QCommandLineOption(kDryRun, QStringLiteral("Only say what would be done.")),
-            QCommandLineOption(kOverwrite,
+            QCommandLineOption({ kForce, QStringLiteral("overwrite") },
                 QStringLiteral("Recover also where another program changed the source since "
-                               "the swap file was made, replacing that change.")),
+                               "the swap file was made, replacing that change, and an empty "
+                               "swap file over a source that is not.")),
             QCommandLineOption(kWorkspace,
                 QStringLiteral("Save the archive workspace NAME (see status) to its source "
                                "archive, or to PATH when given, and remove it."),

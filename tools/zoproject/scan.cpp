@@ -1,5 +1,8 @@
 #include "scan.h"
 
+#include "command.h"
+
+#include <QDir>
 #include <QFileInfo>
 
 #include <algorithm>
@@ -14,16 +17,24 @@ std::vector<SwapFile> scanProject(const zo::project::ProjectVFS& project)
     for (std::size_t at = 0; at < found.size(); ++at) {
         const auto& info = found[at];
         const QFileInfo swap(project.absoluteFilePath(info.swapPath));
-        const bool sourceExists = QFileInfo::exists(project.absoluteFilePath(info.sourcePath));
+        const QFileInfo source(project.absoluteFilePath(info.sourcePath));
+        const bool sourceExists = source.exists();
         const QString backup = project.makeBackupPath(info.sourcePath);
         swapFiles.push_back({ info, states[at].owner, swap.size(), swap.lastModified(),
-            sourceExists, states[at].sourceChanged,
+            sourceExists, source.size(), states[at].sourceChanged,
             !sourceExists && QFileInfo::exists(project.absoluteFilePath(backup)) ? backup
                                                                                  : QString() });
     }
     std::sort(swapFiles.begin(), swapFiles.end(),
         [](const auto& a, const auto& b) { return a.info.swapPath < b.info.swapPath; });
     return swapFiles;
+}
+
+QString projectPath(const QString& root, const QString& argument)
+{
+    const QDir directory(root);
+    return QDir::cleanPath(
+        directory.relativeFilePath(directory.absoluteFilePath(qtPath(argument))));
 }
 
 int recoverableCount(const std::vector<SwapFile>& swapFiles)

@@ -21,6 +21,7 @@ struct SwapFile {
     qint64 size = 0;
     QDateTime modified;
     bool sourceExists = false;
+    qint64 sourceSize = 0;
     // The source is no longer the one the swap file was made from.
     bool sourceChanged = false;
     // The source's backup while the source is missing: a commit stopped between its two
@@ -33,6 +34,9 @@ struct SwapFile {
 // The swap files that opening the project found; opening it also finished the interrupted
 // commits of ended owners.
 std::vector<SwapFile> scanProject(const zo::project::ProjectVFS& project);
+
+// An argument naming a file of the project rooted at root, as RecoverableInfo names it.
+QString projectPath(const QString& root, const QString& argument);
 
 int recoverableCount(const std::vector<SwapFile>& swapFiles);
 

@@ -1,5 +1,8 @@
 #include "source.h"
 
+#include "command.h"
+#include "progress.h"
+
 #include <zo/file.h>
 
 #include <QFile>
@@ -9,26 +12,38 @@
 
 namespace zo::cli {
 
-ProjectSource::ProjectSource(const QString& path)
+ProjectSource::ProjectSource(const QString& path, const QCommandLineParser& parser)
     : _path(path)
-    , _format(zo::project::detectFormat(path.toStdString()))
+    , _format(zo::project::detectFormat(bytesOf(path)))
 {
     if (_format == zo::project::ArchiveFormat::Directory)
         return;
     const QString pattern
         = QFile::decodeName(QByteArray::fromStdString(zo::os::hiddenTemplateBeside(
-            QFile::encodeName(QFileInfo(path).absoluteFilePath()).toStdString(), "unpack")));
+            QFile::encodeName(QFileInfo(qtPath(path)).absoluteFilePath()).toStdString(),
+            "unpack")));
     _unpacked = std::make_unique<QTemporaryDir>(pattern);
     if (!_unpacked->isValid())
-        throw std::runtime_error("'" + path.toStdString()
+        throw std::runtime_error("'" + bytesOf(path)
             + "': cannot make a temporary directory to unpack it: "
             + _unpacked->errorString().toStdString());
-    zo::project::importProject(path.toStdString(), _unpacked->path().toStdString(), _format);
+    withProgress(parser, path, [this](const zo::project::ProgressCallback& progress) {
+        return zo::project::importProject(bytesOf(_path), directory(), _format, progress);
+    });
 }
 
-QString ProjectSource::directory() const
+std::string ProjectSource::directory() const
 {
-    return isArchive() ? _unpacked->path() : _path;
+    return isArchive() ? QFile::encodeName(_unpacked->path()).toStdString() : bytesOf(_path);
+}
+
+void ProjectSource::save(const QCommandLineParser& parser) const
+{
+    if (!isArchive())
+        return;
+    withProgress(parser, _path, [this](const zo::project::ProgressCallback& progress) {
+        return zo::project::exportProject(directory(), bytesOf(_path), _format, progress);
+    });
 }
 
 } // namespace zo::cli

@@ -4,6 +4,7 @@
 
 #include <zo/project/archive.h>
 
+#include <QCommandLineParser>
 #include <QString>
 #include <QTemporaryDir>
 
@@ -14,14 +15,16 @@ namespace zo::cli {
 class ProjectSource {
 public:
     // An archive is unpacked into a hidden directory beside it, on the volume the rewritten
-    // archive is written to, that lives as long as this object.
-    explicit ProjectSource(const QString& path);
+    // archive is written to, that lives as long as this object; with progress as the parser's
+    // options ask (see withProgress).
+    ProjectSource(const QString& path, const QCommandLineParser& parser);
 
-    const QString& path() const { return _path; }
-    zo::project::ArchiveFormat format() const { return _format; }
     bool isArchive() const { return _unpacked != nullptr; }
     // The project's files: the directory itself, or the archive unpacked.
-    QString directory() const;
+    std::string directory() const;
+    // Packs the unpacked project back into the archive, which it replaces whole or not at all,
+    // keeping its permissions; nothing for a directory.
+    void save(const QCommandLineParser& parser) const;
 
 private:
     QString _path;

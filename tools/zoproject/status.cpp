@@ -53,16 +53,22 @@ void printSwapFiles(
     }
 }
 
-void printText(
-    const std::vector<SwapFile>& swapFiles, const std::vector<Workspace>& workspaces, int count)
+void printText(const zo::project::ProjectVFS& project, const std::vector<SwapFile>& swapFiles,
+    const Workspaces& workspaces, int count)
 {
+    for (const QString& source : project.restoredWhenOpened())
+        print(QStringLiteral("Put back %1 from its backup %2: its commit was interrupted.")
+                  .arg(source, project.makeBackupPath(source)));
     printSwapFiles(swapFiles, Owner::State::Ended,
         QStringLiteral("Recoverable swap files (their process has ended):"));
     printSwapFiles(swapFiles, Owner::State::Running,
         QStringLiteral("Pending swap files (their process still runs):"));
     printSwapFiles(swapFiles, Owner::State::InUseElsewhere,
         QStringLiteral("Swap files in use elsewhere (their process may still run):"));
-    printWorkspaces(workspaces);
+    printWorkspaces(workspaces.belonging,
+        QStringLiteral("Recoverable archive workspaces (their process has ended):"));
+    printWorkspaces(workspaces.others,
+        QStringLiteral("Archive workspaces of other directories (not counted here):"));
     print(count == 0
             ? QStringLiteral("Nothing to recover.")
             : QStringLiteral("%1 to recover: see \"zoproject recover --help\".").arg(count));
@@ -92,18 +98,21 @@ int status(const QCommandLineParser& parser)
     zo::project::ProjectVFS project(
         projectDirectory(parser.positionalArguments().value(0, QStringLiteral("."))));
     const std::vector<SwapFile> swapFiles = scanProject(project);
-    // Archive workspaces belong to no directory: every one a crash left is shown.
-    const std::vector<Workspace> workspaces = zo::project::ProjectModel::recoverableWorkspaces();
-    const int count = recoverableCount(swapFiles) + static_cast<int>(workspaces.size());
+    const Workspaces workspaces = workspacesOf(project.path());
+    const int count = recoverableCount(swapFiles) + static_cast<int>(workspaces.belonging.size());
     if (jsonRequested(parser)) {
         QJsonArray array;
         for (const SwapFile& swap : swapFiles)
             array.append(toJson(swap));
-        printJson(
-            QJsonDocument(QJsonObject { { "directory", project.path() }, { "recoverable", count },
-                { "swapFiles", array }, { "workspaces", workspacesJson(workspaces) } }));
+        QJsonArray restored;
+        for (const QString& source : project.restoredWhenOpened())
+            restored.append(source);
+        printJson(QJsonDocument(QJsonObject { { "directory", project.path() },
+            { "recoverable", count }, { "restored", restored }, { "swapFiles", array },
+            { "workspaces", workspacesJson(workspaces.belonging) },
+            { "otherWorkspaces", workspacesJson(workspaces.others) } }));
     } else {
-        printText(swapFiles, workspaces, count);
+        printText(project, swapFiles, workspaces, count);
     }
     return count == 0 ? kSuccess : kRecoverable;
 }
@@ -113,12 +122,8 @@ int status(const QCommandLineParser& parser)
 Command statusCommand()
 {
     return { QStringLiteral("status"),
-        QStringLiteral("List the swap files below a project and whether they can be recovered, "
-                       "and the archive workspaces ended processes left."),
-        QStringLiteral("[DIR]"),
-        { { QStringLiteral("DIR"),
-            QStringLiteral("The project directory (default: the current directory).") } },
-        0, 1, { jsonOption() }, status };
+        QStringLiteral("Show what crashes left below a project, and what can be recovered."),
+        QStringLiteral("[DIR]"), { projectDirectoryArgument() }, 0, 1, { jsonOption() }, status };
 }
 
 } // namespace zo::cli

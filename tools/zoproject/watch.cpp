@@ -45,6 +45,12 @@ QCommandLineOption intervalOption()
         QStringLiteral("5"));
 }
 
+QCommandLineOption hiddenOption()
+{
+    return QCommandLineOption(QStringLiteral("hidden"),
+        QStringLiteral("Report hidden files (names that begin with a dot) too."));
+}
+
 // Watches until SIGINT or SIGTERM, which end the program with status 0.
 int watch(const QCommandLineParser& parser)
 {
@@ -62,7 +68,7 @@ int watch(const QCommandLineParser& parser)
     QObject::connect(&stopRequest, &QSocketNotifier::activated, QCoreApplication::instance(),
         &QCoreApplication::quit);
 
-    ProjectWatcher watcher(root.path(), false, nullptr);
+    ProjectWatcher watcher(root.path(), parser.isSet(hiddenOption()), nullptr);
     const bool json = jsonRequested(parser);
     QObject::connect(&watcher,
         qOverload<const QMap<QString, FileSystemEvent>&>(&ProjectWatcher::contentChanged),
@@ -81,7 +87,7 @@ Command watchCommand()
         QStringLiteral("Print the changes other programs make below a directory."),
         QStringLiteral("DIR"),
         { { QStringLiteral("DIR"), QStringLiteral("The directory to watch.") } }, 1, 1,
-        { intervalOption(), jsonOption() }, watch };
+        { intervalOption(), hiddenOption(), jsonOption() }, watch };
 }
 
 } // namespace zo::cli

@@ -34,11 +34,24 @@ void save(const Workspace& workspace, const QString& target, bool toSource)
 
 } // namespace
 
-void printWorkspaces(const std::vector<Workspace>& workspaces)
+Workspaces workspacesOf(const QString& directory)
+{
+    Workspaces workspaces;
+    for (const Workspace& workspace : ProjectModel::recoverableWorkspaces())
+        (!workspace.sourcePath.isEmpty()
+                    && isWithin(QDir::cleanPath(QFileInfo(workspace.sourcePath).absoluteFilePath()),
+                        directory)
+                ? workspaces.belonging
+                : workspaces.others)
+            .push_back(workspace);
+    return workspaces;
+}
+
+void printWorkspaces(const std::vector<Workspace>& workspaces, const QString& heading)
 {
     if (workspaces.empty())
         return;
-    print(QStringLiteral("Recoverable archive workspaces (their process has ended):"));
+    print(heading);
     for (const Workspace& workspace : workspaces)
         print(QStringLiteral("  %1  (%2, modified %3, process %4)")
                   .arg(QFileInfo(workspace.path).fileName(), sourceOf(workspace),

@@ -14,7 +14,16 @@ namespace zo::cli {
 
 using Workspace = zo::project::ProjectModel::RecoverableWorkspace;
 
-void printWorkspaces(const std::vector<Workspace>& workspaces);
+// The workspaces whose source archive lies in a directory, and the others.
+struct Workspaces {
+    std::vector<Workspace> belonging;
+    std::vector<Workspace> others;
+};
+// directory is absolute and clean; a workspace without a source belongs nowhere.
+Workspaces workspacesOf(const QString& directory);
+
+// Under heading; nothing when there are none.
+void printWorkspaces(const std::vector<Workspace>& workspaces, const QString& heading);
 QJsonArray workspacesJson(const std::vector<Workspace>& workspaces);
 
 // Saves the workspace named by its directory's name or path to target (its source archive

@@ -146,6 +146,9 @@ ZO_EXPORT bool isWritableAt(int directory, const char* name);
 
 /// Opens a directory, links followed.
 ZO_EXPORT UniqueFd openDirectory(const char* path);
+/// Makes path, links followed, the working directory of this process; false with errno set
+/// when it cannot.
+ZO_EXPORT bool changeDirectory(const char* path);
 /// Opens the directory name in the open directory; ELOOP or ENOTDIR for a link there, unless
 /// followLink.
 ZO_EXPORT UniqueFd openDirectoryAt(int directory, const char* name, bool followLink = false);

@@ -37,6 +37,14 @@ ZO_EXPORT pid_t runAndKill(const std::function<void()>& body);
 /// Whether the descriptor is a terminal, where progress may be drawn.
 ZO_EXPORT bool isTerminal(int descriptor);
 
+/// The width in columns of the terminal on the descriptor; none when it is no terminal or
+/// tells no width.
+ZO_EXPORT std::optional<int> terminalColumns(int descriptor);
+/// Ends this process with the signal, as its default action does, once the caller has cleaned
+/// up: its handler is reset and the signal unblocked and raised, so that a parent sees the
+/// process killed by it (a shell reports 128 plus its number, and a shell loop stops at
+/// SIGINT). Exits with status 128 plus its number should the signal not end the process.
+[[noreturn]] ZO_EXPORT void endBySignal(int signalNumber);
 /// Turns the given signals (SIGINT, SIGTERM, ...) into bytes on a pipe, for an event loop to
 /// watch: each delivery writes the signal's number as one byte. Returns the pipe's read end,
 /// the same one on every call; -1 on failure, with errno set. The handlers stay for the life

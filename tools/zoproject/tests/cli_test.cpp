@@ -248,7 +248,7 @@ TEST_F(Cli, LsAndMetaReadAnArchiveWithoutWritingAnything)
     const Outcome listed = zoproject({ "ls", path("shelf/p.tar.gz") });
     const Outcome meta = zoproject({ "meta", path("shelf/p.tar.gz") });
     qputenv("TMPDIR", previous);
-    EXPECT_EQ(listed.out, "3  a.txt\n1 files, 3 bytes\n") << listed.err.toStdString();
+    EXPECT_EQ(listed.out, "3  a.txt\n1 file, 3 bytes\n") << listed.err.toStdString();
     EXPECT_EQ(meta.out, "title=Streamed\n") << meta.err.toStdString();
 }
 
@@ -269,6 +269,10 @@ TEST(ProgressLine, ShowsWhatIsKnownAndTheTimeLeft)
     };
     for (const auto& row : rows)
         EXPECT_EQ(zo::cli::progressLine(row.progress, row.elapsedMs), row.line);
+    // A narrow terminal gets what fits, most telling first, its last column free.
+    EXPECT_EQ(zo::cli::progressLine(rows[0].progress, 1000, 44),
+        " 50% 3 of 10 entries, 512 bytes of 1.00 KiB");
+    EXPECT_EQ(zo::cli::progressLine(rows[0].progress, 1000, 10), " 50% 3 of");
 }
 
 } // namespace

@@ -12,8 +12,9 @@ mkdir -p "$TMPDIR/$workspace/docs" "$scratch/project"
 echo "unsaved work" >"$TMPDIR/$workspace/docs/notes.txt"
 printf '{"source":"%s","format":3}' "$scratch/notes.tar" >"$TMPDIR/.$workspace.source"
 
+# It belongs to the directory of its source archive, and there alone counts.
 status=0
-"$zoproject" status "$scratch/project" >"$scratch/out" || status=$?
+"$zoproject" status "$scratch" >"$scratch/out" || status=$?
 [[ $status -eq 3 ]]
 grep -q "^  $workspace  ($scratch/notes.tar, modified .*, process 4999999)\$" "$scratch/out"
 "$zoproject" recover --workspace "$workspace"

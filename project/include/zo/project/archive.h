@@ -119,6 +119,69 @@ ZOPROJECT_EXPORT bool importProject(const std::string& source, const std::string
 ZOPROJECT_EXPORT bool exportProject(const std::string& source, const std::string& destination,
     ArchiveFormat format, const ProgressCallback& progress);
 
+/// What an import does where an existing destination already holds a file, a symbolic link or
+/// another entry that is no directory at the path of an entry of the archive.
+enum class ExistingFiles {
+    Replace, ///< the entry replaces it
+    Keep, ///< it stays as it was and the entry is skipped
+    Refuse ///< the import throws ArchiveConflict, and nothing changes
+};
+
+/// An import refused because the destination already holds a file at the path of an entry
+/// (ExistingFiles::Refuse). The message names the archive and the entry; the destination is as
+/// it was.
+struct ZOPROJECT_EXPORT ArchiveConflict : ArchiveError {
+    using ArchiveError::ArchiveError;
+};
+
+/// How an import treats what its destination already holds.
+struct ImportOptions {
+    /// The overloads without options replace.
+    ExistingFiles existingFiles = ExistingFiles::Refuse;
+};
+
+/// What an import did with the files its destination held at the paths of entries, each named
+/// by its path below the destination.
+struct ImportReport {
+    std::vector<std::string> kept; ///< left as they were (ExistingFiles::Keep)
+    std::vector<std::string> replaced; ///< replaced by entries (ExistingFiles::Replace)
+};
+
+/// importProject with options, reporting to progress (which may be empty). The conflicts that
+/// options.existingFiles refuses are found while the archive is unpacked into the hidden
+/// directory, before the destination changes; a skipped entry is not written at all.
+/// @return what happened to the destination's files; nothing when progress cancelled the
+/// import, which then has left destination as it was and removed its hidden directory.
+/// @throws ArchiveConflict for a refused conflict; UnsupportedFormat, ArchiveError as
+/// importProject, and also when the archive holds a hard link to a file that Keep skipped.
+ZOPROJECT_EXPORT std::optional<ImportReport> importProject(const std::string& source,
+    const std::string& destination, ArchiveFormat format, const ImportOptions& options,
+    const ProgressCallback& progress);
+
+/// Which files of the source directory an export leaves out, with all they contain.
+struct ExportOptions {
+    /// Leaves out what editing leaves beside a project's files: swap files (".<name>.<pid>.csp"
+    /// and the copies being made of them, ".<name>.<pid>.csp.XXXXXX"), the backups of commits
+    /// whose source is in place ("<name>bck" beside "<name>"; a backup without its source holds
+    /// the only copy and is packed), owner marks and the other hidden files of the libraries
+    /// (".zo-owner-<pid>.<unique>", ".<name>.zo-<purpose>-<pid>.XXXXXX"). The overloads without
+    /// options leave out nothing.
+    bool leaveOutEditingFiles = true;
+    /// Shell patterns (fnmatch: "*", "?", "[...]"), matched as archivers match them against the
+    /// path below the source: anchored at neither end, so a pattern matches from the start of
+    /// any path component up to the end of any ("*.o" and "build" match "src/build/a.o"); a
+    /// leading "^" anchors a pattern at the root. A matched directory is left out with
+    /// everything below it.
+    std::vector<std::string> exclude;
+};
+
+/// exportProject with options, reporting to progress (which may be empty); the files left out
+/// count in no total.
+/// @return false when progress cancelled the export, which then has left no archive.
+/// @throws UnsupportedFormat, ArchiveError as exportProject.
+ZOPROJECT_EXPORT bool exportProject(const std::string& source, const std::string& destination,
+    ArchiveFormat format, const ExportOptions& options, const ProgressCallback& progress);
+
 /// The format of path: an existing directory is Directory, an existing file is recognised by
 /// its content (a zip named "*.zop" being Native), a missing path by its extension. Never
 /// returns Auto. Reads at most the start of the file; writes nothing.

@@ -213,6 +213,9 @@ public:
     /// the walk that put back the sources of interrupted commits: a caller that lists the swap
     /// files right after opening needs no second walk. Empty for a facade without a path.
     const std::vector<RecoverableInfo>& recoverableFilesWhenOpened() const;
+    /// The sources (as RecoverableInfo::sourcePath names them) that opening the project, or
+    /// last setting its path, put back from the backups of interrupted commits.
+    const std::vector<QString>& restoredWhenOpened() const;
     /// Takes the swap file over as this process's pending change of info.sourcePath, with the
     /// source version its owner noted, so that a later commit still sees what another program
     /// changed since. A file whose owner may still run (ownerOf) is copied, never moved; the
