@@ -83,6 +83,7 @@ struct FileStatus {
     std::int32_t modifiedNanoseconds = 0; ///< always 0 to 999999999, also before 1970
     FileIdentity identity; ///< where it is stored
     std::uint32_t permissions = 0; ///< the mode's 07777 bits
+    bool ownedByThisUser = false; ///< whether this process's effective user owns it
 
     /// Rounded down, as Qt reports file times, so that a time set through Qt compares equal.
     std::int64_t modifiedMilliseconds() const
