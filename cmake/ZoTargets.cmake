@@ -41,13 +41,17 @@ function(zo_add_library target)
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${export_header_dir} COMPONENT Common)
 endfunction()
 
-# zo_add_test(<name> SOURCES ... LIBRARIES ...)
-# One GoogleTest executable with the shared test main (it creates a QCoreApplication).
+# zo_add_test(<name> SOURCES ... LIBRARIES ... [TIMEOUT seconds])
+# One GoogleTest executable with the shared test main (it creates a QCoreApplication). Each
+# test may take 120 seconds unless TIMEOUT says otherwise.
 function(zo_add_test name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES" ${ARGN})
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBRARIES" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE zo_test_main zo_warnings ${ARG_LIBRARIES})
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${ARG_TIMEOUT})
 endfunction()
 
 # <zo/project/version.h>, beside the generated export headers.

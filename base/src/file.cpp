@@ -204,6 +204,11 @@ std::optional<FileStatus> status(int descriptor)
     return fileStatusOf(status);
 }
 
+bool ownedByThisUser(const FileStatus& status)
+{
+    return status.owner == ::geteuid();
+}
+
 std::optional<FileStatus> status(const char* path)
 {
     return statusAt(AT_FDCWD, path, true);

@@ -5,6 +5,8 @@
 
 #include <QByteArray>
 #include <QFile>
+#include <QFileInfo>
+#include <QSet>
 #include <QString>
 
 #include <exception>
@@ -12,7 +14,7 @@
 #include <string_view>
 
 // Paths and texts between Qt and the byte strings of libzo and libzoproject, and the small steps
-// on paths that the engine, the file utilities and the archive project share.
+// on paths that the engine, its save journal, the file utilities and the archive project share.
 namespace zo::project::detail {
 
 // A path as the system takes it.
@@ -50,5 +52,28 @@ inline void removeQuietly(const QString& path)
     } catch (const std::exception&) {
     }
 }
+
+// Syncs the directory of each path once, however many renames a step made in it, so that they
+// survive a crash.
+class DirectorySyncs {
+public:
+    // Whether the directories of both paths are durable now; false at the first that cannot be
+    // synced (errno set).
+    bool madeDurable(const QString& first, const QString& second)
+    {
+        return sync(QFileInfo(first).absolutePath()) && sync(QFileInfo(second).absolutePath());
+    }
+
+private:
+    bool sync(const QString& directory)
+    {
+        if (_synced.contains(directory))
+            return true;
+        _synced.insert(directory);
+        return zo::os::syncDirectory(encoded(directory).constData());
+    }
+
+    QSet<QString> _synced;
+};
 
 } // namespace zo::project::detail

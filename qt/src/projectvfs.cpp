@@ -4,6 +4,7 @@
 #include "logging.h"
 #include "paths.h"
 #include "projectvfs_impl.h"
+#include "savejournal.h"
 
 #include <zo/log.h>
 #include <zo/os.h>
@@ -62,9 +63,10 @@ bool renameDurably(const QString& from, const QString& to)
 
 } // namespace
 
-ProjectVFS::ProjectVFS(const QString& path)
+ProjectVFS::ProjectVFS(const QString& path, Unfinished unfinished)
     : _impl(std::make_shared<detail::ProjectVFS_Impl>(path))
 {
+    _impl->unfinished = unfinished;
     // A facade without a path stands for no project, although its root reads as ".".
     if (!path.isEmpty())
         xRestoreInterruptedCommits();
@@ -313,18 +315,28 @@ void ProjectVFS::updateFromSource(const QString& path)
     _impl->updateFromSource(path);
 }
 
+namespace {
+
+// What ended processes may have left below the root: their swap files, as recoverableFiles()
+// lists them, and the journals of their saves (absolute).
+struct LeftBelow {
+    std::vector<ProjectVFS::RecoverableInfo> swapFiles;
+    QStringList journals;
+};
+
 // Swap files are looked for in the root and in every directory below it that is neither hidden
 // nor reached through a link, and that this process may read and write; a link to such a
 // directory inside the project is looked into too, one level deep. The walk opens each
 // directory by its entry in its parent and never through a link, so a directory replaced by a
 // link meanwhile is not followed. A directory's swap files come before those of the
 // directories below it, in the order the walk meets the directories.
-std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
+LeftBelow findLeftBelow(const detail::ProjectVFS_Impl& impl)
 {
-    const QString suffix = QStringLiteral(".") + _impl->swapExtension();
+    using RecoverableInfo = ProjectVFS::RecoverableInfo;
+    const QString suffix = QStringLiteral(".") + impl.swapExtension();
     // The lazy first group is the whole source name, dots and line breaks included; the suffix
     // test already guarantees the real ending.
-    QRegularExpression swapName(QStringLiteral("^\\.(.*?)\\.(\\d+).") + _impl->swapExtension(),
+    QRegularExpression swapName(QStringLiteral("^\\.(.*?)\\.(\\d+).") + impl.swapExtension(),
         QRegularExpression::DotMatchesEverythingOption);
     swapName.optimize();
 
@@ -352,11 +364,12 @@ std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
         const QFileInfo info(directory);
         return info.isReadable() && info.isWritable();
     };
-    const QString root = _impl->absolutePath();
+    const QString root = impl.absolutePath();
     const std::string rootBytes = detail::encoded(root).toStdString();
 
     // directories[depth]: the place in the walk of the directory whose entries are at that
     // depth, or -1 when it is not looked into.
+    LeftBelow left;
     std::vector<int> directories { 0 };
     int walked = 0;
     zo::os::WalkOptions options;
@@ -383,15 +396,24 @@ std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
                 consider(linked + QLatin1Char('/') + name, walked);
         } else if (directories[depth] >= 0 && isSwapName(entry.name)) {
             consider(detail::decodedPath(entry.path), directories[depth]);
+        } else if (directories[depth] >= 0 && entry.type == zo::os::EntryType::File
+            && detail::journalOwner(entry.name)) {
+            left.journals << root + QLatin1Char('/') + detail::decodedPath(entry.path);
         }
         return zo::os::WalkStep::Continue;
     });
     std::stable_sort(
         found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-    std::vector<RecoverableInfo> swapFiles;
     for (auto& [directory, info] : found)
-        swapFiles.push_back(std::move(info));
-    return swapFiles;
+        left.swapFiles.push_back(std::move(info));
+    return left;
+}
+
+} // namespace
+
+std::vector<ProjectVFS::RecoverableInfo> ProjectVFS::recoverableFiles()
+{
+    return findLeftBelow(*_impl).swapFiles;
 }
 
 const std::vector<ProjectVFS::RecoverableInfo>& ProjectVFS::recoverableFilesWhenOpened() const
@@ -402,6 +424,11 @@ const std::vector<ProjectVFS::RecoverableInfo>& ProjectVFS::recoverableFilesWhen
 const std::vector<QString>& ProjectVFS::restoredWhenOpened() const
 {
     return _impl->restoredWhenOpened;
+}
+
+const std::vector<ProjectVFS::InterruptedSave>& ProjectVFS::interruptedSavesWhenOpened() const
+{
+    return _impl->savesLeftWhenOpened;
 }
 
 ProjectVFS::OwnerInfo ProjectVFS::ownerOf(const RecoverableInfo& info) const
@@ -496,8 +523,14 @@ void ProjectVFS::abandonFile(const RecoverableInfo& info)
 // that merely ends like a backup has no swap file and is never touched.
 void ProjectVFS::xRestoreInterruptedCommits()
 {
-    _impl->foundWhenOpened = recoverableFiles();
+    LeftBelow left = findLeftBelow(*_impl);
+    if (xCompleteInterruptedSaves(left.journals))
+        left = findLeftBelow(*_impl);
+    _impl->foundWhenOpened = std::move(left.swapFiles);
     _impl->restoredWhenOpened.clear();
+    if (_impl->unfinished == Unfinished::Leave)
+        return;
+
     zo::os::OwnerMarks marks;
     for (const RecoverableInfo& info : _impl->foundWhenOpened) {
         QString source;
@@ -524,6 +557,36 @@ void ProjectVFS::xRestoreInterruptedCommits()
                 "Can not rename the backup " + names + " after an interrupted commit");
         }
     }
+}
+
+// A save's journal lies in the root of the project that saved, which may hold this one or lie
+// inside it: one in the root, below it or above it may name files here, and is completed whole,
+// as opening its own root would, since the save is all or nothing.
+bool ProjectVFS::xCompleteInterruptedSaves(QStringList journals)
+{
+    const QString root = QFileInfo(_impl->absolutePath()).canonicalFilePath();
+    for (QDir above(root); !root.isEmpty() && above.cdUp();)
+        journals += detail::journalsIn(above.path());
+    zo::os::OwnerMarks marks;
+    std::vector<InterruptedSave> left;
+    bool completed = false;
+    for (const QString& journal : qAsConst(journals)) {
+        const QFileInfo info(journal);
+        const pid_t pid = *detail::journalOwner(detail::encoded(info.fileName()).toStdString());
+        const zo::os::OwnerVerdict verdict = detail::judgeOwner(marks, journal, pid);
+        if (_impl->unfinished == Unfinished::Complete && verdict.liveness == zo::os::Liveness::Ended
+            && detail::completeSave(journal)) {
+            completed = true;
+            continue;
+        }
+        InterruptedSave save { _impl->relativeFilePath(journal), detail::ownerInfoOf(verdict, pid),
+            {} };
+        for (const QString& source : detail::savedSources(journal).value_or(QStringList()))
+            save.files << _impl->relativeFilePath(info.absolutePath() + QLatin1Char('/') + source);
+        left.push_back(std::move(save));
+    }
+    _impl->savesLeftWhenOpened = std::move(left);
+    return completed;
 }
 
 } // namespace zo::project

@@ -3,6 +3,7 @@
 #include "liveness.h"
 #include "logging.h"
 #include "paths.h"
+#include "savejournal.h"
 
 #include <zo/file.h>
 #include <zo/log.h>
@@ -17,6 +18,7 @@
 #include <QSet>
 
 #include <exception>
+#include <optional>
 #include <vector>
 
 namespace zo::project::detail {
@@ -28,11 +30,6 @@ const QString kBackupExtension = QStringLiteral("bck");
 bool syncFile(const QString& path)
 {
     return zo::os::syncFile(encoded(path).constData());
-}
-
-bool syncDirectory(const QString& path)
-{
-    return zo::os::syncDirectory(encoded(path).constData());
 }
 
 QString directoryOf(const QString& path)
@@ -318,10 +315,10 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
 // removed only once the new content is in place and the renames are durable (the directory is
 // synced). A step that fails undoes the ones before it, so that the entry still matches a swap
 // file on disk.
-ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::stageCommit(
+ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(
     const QString& source, const QString& swap)
 {
-    StagedCommit staged { source, swap, makeBackupPath(source), false, false };
+    StagedCommit staged { source, swap, makeBackupPath(source) };
 
     // Without its swap file there is nothing to put in place; the source stays.
     if (!isOnDisk(swap))
@@ -339,17 +336,21 @@ ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::stageCommit(
     // the new name on an empty or partial file while the backup is already gone.
     if (!syncFile(swap))
         throw exception::SwapFileRename(utf8(relativeFilePath(source)));
+    return staged;
+}
 
-    staged.backedUp = isOnDisk(source);
-    if (staged.backedUp && !renameFile(source, staged.backup))
-        throw exception::SourceFileRename(utf8(source));
-
-    if (!renameFile(swap, source)) {
+void ProjectVFS_Impl::renameCommit(StagedCommit& staged)
+{
+    if (isOnDisk(staged.source)) {
+        if (!renameFile(staged.source, staged.backup))
+            throw exception::SourceFileRename(utf8(staged.source));
+        staged.backedUp = true;
+    }
+    if (!renameFile(staged.swap, staged.source)) {
         undoCommit(staged);
-        throw exception::SwapFileRename(utf8(relativeFilePath(source)));
+        throw exception::SwapFileRename(utf8(relativeFilePath(staged.source)));
     }
     staged.swapRenamed = true;
-    return staged;
 }
 
 void ProjectVFS_Impl::undoCommit(const StagedCommit& staged)
@@ -364,10 +365,9 @@ void ProjectVFS_Impl::undoCommit(const StagedCommit& staged)
 // reached through a link; both renames must be durable.
 void ProjectVFS_Impl::commitFile(const QString& source, const QString& swap)
 {
-    const StagedCommit staged = stageCommit(source, swap);
-    const bool durable = syncDirectory(directoryOf(source))
-        && (directoryOf(swap) == directoryOf(source) || syncDirectory(directoryOf(swap)));
-    if (!durable) {
+    StagedCommit staged = prepareCommit(source, swap);
+    renameCommit(staged);
+    if (!DirectorySyncs().madeDurable(staged.source, staged.swap)) {
         undoCommit(staged);
         throw exception::SwapFileRename(utf8(relativeFilePath(source)));
     }
@@ -396,10 +396,12 @@ void ProjectVFS_Impl::commit(VFSFile& file, ProjectVFS::SourceChanges changes)
     removeEntry(name);
 }
 
-// The single-file protocol for every entry, with one sync per directory for all the renames
-// in it instead of one per file: the renames of all entries first, then the directories, then
-// the backups. What is committed when an exception leaves is durable; the entry that failed
-// and every later one stay pending.
+// The single-file protocol for every entry, step by step for all of them at once, with one
+// sync per directory for all the renames in it. A save of several files is all or nothing
+// across a crash: its journal (savejournal.h) is durable before the first rename and goes only
+// once the backups are gone, and whoever opens the project after a crash completes it. When an
+// exception leaves, what is committed is durable, and the entry that failed and every later one
+// stay pending, with no journal left that could redo them.
 void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
 {
     if (_entries.isEmpty())
@@ -411,44 +413,75 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
         throwIfSourcesChanged(paths);
 
     const zo::os::OwnerMark::Replacing replacing(ownerMark());
-    std::vector<StagedCommit> staged;
     std::exception_ptr failure;
+    // 1. Every entry up to the first that cannot be committed, its swap file durable.
+    std::vector<StagedCommit> batch;
     for (auto it = _entries.cbegin(); it != _entries.cend(); ++it) {
         try {
             throwIfDamaged(it.key());
-            staged.push_back(stageCommit(resolvedPath(it.key()), it.value()));
+            batch.push_back(prepareCommit(resolvedPath(it.key()), it.value()));
         } catch (...) {
             failure = std::current_exception();
             break;
         }
     }
 
-    // Entries from the first one whose directories cannot be synced on are put back.
-    QSet<QString> synced;
-    const auto sync = [&synced](const QString& directory) {
-        if (synced.contains(directory))
-            return true;
-        synced.insert(directory);
-        return syncDirectory(directory);
-    };
-    auto durable = staged.begin();
-    for (; durable != staged.end(); ++durable)
-        if (!sync(directoryOf(durable->source)) || !sync(directoryOf(durable->swap)))
-            break;
-    if (durable != staged.end()) {
-        failure = std::make_exception_ptr(
-            exception::SwapFileRename(utf8(relativeFilePath(durable->source))));
-        for (auto undone = staged.rbegin(); undone.base() != durable; ++undone)
-            undoCommit(*undone);
+    // 2. The journal, durable before anything is renamed.
+    std::optional<SaveJournal> journal;
+    if (batch.size() > 1) {
+        std::vector<SavedFile> files;
+        for (const StagedCommit& staged : batch)
+            files.push_back({ staged.source, staged.swap, staged.backup });
+        QString why;
+        journal = SaveJournal::write(absolutePath(), files, why);
+        if (!journal) {
+            zo::log::log(kEngineLog, zo::log::Warning,
+                "Can not write the save journal in '" + utf8(absolutePath()) + "': " + utf8(why));
+            failure = std::make_exception_ptr(
+                exception::SwapFileRename(utf8(relativeFilePath(batch.front().source))));
+            batch.clear();
+        }
     }
 
-    for (auto committed = staged.begin(); committed != durable; ++committed) {
+    // 3. The renames, up to the first that fails (and undoes itself).
+    auto renamed = batch.begin();
+    for (; renamed != batch.end(); ++renamed) {
+        try {
+            renameCommit(*renamed);
+        } catch (...) {
+            failure = std::current_exception();
+            break;
+        }
+    }
+
+    // 4. The directories; from the first entry whose directories cannot be synced on, the
+    // renames are undone.
+    DirectorySyncs syncs;
+    auto durable = batch.begin();
+    while (durable != renamed && syncs.madeDurable(durable->source, durable->swap))
+        ++durable;
+    if (durable != renamed) {
+        failure = std::make_exception_ptr(
+            exception::SwapFileRename(utf8(relativeFilePath(durable->source))));
+        for (auto undone = renamed; undone != durable;)
+            undoCommit(*--undone);
+    }
+
+    // 5. The backups and the journal. A save that stopped short drops its journal first, and
+    // durably, so that nothing it undid is redone; a complete one keeps it until the backups
+    // are gone, so that a crash in between leaves none behind.
+    const bool complete = durable == batch.end();
+    if (journal && !complete)
+        journal->remove(true);
+    for (auto committed = batch.begin(); committed != durable; ++committed) {
         QFile::remove(committed->backup);
         const QString path = _entries.firstKey();
         closeHandles(path);
         _sources.remove(path);
         _entries.erase(_entries.begin());
     }
+    if (journal && complete)
+        journal->remove(false);
     if (_entries.isEmpty())
         _marks.clear();
     if (failure)

@@ -53,6 +53,9 @@ public:
     std::vector<ProjectVFS::RecoverableInfo> foundWhenOpened;
     // The sources that walk put back from their backups.
     std::vector<QString> restoredWhenOpened;
+    // The interrupted saves that opening left, and whether opening leaves them all.
+    std::vector<ProjectVFS::InterruptedSave> savesLeftWhenOpened;
+    ProjectVFS::Unfinished unfinished = ProjectVFS::Unfinished::Complete;
 
     // Called with true when the table gains its only entry and with false whenever a removal
     // leaves it empty; both may repeat. Must never be empty.
@@ -120,16 +123,19 @@ private:
     using Entries = QMap<QString, QString>;
 
     Entries::iterator removeEntry(const Entries::iterator& it);
-    // A commit whose renames are done but not yet durable. All paths absolute; source is where
-    // the content goes, a link's target.
+    // One file's commit, from its durable swap file to its renames. All paths absolute; source
+    // is where the content goes, a link's target.
     struct StagedCommit {
         QString source;
         QString swap;
         QString backup;
-        bool backedUp;
-        bool swapRenamed;
+        bool backedUp = false;
+        bool swapRenamed = false;
     };
-    StagedCommit stageCommit(const QString& source, const QString& swap);
+    // Checks the file and makes its swap file durable; nothing is renamed yet.
+    StagedCommit prepareCommit(const QString& source, const QString& swap);
+    // Renames the source to its backup and the swap file to the source; a failure undoes both.
+    void renameCommit(StagedCommit& staged);
     void undoCommit(const StagedCommit& staged);
     void commitFile(const QString& source, const QString& swap);
 

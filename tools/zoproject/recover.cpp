@@ -1,7 +1,7 @@
 // The recover command: takes over or drops the swap files ended processes left below a
-// project, and never touches those of a process that still runs. Opening the project has put
-// the backups of interrupted commits back already (see scan.h); what is recovered is committed
-// at the end, at once.
+// project, and never touches those of a process that still runs. Opening the project has
+// completed the interrupted saves and put the backups of interrupted commits back already (see
+// scan.h); what is recovered is committed at the end, at once.
 #include "command.h"
 #include "scan.h"
 #include "stop.h"
@@ -148,7 +148,7 @@ private:
         const auto& info = swap.info;
         if (!swap.recoverable()) {
             print(QStringLiteral("left %1 alone: its %2 %3")
-                      .arg(info.swapPath, describeOwner(swap),
+                      .arg(info.swapPath, describeOwner(swap.owner),
                           swap.owner.state == Owner::State::Running
                               ? QStringLiteral("still runs")
                               : QStringLiteral("may still run")));
@@ -212,6 +212,10 @@ int recover(const QCommandLineParser& parser)
     if (!all && arguments.isEmpty())
         throw UsageError("name what to recover, or give --all");
     ProjectVFS project(projectDirectory(directory));
+    // Opening the project finished what crashes interrupted; a line tells each backup put back.
+    for (const QString& source : project.restoredWhenOpened())
+        print(QStringLiteral("put back %1 from its backup %2: its commit was interrupted")
+                  .arg(source, project.makeBackupPath(source)));
     Selection selection(project.path(), arguments);
     Recovery(project, parser).run(scanProject(project), selection);
     return kSuccess;

@@ -43,16 +43,15 @@ int recoverableCount(const std::vector<SwapFile>& swapFiles)
         [](const SwapFile& swap) { return swap.recoverable(); }));
 }
 
-QString describeOwner(const SwapFile& swap)
+QString describeOwner(const Owner& owner)
 {
-    QString text = QStringLiteral("process %1").arg(swap.info.pid);
-    if (swap.owner.state == Owner::State::InUseElsewhere)
+    QString text = QStringLiteral("process %1").arg(owner.pid);
+    if (owner.state == Owner::State::InUseElsewhere)
         return text
-            + QStringLiteral(" on %1").arg(swap.owner.hostName.isEmpty()
-                    ? QStringLiteral("an unknown host")
-                    : swap.owner.hostName);
-    if (swap.owner.state == Owner::State::Running && !swap.owner.program.isEmpty())
-        text += QStringLiteral(" (%1)").arg(swap.owner.program);
+            + QStringLiteral(" on %1").arg(
+                owner.hostName.isEmpty() ? QStringLiteral("an unknown host") : owner.hostName);
+    if (owner.state == Owner::State::Running && !owner.program.isEmpty())
+        text += QStringLiteral(" (%1)").arg(owner.program);
     return text;
 }
 

@@ -31,8 +31,8 @@ struct SwapFile {
     bool recoverable() const { return owner.state == Owner::State::Ended; }
 };
 
-// The swap files that opening the project found; opening it also finished the interrupted
-// commits of ended owners.
+// The swap files that opening the project found. Unless it was opened to leave them, opening
+// also completed the interrupted saves and commits of ended owners.
 std::vector<SwapFile> scanProject(const zo::project::ProjectVFS& project);
 
 // An argument naming a file of the project rooted at root, as RecoverableInfo names it.
@@ -41,6 +41,6 @@ QString projectPath(const QString& root, const QString& argument);
 int recoverableCount(const std::vector<SwapFile>& swapFiles);
 
 // How the owner stands, for people: "process 42 (editor)", "process 42 on host".
-QString describeOwner(const SwapFile& swap);
+QString describeOwner(const Owner& owner);
 
 } // namespace zo::cli

@@ -1,4 +1,5 @@
 // The status command: what a crash left below a project, and whether anything is to recover.
+// It changes nothing.
 #include "command.h"
 #include "scan.h"
 #include "workspaces.h"
@@ -6,11 +7,14 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QLocale>
+#include <QSet>
 
 #include <algorithm>
 
 namespace zo::cli {
 namespace {
+
+using Save = zo::project::ProjectVFS::InterruptedSave;
 
 QString age(const QDateTime& time)
 {
@@ -26,7 +30,7 @@ QString age(const QDateTime& time)
 
 QString describe(const SwapFile& swap)
 {
-    const QString owner = describeOwner(swap);
+    const QString owner = describeOwner(swap.owner);
     QString source;
     if (!swap.backupPath.isEmpty())
         source = QStringLiteral("; commit interrupted, the source is in %1").arg(swap.backupPath);
@@ -53,12 +57,33 @@ void printSwapFiles(
     }
 }
 
-void printText(const zo::project::ProjectVFS& project, const std::vector<SwapFile>& swapFiles,
+// A save of several files stays whole: opening the project completes it, or removes the journal
+// of one that never began, once its process has ended.
+void printSaves(const std::vector<Save>& saves)
+{
+    for (const Save& save : saves) {
+        const QString owner = describeOwner(save.owner);
+        if (save.owner.state != Owner::State::Ended)
+            print(QStringLiteral("Save in progress (journal %1, %2): left to its process.")
+                      .arg(save.journalPath, owner));
+        else if (save.files.isEmpty())
+            print(QStringLiteral("Interrupted save that never began (damaged journal %1, %2): "
+                                 "opening the project removes its journal.")
+                      .arg(save.journalPath, owner));
+        else
+            print(QStringLiteral("Interrupted save of %1 files (journal %2, %3 has ended): "
+                                 "opening the project completes it.")
+                      .arg(save.files.size())
+                      .arg(save.journalPath, owner));
+        for (const QString& file : save.files)
+            print(QStringLiteral("  ") + file);
+    }
+}
+
+void printText(const std::vector<Save>& saves, const std::vector<SwapFile>& swapFiles,
     const Workspaces& workspaces, int count)
 {
-    for (const QString& source : project.restoredWhenOpened())
-        print(QStringLiteral("Put back %1 from its backup %2: its commit was interrupted.")
-                  .arg(source, project.makeBackupPath(source)));
+    printSaves(saves);
     printSwapFiles(swapFiles, Owner::State::Ended,
         QStringLiteral("Recoverable swap files (their process has ended):"));
     printSwapFiles(swapFiles, Owner::State::Running,
@@ -74,9 +99,11 @@ void printText(const zo::project::ProjectVFS& project, const std::vector<SwapFil
             : QStringLiteral("%1 to recover: see \"zoproject recover --help\".").arg(count));
 }
 
+// By OwnerInfo::State.
+const char* const kStates[] = { "running", "ended", "in use elsewhere" };
+
 QJsonObject toJson(const SwapFile& swap)
 {
-    static const char* const kStates[] = { "running", "ended", "in use elsewhere" };
     QJsonObject object { { "swapPath", swap.info.swapPath }, { "sourcePath", swap.info.sourcePath },
         { "pid", swap.info.pid }, { "ownerRunning", swap.owner.state == Owner::State::Running },
         { "ownerState", kStates[static_cast<int>(swap.owner.state)] },
@@ -93,26 +120,49 @@ QJsonObject toJson(const SwapFile& swap)
     return object;
 }
 
+QJsonObject toJson(const Save& save)
+{
+    return { { "journalPath", save.journalPath }, { "pid", save.owner.pid },
+        { "ownerState", kStates[static_cast<int>(save.owner.state)] },
+        { "files", QJsonArray::fromStringList(save.files) } };
+}
+
+// A look changes nothing: the project is opened to leave what crashes left unfinished, so that
+// status shows it as it is, as the owner of another host or pid namespace would find it too.
 int status(const QCommandLineParser& parser)
 {
-    zo::project::ProjectVFS project(
-        projectDirectory(parser.positionalArguments().value(0, QStringLiteral("."))));
-    const std::vector<SwapFile> swapFiles = scanProject(project);
+    const zo::project::ProjectVFS project(
+        projectDirectory(parser.positionalArguments().value(0, QStringLiteral("."))),
+        zo::project::ProjectVFS::Unfinished::Leave);
+    const std::vector<Save>& saves = project.interruptedSavesWhenOpened();
+    // The swap files of an ended process's save are shown with it: opening completes them all.
+    QSet<QString> saved;
+    for (const Save& save : saves)
+        if (save.owner.state == Owner::State::Ended)
+            saved.unite(QSet<QString>(save.files.begin(), save.files.end()));
+    std::vector<SwapFile> swapFiles = scanProject(project);
+    swapFiles.erase(std::remove_if(swapFiles.begin(), swapFiles.end(),
+                        [&](const SwapFile& swap) {
+                            return swap.recoverable() && saved.contains(swap.info.sourcePath);
+                        }),
+        swapFiles.end());
     const Workspaces workspaces = workspacesOf(project.path());
-    const int count = recoverableCount(swapFiles) + static_cast<int>(workspaces.belonging.size());
+    const int count = static_cast<int>(std::count_if(saves.begin(), saves.end(),
+                          [](const Save& save) { return save.owner.state == Owner::State::Ended; }))
+        + recoverableCount(swapFiles) + static_cast<int>(workspaces.belonging.size());
     if (jsonRequested(parser)) {
+        QJsonArray savesArray;
+        for (const Save& save : saves)
+            savesArray.append(toJson(save));
         QJsonArray array;
         for (const SwapFile& swap : swapFiles)
             array.append(toJson(swap));
-        QJsonArray restored;
-        for (const QString& source : project.restoredWhenOpened())
-            restored.append(source);
         printJson(QJsonDocument(QJsonObject { { "directory", project.path() },
-            { "recoverable", count }, { "restored", restored }, { "swapFiles", array },
+            { "recoverable", count }, { "interruptedSaves", savesArray }, { "swapFiles", array },
             { "workspaces", workspacesJson(workspaces.belonging) },
             { "otherWorkspaces", workspacesJson(workspaces.others) } }));
     } else {
-        printText(project, swapFiles, workspaces, count);
+        printText(saves, swapFiles, workspaces, count);
     }
     return count == 0 ? kSuccess : kRecoverable;
 }

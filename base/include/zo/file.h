@@ -124,6 +124,8 @@ ZO_EXPORT std::optional<FileStatus> status(const char* path);
 ZO_EXPORT std::optional<FileStatus> linkStatus(const char* path);
 /// The status of an open file.
 ZO_EXPORT std::optional<FileStatus> status(int descriptor);
+/// Whether this process's effective user owns the file status describes.
+ZO_EXPORT bool ownedByThisUser(const FileStatus& status);
 /// The status of name in the open directory (or AT_FDCWD), of a link itself unless followLinks.
 ZO_EXPORT std::optional<FileStatus> statusAt(int directory, const char* name, bool followLinks);
 /// The version of what path names, links followed; none when nothing is there.

@@ -29,6 +29,10 @@ class ProjectVFS_Impl;
 /// over or dropped with recoverFile() and abandonFile(). Opening a project (and setPath) puts
 /// back the source of a commit that was killed between its two renames.
 ///
+/// A commit of several files is all or nothing, also across a crash: before its first rename
+/// it leaves a journal in the root (".save.zo-journal-<pid>.<unique>") that names every file,
+/// and opening the project after its process ended completes that save.
+///
 /// Paths are relative to the root unless absolute. Handles returned by file() and open() share
 /// the engine state and stay valid after the ProjectVFS is gone. Use from one thread.
 ///
@@ -73,6 +77,27 @@ public:
         bool sourceChanged = false;
     };
 
+    /// A commit of several files that a process began and did not finish, found by its
+    /// journal, which lies in the root, in a directory below it or in one above it.
+    struct InterruptedSave {
+        QString journalPath; ///< relative to the root
+        OwnerInfo owner; ///< the process that began it or took it over
+        /// Every file it saves, relative to the root; empty when the journal is damaged (torn
+        /// before it was complete, so that the save never began).
+        QStringList files;
+    };
+
+    /// What opening the project, or setPath, does with the work of processes that ended
+    /// unfinished.
+    enum class Unfinished {
+        /// Completes their interrupted saves whose journals this process's user owns (removing
+        /// the journals of those that never began) and puts back the sources of their
+        /// interrupted single-file commits.
+        Complete,
+        /// Changes nothing: a look at the project, such as a status report.
+        Leave
+    };
+
     /// Whether a commit may replace a source that another program changed since its swap file
     /// was made (or last refreshed from the source).
     enum class SourceChanges {
@@ -80,9 +105,11 @@ public:
         Overwrite ///< commit anyway: that program's change is replaced
     };
 
-    /// The project rooted at path. Puts back, from their backups, the sources of commits that
-    /// were killed between their two renames (unless the swap file's owner still runs).
-    explicit ProjectVFS(const QString& path);
+    /// The project rooted at path. Unless told to leave them, completes the interrupted saves
+    /// of ended processes and puts back, from their backups, the sources of commits that were
+    /// killed between their two renames (unless the swap file's owner still runs): see
+    /// Unfinished. Whatever cannot be done is logged; nothing is thrown for it.
+    explicit ProjectVFS(const QString& path, Unfinished unfinished = Unfinished::Complete);
     /// @{
     /// Takes over the engine state; the object moved from is left without one.
     ProjectVFS(ProjectVFS&& other) noexcept;
@@ -147,23 +174,26 @@ public:
     /// leaves none; the whole-project commit() and discard() do not call it.
     void setCommittedChangedHandler(std::function<void(bool)>&& handler);
 
-    /// Moves the facade to another root, with the same recovery of interrupted commits as the
-    /// constructor.
+    /// Moves the facade to another root, with the same recovery of interrupted saves and
+    /// commits as the constructor.
     /// @throws exception::ProjectPathDoesNotExists for the current path as well as a missing
     /// one.
     void setPath(const QString& path);
     /// Whether path exists, also as a new file that so far exists only as its swap file.
     bool exists(const QString& path) const;
-    /// Commits every pending file in path order. First writes out what the open handles of
-    /// those files still buffer (a handle whose write failed damages its file: SwapFileDamaged).
-    /// Unless changes is Overwrite, then checks every source against the version its swap
-    /// file was made from and, when another program changed any, throws
-    /// exception::SourceFileChanged naming each and commits nothing. A source that is a link
-    /// inside the project stays a link: its target takes the new content. Otherwise stops at
-    /// the first failure (the exception::SwapFileCommit family), which leaves that file and
-    /// every later one pending; what was committed before it is durable. A file whose swap file
-    /// is gone throws exception::SwapFileMissing and keeps its source. Handles still open on a
-    /// committed file are closed: what they write afterwards goes nowhere.
+    /// Commits every pending file in path order, all or nothing across a crash (see the class
+    /// comment). First writes out what the open handles of those files still buffer (a handle
+    /// whose write failed damages its file: SwapFileDamaged). Unless changes is Overwrite,
+    /// then checks every source against the version its swap file was made from and, when
+    /// another program changed any, throws exception::SourceFileChanged naming each and
+    /// commits nothing. A source that is a link inside the project stays a link: its target
+    /// takes the new content. Otherwise stops at the first failure (the
+    /// exception::SwapFileCommit family), which leaves that file and every later one pending;
+    /// what was committed before it is durable, and no journal is left that could complete the
+    /// rest. The journal itself failing throws exception::SwapFileRename for the first file
+    /// and commits nothing. A file whose swap file is gone throws exception::SwapFileMissing
+    /// and keeps its source. Handles still open on a committed file are closed: what they
+    /// write afterwards goes nowhere.
     /// @throws exception::SwapFileCommit (one of its kinds) on failure.
     void commit(SourceChanges changes = SourceChanges::Refuse);
     /// Drops every pending change, deleting its swap file; handles still open on them are
@@ -216,6 +246,10 @@ public:
     /// The sources (as RecoverableInfo::sourcePath names them) that opening the project, or
     /// last setting its path, put back from the backups of interrupted commits.
     const std::vector<QString>& restoredWhenOpened() const;
+    /// The interrupted saves that opening the project, or setting its path, left as they were:
+    /// those whose process may still run, those of other users (which only their own user
+    /// completes) and, with Unfinished::Leave, every one.
+    const std::vector<InterruptedSave>& interruptedSavesWhenOpened() const;
     /// Takes the swap file over as this process's pending change of info.sourcePath, with the
     /// source version its owner noted, so that a later commit still sees what another program
     /// changed since. A file whose owner may still run (ownerOf) is copied, never moved; the
@@ -229,6 +263,9 @@ public:
 
 private:
     void xRestoreInterruptedCommits();
+    // Completes the saves of ended processes among journals and those above the root; records
+    // the others. Whether any was completed.
+    bool xCompleteInterruptedSaves(QStringList journals);
 
     std::shared_ptr<detail::ProjectVFS_Impl> _impl;
 };
