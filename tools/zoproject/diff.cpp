@@ -149,7 +149,8 @@ void printDiff(const zo::project::ProjectVFS& project, const SwapFile& swap)
     const bool binary
         = source.left(kBinaryProbe).contains('\0') || content.left(kBinaryProbe).contains('\0');
     if (binary) {
-        print(QStringLiteral("Binary files differ (swap file of %1):").arg(describeOwner(swap.owner)));
+        print(QStringLiteral("Binary files differ (swap file of %1):")
+                  .arg(describeOwner(swap.owner)));
         print(describeContent(sourcePath, source));
         print(describeContent(swapPath, content));
         return;
