@@ -1,11 +1,12 @@
 #include <zo/file.h>
+#include <zo/owner.h>
 #include <zo/path.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <memory>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -32,35 +33,17 @@ bool copyByReadWrite(int from, int to)
 }
 
 // An unnamed file in to's directory, which cannot be seen at all until it is linked in; where
-// the file system has none, a file with a hidden name beside to, returned in hidden.
-UniqueFd openUnnamedBeside(const char* to, mode_t mode, std::string& hidden)
+// the file system has none, a file with a hidden name beside to, returned in hidden, under this
+// process's mark there.
+UniqueFd openUnnamedBeside(
+    const char* to, mode_t mode, std::string& hidden, std::shared_ptr<OwnerMark>& mark)
 {
-    UniqueFd fd(::open(Path(to).directory().c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
+    UniqueFd fd = createUnnamedFile(Path(to).directory().c_str(), mode);
     if (fd || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
         return fd;
+    mark = OwnerMark::holdBeside(to);
     hidden = hiddenTemplateBeside(to, "copy");
     return createTemporaryFile(hidden);
-}
-
-// Gives an unnamed file the name to. Linking by the descriptor alone needs CAP_DAC_READ_SEARCH
-// on older kernels (newer ones also let the process that opened the file), which refuse it with
-// ENOENT; the file's /proc name always works, at the price of a lookup in /proc per file. The
-// first refusal settles it for the process.
-bool linkUnnamed(int fd, const char* to)
-{
-    static std::atomic<bool> byDescriptor { true };
-    if (byDescriptor.load(std::memory_order_relaxed)) {
-        if (::linkat(fd, "", AT_FDCWD, to, AT_EMPTY_PATH) == 0)
-            return true;
-        if (errno != ENOENT)
-            return false;
-    }
-    const std::string self = "/proc/self/fd/" + std::to_string(fd);
-    if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, to, AT_SYMLINK_FOLLOW) != 0)
-        return false;
-    // ENOENT can also mean a missing directory; only a link that worked here tells it apart.
-    byDescriptor.store(false, std::memory_order_relaxed);
-    return true;
 }
 
 // Gives the new file the source's exact mode, which the umask may have narrowed. A change of
@@ -104,13 +87,14 @@ bool copyFile(const char* from, const char* to, CopyTarget target)
     // The name the content is written under, removed again when the copy fails; none for an
     // unnamed file.
     std::string written;
+    std::shared_ptr<OwnerMark> mark;
     UniqueFd out;
     if (target == CopyTarget::Unseen) {
         out = createFileAt(AT_FDCWD, to, mode);
         if (out)
             written = to;
     } else {
-        out = openUnnamedBeside(to, mode, written);
+        out = openUnnamedBeside(to, mode, written, mark);
     }
     if (!out)
         return false;
@@ -132,7 +116,7 @@ bool copyFile(const char* from, const char* to, CopyTarget target)
         return false;
     }
     if (written.empty())
-        return linkUnnamed(out.get(), to) && out.close();
+        return linkUnnamedFile(out.get(), to) && out.close();
     // link refuses an existing target, as an unnamed file's linkat does.
     const bool linked = out.close() && ::link(written.c_str(), to) == 0;
     dropWritten();

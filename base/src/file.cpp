@@ -1,5 +1,6 @@
 #include <zo/fault.h>
 #include <zo/file.h>
+#include <zo/treewalk.h>
 
 #include <algorithm>
 #include <atomic>
@@ -316,6 +317,38 @@ UniqueFd createUniqueFile(std::string& pathTemplate, mode_t mode)
     return fd;
 }
 
+UniqueFd createUnnamedFile(const char* directory, mode_t mode)
+{
+    return UniqueFd(::open(directory, O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
+}
+
+// Linking by the descriptor alone needs CAP_DAC_READ_SEARCH on older kernels (newer ones also
+// let the process that opened the file), which refuse it with ENOENT; the file's /proc name
+// always works, at the price of a lookup in /proc per file. The first refusal settles it for
+// the process.
+bool linkUnnamedFile(int descriptor, const char* path)
+{
+    static std::atomic<bool> byDescriptor { true };
+    if (byDescriptor.load(std::memory_order_relaxed)) {
+        if (::linkat(descriptor, "", AT_FDCWD, path, AT_EMPTY_PATH) == 0)
+            return true;
+        if (errno != ENOENT)
+            return false;
+    }
+    const std::string self = "/proc/self/fd/" + std::to_string(descriptor);
+    if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, path, AT_SYMLINK_FOLLOW) != 0)
+        return false;
+    // ENOENT can also mean a missing directory; only a link that worked here tells it apart.
+    byDescriptor.store(false, std::memory_order_relaxed);
+    return true;
+}
+
+bool linkUnnamedFileUnique(int descriptor, std::string& pathTemplate)
+{
+    return createUnique(
+        pathTemplate, [descriptor](const char* path) { return linkUnnamedFile(descriptor, path); });
+}
+
 bool makeUniqueDirectory(std::string& pathTemplate, mode_t mode)
 {
     return createUnique(
@@ -349,6 +382,32 @@ bool removeAt(int directory, const char* name)
 
 bool removeDirectoryAt(int directory, const char* name)
 {
+    return ::unlinkat(directory, name, AT_REMOVEDIR) == 0;
+}
+
+bool removeTreeAt(int directory, const char* name)
+{
+    if (::unlinkat(directory, name, 0) == 0)
+        return true;
+    if (errno != EISDIR) // what Linux says of a directory
+        return false;
+    const UniqueFd inner(::openat(directory, name, directoryFlags | O_NOFOLLOW));
+    if (!inner)
+        return false;
+    // Read whole before removing, as a directory read while it changes may skip entries.
+    std::vector<std::string> names;
+    WalkOptions options;
+    options.includeHidden = true;
+    options.followLinks = false;
+    options.recursive = false;
+    if (!walkTree(inner.get(), options, [&names](const WalkEntry& entry) {
+            names.emplace_back(entry.name);
+            return WalkStep::Continue;
+        }))
+        return false;
+    for (const std::string& entry : names)
+        if (!removeTreeAt(inner.get(), entry.c_str()) && errno != ENOENT)
+            return false;
     return ::unlinkat(directory, name, AT_REMOVEDIR) == 0;
 }
 

@@ -185,6 +185,14 @@ ZO_EXPORT bool createTemporaryDirectory(std::string& pathTemplate);
 /// mkdir makes it, where a temporary directory is private. EINVAL when the template does not
 /// end in "XXXXXX". The caller removes it.
 ZO_EXPORT bool makeUniqueDirectory(std::string& pathTemplate, mode_t mode);
+/// Creates a file in directory that has no name yet (O_TMPFILE), open for writing: no one sees
+/// it before linkUnnamedFile names it, and a crash leaves nothing. EOPNOTSUPP, EISDIR or EINVAL
+/// where the file system has no unnamed files.
+ZO_EXPORT UniqueFd createUnnamedFile(const char* directory, mode_t mode);
+/// Gives a file from createUnnamedFile the name path, in its directory; EEXIST when taken.
+ZO_EXPORT bool linkUnnamedFile(int descriptor, const char* path);
+/// Gives it a name made from pathTemplate as createTemporaryFile makes one.
+ZO_EXPORT bool linkUnnamedFileUnique(int descriptor, std::string& pathTemplate);
 /// Creates the directory name in the open directory with mode less the umask.
 ZO_EXPORT bool makeDirectoryAt(int directory, const char* name, mode_t mode);
 /// Creates the symbolic link name to target in the open directory.
@@ -224,6 +232,11 @@ ZO_EXPORT bool remove(const char* path);
 ZO_EXPORT bool removeAt(int directory, const char* name);
 /// Removes an empty directory.
 ZO_EXPORT bool removeDirectoryAt(int directory, const char* name);
+/// Removes name in the open directory, and for a directory all it holds, through descriptors
+/// only: a link is removed as a link and never followed, also when a directory on the way is
+/// replaced by one meanwhile. Stops at the first entry that cannot be removed (errno set);
+/// what was removed until then stays removed.
+ZO_EXPORT bool removeTreeAt(int directory, const char* name);
 
 /// Access and modification time; a tv_nsec of UTIME_OMIT leaves that time as it is.
 using FileTimes = std::array<timespec, 2>;
