@@ -3,10 +3,13 @@
 #include "errors.h"
 #include "formats.h"
 
+#include <zo/file.h>
+#include <zo/owner.h>
+
 #include <algorithm>
 #include <filesystem>
+#include <string_view>
 #include <utility>
-#include <zo/file.h>
 
 namespace zo::project::detail {
 
@@ -175,6 +178,11 @@ archive_entry* TreeReader::fetch()
         const std::string name = entryName(entry);
         if (name.size() <= _prefix.size() || name.compare(0, _prefix.size(), _prefix) != 0)
             continue; // the root itself
+        // The owner marks of processes that work in the tree (this one's own beside the
+        // archive it writes there, too) tell of them, not of the project.
+        if (archive_entry_filetype(entry) == AE_IFREG
+            && os::isOwnerMarkName(std::string_view(name).substr(name.rfind('/') + 1)))
+            continue;
         archive_entry_copy_pathname(entry, name.c_str() + _prefix.size());
         // The tar strategy marks the entry in place and never holds one back.
         archive_entry* spare = nullptr;
