@@ -2,6 +2,7 @@
 
 #include "paths.h"
 
+#include <zo/owner.h>
 #include <zo/treewalk.h>
 #include <zo/unicode.h>
 
@@ -16,6 +17,7 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -382,6 +384,8 @@ void copyEntries(
 void buildDirectory(const QString& src, const QString& dst, bool overwrite, CopyRun& run)
 {
     const QString entry = namedEntryPath(dst);
+    const std::shared_ptr<zo::os::OwnerMark> mark
+        = zo::os::OwnerMark::holdBeside(detail::encoded(entry).toStdString());
     std::string hidden = zo::os::hiddenTemplateBeside(detail::encoded(entry).toStdString(), "copy");
     if (!zo::os::makeUniqueDirectory(hidden, 0777))
         throw notCreated(dst);

@@ -6,6 +6,7 @@
 #include "workspace.h"
 
 #include <zo/file.h>
+#include <zo/leftover.h>
 #include <zo/os.h>
 #include <zo/owner.h>
 #include <zo/project/exceptions.h>
@@ -84,6 +85,8 @@ ProjectModel::ProjectModel()
 {
     qRegisterMetaType<QMap<QString, FileSystemEvent>>(
         "QMap<QString, zo::project::FileSystemEvent>");
+    // What killed models left beside their workspaces: unpacks, records being written.
+    zo::os::removeEndedLeftovers(detail::encoded(QDir::tempPath()).toStdString());
     createNew();
 }
 
@@ -178,6 +181,9 @@ void ProjectModel::save(
     const QFileInfo targetInfo(target);
     const bool intoDirectory
         = chosen == ArchiveFormat::Directory && targetInfo.isDir() && !targetInfo.isSymLink();
+    // Held from before the hidden tree is made until it has replaced the target.
+    const std::shared_ptr<zo::os::OwnerMark> mark
+        = zo::os::OwnerMark::holdBeside(detail::encoded(target).toStdString());
     const QString output = intoDirectory ? detail::temporaryPathBeside(target) : target;
     bool exported = false;
     try {
@@ -467,6 +473,8 @@ void ProjectModel::recoverWorkspace(const RecoverableWorkspace& workspace)
         throw IOWriteError(utf8(QStringLiteral("cannot take over %1").arg(workspace.path)));
     }
     detail::removeWorkspace(workspace.path); // only its record is left there
+    // What its process left in it while writing its metadata file, so that no save packs it.
+    zo::os::removeEndedLeftovers(detail::encoded(adopted).toStdString());
     // The directory keeps the time of its dead owner's last write, from before this process's
     // mark; stamped now, it is judged by that mark.
     if (const zo::os::UniqueFd directory = zo::os::openDirectory(QFile::encodeName(adopted)))

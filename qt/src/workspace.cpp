@@ -120,17 +120,18 @@ void replaceDirectory(const QString& replacement, const QString& target)
     const QByteArray from = encoded(replacement);
     const QByteArray to = encoded(target);
     zo::os::ReplaceStep failed {};
+    std::string previous;
     // The whole tree with one flush of its file system, at a small part of the cost of a sync
     // per file.
     if (!zo::os::syncFileSystem(from.constData()))
         failed = zo::os::ReplaceStep::SyncFile;
-    else if (zo::os::exchangeDurably(from.constData(), to.constData(), failed))
-        return removeQuietly(replacement); // the previous tree, swapped out of the way
+    else if (zo::os::swapIntoPlace(from.toStdString(), to.toStdString(), previous, failed))
+        return removeQuietly(decodedPath(previous)); // the previous tree, swapped out of the way
     // Not swapped, the new tree goes; swapped, the previous one stays whole under the hidden
     // name, as a system crash could still undo the swap.
     const int error = errno;
     if (failed != zo::os::ReplaceStep::SyncDirectory)
-        removeQuietly(replacement);
+        removeQuietly(previous.empty() ? replacement : decodedPath(previous));
     const char* step = failed == zo::os::ReplaceStep::SyncFile ? "sync the replacement of"
         : failed == zo::os::ReplaceStep::Rename                ? "replace"
                                                                : "sync the directory of";

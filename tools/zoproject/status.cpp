@@ -3,14 +3,78 @@
 #include "scan.h"
 #include "workspaces.h"
 
+#include <zo/leftover.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QLocale>
 
 #include <algorithm>
+#include <set>
 
 namespace zo::cli {
 namespace {
+
+using zo::os::Leftover;
+
+const char* const kStates[] = { "running", "ended", "in use elsewhere" };
+
+const char* stateOf(zo::os::Liveness liveness)
+{
+    return kStates[liveness == zo::os::Liveness::Running ? 0
+            : liveness == zo::os::Liveness::Ended        ? 1
+                                                         : 2];
+}
+
+// What interrupted steps left under hidden names: in the directory, beside it under its name,
+// and beside the archive workspaces in the temporary directory.
+std::vector<Leftover> leftoversOf(const QString& directory)
+{
+    const QFileInfo info(directory);
+    const std::string besideName = "." + QFile::encodeName(info.fileName()).toStdString() + ".zo-";
+    std::vector<Leftover> found;
+    std::set<std::string> seen;
+    for (const QString& place : { directory, info.path(), QDir::tempPath() })
+        for (Leftover& leftover : zo::os::findLeftovers(QFile::encodeName(place).toStdString())) {
+            const std::string name = leftover.path.substr(leftover.path.rfind('/') + 1);
+            const bool ofIt
+                = place == directory || place == QDir::tempPath() || name.rfind(besideName, 0) == 0;
+            if (ofIt && seen.insert(leftover.path).second)
+                found.push_back(std::move(leftover));
+        }
+    return found;
+}
+
+void printLeftovers(const std::vector<Leftover>& leftovers)
+{
+    if (leftovers.empty())
+        return;
+    print(QStringLiteral("Left by interrupted steps (the next save or load beside them removes "
+                         "those whose process has ended):"));
+    for (const Leftover& leftover : leftovers)
+        print(QStringLiteral("  %1  (%2, process %3, %4%5)")
+                  .arg(QFile::decodeName(QByteArray::fromStdString(leftover.path)),
+                      QString::fromStdString(leftover.name.purpose))
+                  .arg(leftover.name.pid)
+                  .arg(QLatin1String(stateOf(leftover.owner)),
+                      leftover.holdsData ? QStringLiteral("; may hold data: kept for you to check")
+                                         : QString()));
+}
+
+QJsonArray leftoversJson(const std::vector<Leftover>& leftovers)
+{
+    QJsonArray array;
+    for (const Leftover& leftover : leftovers)
+        array.append(
+            QJsonObject { { "path", QFile::decodeName(QByteArray::fromStdString(leftover.path)) },
+                { "purpose", QString::fromStdString(leftover.name.purpose) },
+                { "pid", leftover.name.pid }, { "ownerState", stateOf(leftover.owner) },
+                { "holdsData", leftover.holdsData } });
+    return array;
+}
 
 QString age(const QDateTime& time)
 {
@@ -53,8 +117,8 @@ void printSwapFiles(
     }
 }
 
-void printText(
-    const std::vector<SwapFile>& swapFiles, const std::vector<Workspace>& workspaces, int count)
+void printText(const std::vector<SwapFile>& swapFiles, const std::vector<Workspace>& workspaces,
+    const std::vector<Leftover>& leftovers, int count)
 {
     printSwapFiles(swapFiles, Owner::State::Ended,
         QStringLiteral("Recoverable swap files (their process has ended):"));
@@ -63,6 +127,7 @@ void printText(
     printSwapFiles(swapFiles, Owner::State::InUseElsewhere,
         QStringLiteral("Swap files in use elsewhere (their process may still run):"));
     printWorkspaces(workspaces);
+    printLeftovers(leftovers);
     print(count == 0
             ? QStringLiteral("Nothing to recover.")
             : QStringLiteral("%1 to recover: see \"zoproject recover --help\".").arg(count));
@@ -70,7 +135,6 @@ void printText(
 
 QJsonObject toJson(const SwapFile& swap)
 {
-    static const char* const kStates[] = { "running", "ended", "in use elsewhere" };
     QJsonObject object { { "swapPath", swap.info.swapPath }, { "sourcePath", swap.info.sourcePath },
         { "pid", swap.info.pid }, { "ownerRunning", swap.owner.state == Owner::State::Running },
         { "ownerState", kStates[static_cast<int>(swap.owner.state)] },
@@ -94,6 +158,7 @@ int status(const QCommandLineParser& parser)
     const std::vector<SwapFile> swapFiles = scanProject(project);
     // Archive workspaces belong to no directory: every one a crash left is shown.
     const std::vector<Workspace> workspaces = zo::project::ProjectModel::recoverableWorkspaces();
+    const std::vector<Leftover> leftovers = leftoversOf(project.path());
     const int count = recoverableCount(swapFiles) + static_cast<int>(workspaces.size());
     if (jsonRequested(parser)) {
         QJsonArray array;
@@ -101,9 +166,10 @@ int status(const QCommandLineParser& parser)
             array.append(toJson(swap));
         printJson(
             QJsonDocument(QJsonObject { { "directory", project.path() }, { "recoverable", count },
-                { "swapFiles", array }, { "workspaces", workspacesJson(workspaces) } }));
+                { "swapFiles", array }, { "workspaces", workspacesJson(workspaces) },
+                { "leftovers", leftoversJson(leftovers) } }));
     } else {
-        printText(swapFiles, workspaces, count);
+        printText(swapFiles, workspaces, leftovers, count);
     }
     return count == 0 ? kSuccess : kRecoverable;
 }
@@ -114,7 +180,8 @@ Command statusCommand()
 {
     return { QStringLiteral("status"),
         QStringLiteral("List the swap files below a project and whether they can be recovered, "
-                       "and the archive workspaces ended processes left."),
+                       "the archive workspaces ended processes left, and what interrupted saves, "
+                       "packs and unpacks left in and beside the project."),
         QStringLiteral("[DIR]"),
         { { QStringLiteral("DIR"),
             QStringLiteral("The project directory (default: the current directory).") } },
