@@ -44,7 +44,10 @@ QString createWorkspaceDirectory()
 
 bool writeRecord(const QString& workspace, const WorkspaceRecord& record)
 {
-    QJsonObject fields { { QStringLiteral("source"), record.sourcePath },
+    // Absolute, as the recovery may run in another working directory.
+    const QString source
+        = record.sourcePath.isEmpty() ? QString() : QFileInfo(record.sourcePath).absoluteFilePath();
+    QJsonObject fields { { QStringLiteral("source"), source },
         { QStringLiteral("format"), static_cast<int>(record.format) } };
     if (const auto& version = record.sourceVersion)
         // As text: JSON numbers do not hold 64 bits.
@@ -67,7 +70,11 @@ std::optional<WorkspaceRecord> readRecord(const QString& workspace)
     if (!file.open(QIODevice::ReadOnly))
         return std::nullopt;
     const QJsonObject fields = QJsonDocument::fromJson(file.readAll()).object();
-    WorkspaceRecord record { fields.value(QStringLiteral("source")).toString(),
+    // Older versions stored the path as given: relative to a working directory unknown now.
+    QString source = fields.value(QStringLiteral("source")).toString();
+    if (QDir::isRelativePath(source))
+        source.clear();
+    WorkspaceRecord record { source,
         static_cast<ArchiveFormat>(
             fields.value(QStringLiteral("format")).toInt(static_cast<int>(ArchiveFormat::Native))),
         std::nullopt };

@@ -24,10 +24,11 @@ struct WorkspaceRecord {
 // other model took meanwhile); IOWriteError when the temporary directory refuses it.
 QString createWorkspaceDirectory();
 
-// Replaces the record atomically. The record only helps a later
+// Replaces the record atomically; the source path is stored absolute. The record only helps a later
 // recovery, so a failure to write it is not the user's operation's failure: it returns false.
 bool writeRecord(const QString& workspace, const WorkspaceRecord& record);
-// None for a workspace of an older version, which kept no record.
+// None for a workspace of an older version, which kept no record; a relative source path, as
+// older versions stored it, reads as none.
 std::optional<WorkspaceRecord> readRecord(const QString& workspace);
 // Removes the workspace tree, then its record; errors of the tree's removal propagate.
 void removeWorkspace(const QString& workspace);
