@@ -392,8 +392,15 @@ bool removeTreeAt(int directory, const char* name)
     if (errno != EISDIR) // what Linux says of a directory
         return false;
     const UniqueFd inner(::openat(directory, name, directoryFlags | O_NOFOLLOW));
-    if (!inner)
+    const std::optional<FileStatus> outer = status(directory);
+    const std::optional<FileStatus> entered = inner ? status(inner.get()) : std::nullopt;
+    if (!outer || !entered)
         return false;
+    // What is mounted there belongs to another file system, and to no tree of ours.
+    if (entered->identity.device != outer->identity.device) {
+        errno = EXDEV;
+        return false;
+    }
     // Read whole before removing, as a directory read while it changes may skip entries.
     std::vector<std::string> names;
     WalkOptions options;

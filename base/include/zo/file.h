@@ -234,8 +234,9 @@ ZO_EXPORT bool removeAt(int directory, const char* name);
 ZO_EXPORT bool removeDirectoryAt(int directory, const char* name);
 /// Removes name in the open directory, and for a directory all it holds, through descriptors
 /// only: a link is removed as a link and never followed, also when a directory on the way is
-/// replaced by one meanwhile. Stops at the first entry that cannot be removed (errno set);
-/// what was removed until then stays removed.
+/// replaced by one meanwhile, and a directory on another file system (a mount point) is not
+/// entered (EXDEV). Stops at the first entry that cannot be removed (errno set); what was
+/// removed until then stays removed.
 ZO_EXPORT bool removeTreeAt(int directory, const char* name);
 
 /// Access and modification time; a tv_nsec of UTIME_OMIT leaves that time as it is.
