@@ -2,11 +2,11 @@
 #include <zo/path.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <memory>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -53,32 +53,11 @@ bool copyByReadWrite(int from, int to)
 // file system has none, a file with a hidden name beside name, returned in hidden.
 UniqueFd openUnnamedIn(int directory, const char* name, mode_t mode, std::string& hidden)
 {
-    UniqueFd fd(::openat(directory, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
+    UniqueFd fd = createUnnamedFile(directory, ".", mode);
     if (fd || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
         return fd;
     hidden = hiddenTemplateBeside(name, "copy");
     return createUniqueFileAt(directory, hidden, mode);
-}
-
-// Gives an unnamed file the name in the directory. Linking by the descriptor alone needs
-// CAP_DAC_READ_SEARCH on older kernels (newer ones also let the process that opened the file),
-// which refuse it with ENOENT; the file's /proc name always works, at the price of a lookup in
-// /proc per file. The first refusal settles it for the process.
-bool linkUnnamed(int fd, int directory, const char* name)
-{
-    static std::atomic<bool> byDescriptor { true };
-    if (byDescriptor.load(std::memory_order_relaxed)) {
-        if (::linkat(fd, "", directory, name, AT_EMPTY_PATH) == 0)
-            return true;
-        if (errno != ENOENT)
-            return false;
-    }
-    const std::string self = "/proc/self/fd/" + std::to_string(fd);
-    if (::linkat(AT_FDCWD, self.c_str(), directory, name, AT_SYMLINK_FOLLOW) != 0)
-        return false;
-    // ENOENT can also mean a missing directory; only a link that worked here tells it apart.
-    byDescriptor.store(false, std::memory_order_relaxed);
-    return true;
 }
 
 // Gives the new file the source's exact mode, which the umask may have narrowed. A change of
@@ -176,7 +155,7 @@ bool copyFileAt(int from, int directory, const char* name, CopyTarget target)
         return false;
     }
     if (written.empty())
-        return linkUnnamed(out.get(), directory, name) && out.close();
+        return linkUnnamedFile(out.get(), directory, name) && out.close();
     // link refuses an existing target, as an unnamed file's linkat does.
     const bool linked
         = out.close() && ::linkat(directory, written.c_str(), directory, name, 0) == 0;

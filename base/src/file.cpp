@@ -1,5 +1,6 @@
 #include <zo/fault.h>
 #include <zo/file.h>
+#include <zo/treewalk.h>
 
 #include <atomic>
 #include <cerrno>
@@ -332,6 +333,38 @@ UniqueFd createUniqueFile(std::string& pathTemplate, mode_t mode)
     return createUniqueFileAt(AT_FDCWD, pathTemplate, mode);
 }
 
+UniqueFd createUnnamedFile(int directory, const char* name, mode_t mode)
+{
+    return UniqueFd(::openat(directory, name, O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
+}
+
+// Linking by the descriptor alone needs CAP_DAC_READ_SEARCH on older kernels (newer ones also
+// let the process that opened the file), which refuse it with ENOENT; the file's /proc name
+// always works, at the price of a lookup in /proc per file. The first refusal settles it for
+// the process.
+bool linkUnnamedFile(int descriptor, int directory, const char* name)
+{
+    static std::atomic<bool> byDescriptor { true };
+    if (byDescriptor.load(std::memory_order_relaxed)) {
+        if (::linkat(descriptor, "", directory, name, AT_EMPTY_PATH) == 0)
+            return true;
+        if (errno != ENOENT)
+            return false;
+    }
+    const std::string self = "/proc/self/fd/" + std::to_string(descriptor);
+    if (::linkat(AT_FDCWD, self.c_str(), directory, name, AT_SYMLINK_FOLLOW) != 0)
+        return false;
+    // ENOENT can also mean a missing directory; only a link that worked here tells it apart.
+    byDescriptor.store(false, std::memory_order_relaxed);
+    return true;
+}
+
+bool linkUnnamedFileUnique(int descriptor, std::string& pathTemplate)
+{
+    return fillTemplate(
+        pathTemplate, [&] { return linkUnnamedFile(descriptor, AT_FDCWD, pathTemplate.c_str()); });
+}
+
 bool makeUniqueDirectory(std::string& pathTemplate, mode_t mode)
 {
     return makeUniqueDirectoryAt(AT_FDCWD, pathTemplate, mode);
@@ -380,6 +413,39 @@ bool removeAt(int directory, const char* name)
 
 bool removeDirectoryAt(int directory, const char* name)
 {
+    return ::unlinkat(directory, name, AT_REMOVEDIR) == 0;
+}
+
+bool removeTreeAt(int directory, const char* name)
+{
+    if (::unlinkat(directory, name, 0) == 0)
+        return true;
+    if (errno != EISDIR) // what Linux says of a directory
+        return false;
+    const UniqueFd inner(::openat(directory, name, directoryFlags | O_NOFOLLOW));
+    const std::optional<FileStatus> outer = status(directory);
+    const std::optional<FileStatus> entered = inner ? status(inner.get()) : std::nullopt;
+    if (!outer || !entered)
+        return false;
+    // What is mounted there belongs to another file system, and to no tree of ours.
+    if (entered->identity.device != outer->identity.device) {
+        errno = EXDEV;
+        return false;
+    }
+    // Read whole before removing, as a directory read while it changes may skip entries.
+    std::vector<std::string> names;
+    WalkOptions options;
+    options.includeHidden = true;
+    options.followLinks = false;
+    options.recursive = false;
+    if (!walkTree(inner.get(), options, [&names](const WalkEntry& entry) {
+            names.emplace_back(entry.name);
+            return WalkStep::Continue;
+        }))
+        return false;
+    for (const std::string& entry : names)
+        if (!removeTreeAt(inner.get(), entry.c_str()) && errno != ENOENT)
+            return false;
     return ::unlinkat(directory, name, AT_REMOVEDIR) == 0;
 }
 

@@ -1,4 +1,5 @@
 #include <zo/owner.h>
+#include <zo/path.h>
 #include <zo/process.h>
 
 #include <dirent.h>
@@ -315,6 +316,11 @@ int rank(Liveness liveness)
 
 } // namespace
 
+bool isOwnerMarkName(std::string_view name)
+{
+    return pidOfMarkName(name) != 0;
+}
+
 Clock::time_point modificationTime(const FileStatus& status)
 {
     return timeOfNanoseconds(status.modifiedSeconds * 1000000000LL + status.modifiedNanoseconds);
@@ -351,7 +357,15 @@ std::shared_ptr<OwnerMark> OwnerMark::hold(const std::string& directory)
                 return shared;
 
     std::string path = hiddenTemplateIn(*resolved, kMarkPurpose);
-    UniqueFd file(::mkostemp(path.data(), O_CLOEXEC | O_APPEND));
+    // Unseen until its record and lock are in place, so that no mark is ever found without
+    // them; where the file system has no unnamed files, a crash before the record leaves a mark
+    // that tells nothing, which counts as in use elsewhere.
+    UniqueFd file = createUnnamedFile(AT_FDCWD, resolved->c_str(), 0600);
+    const bool unnamed = static_cast<bool>(file);
+    if (unnamed)
+        ::fcntl(file.get(), F_SETFL, O_APPEND);
+    else if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)
+        file = UniqueFd(::mkostemp(path.data(), O_CLOEXEC | O_APPEND));
     const std::optional<FileStatus> made = file ? status(file.get()) : std::nullopt;
     if (!made)
         return nullptr;
@@ -366,15 +380,22 @@ std::shared_ptr<OwnerMark> OwnerMark::hold(const std::string& directory)
         setLock(file.get(), F_WRLCK, kLifeByte) };
     const std::string text = recordText(record);
     // Others must be able to read the record to judge this process.
-    if (!setPermissions(file.get(), 0644) || !writeAll(file.get(), text.data(), text.size(), 0)) {
+    if (!setPermissions(file.get(), 0644) || !writeAll(file.get(), text.data(), text.size(), 0)
+        || (unnamed && !linkUnnamedFileUnique(file.get(), path))) {
         const int error = errno;
-        ::unlink(path.c_str());
+        if (!unnamed)
+            ::unlink(path.c_str());
         errno = error;
         return nullptr;
     }
     auto mark = std::make_shared<OwnerMark>(Token {}, std::move(file), *resolved, path);
     marks.entries.push_back({ found->identity, made->identity, self, mark.get(), mark });
     return mark;
+}
+
+std::shared_ptr<OwnerMark> OwnerMark::holdBeside(const std::string& path)
+{
+    return hold(Path(path).directory());
 }
 
 void OwnerMark::keepUntilExit(std::shared_ptr<OwnerMark> mark)
@@ -627,6 +648,22 @@ bool OwnerMarks::othersMayBeReplacing(const std::string& directory)
             return true;
     }
     return false;
+}
+
+void OwnerMarks::removeEndedMarks(
+    const std::string& directory, const std::function<bool(int)>& namedAfter)
+{
+    const std::string resolved = realPath(directory).value_or(directory);
+    const std::string prefix = resolved == "/" ? "/" : resolved + "/";
+    for (Mark& mark : directoryOf(resolved, Clock::now()).marks) {
+        if (namedAfter(mark.pid) || livenessOf(mark) != Liveness::Ended)
+            continue;
+        // A note names a pending file below the directory, wherever it lies.
+        if (std::none_of(mark.notes.begin(), mark.notes.end(), [&prefix](const auto& note) {
+                return linkStatus((prefix + note.first).c_str()).has_value();
+            }))
+            ::unlink(mark.path.c_str());
+    }
 }
 
 std::string OwnerMarks::resolvedDirectoryOf(const std::string& file)

@@ -8,6 +8,7 @@ namespace zo::os {
 
 FileReplacement::FileReplacement(std::string target, std::string_view purpose)
     : _target(std::move(target))
+    , _mark(OwnerMark::holdBeside(_target))
     , _path(hiddenTemplateBeside(_target, purpose))
     , _fd(createUniqueFile(_path, 0666))
 {
@@ -93,6 +94,23 @@ bool renameDurably(const char* from, const char* to, ReplaceStep& failed)
 bool exchangeDurably(const char* from, const char* to, ReplaceStep& failed)
 {
     return durably(exchange, from, to, failed);
+}
+
+bool swapIntoPlace(
+    const std::string& tree, const std::string& to, std::string& previous, ReplaceStep& failed)
+{
+    // Another thread of this process may take the same free name first.
+    bool renamed = false;
+    do {
+        previous = unusedHiddenPathBeside(to, kReplacedPurpose);
+        renamed = renameToFreeName(tree.c_str(), previous.c_str());
+    } while (!renamed && errno == EEXIST);
+    if (!renamed) {
+        previous.clear();
+        failed = ReplaceStep::Rename;
+        return false;
+    }
+    return exchangeDurably(previous.c_str(), to.c_str(), failed);
 }
 
 } // namespace zo::os

@@ -10,9 +10,11 @@
 #include "unpack.h"
 
 #include <zo/file.h>
+#include <zo/owner.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 #include <optional>
 
 namespace zo::project {
@@ -83,6 +85,7 @@ void exportArchive(const std::string& source, const std::string& destination, Ar
 void exportTree(const std::string& source, const std::string& destination,
     const std::shared_ptr<ExportFilter>& filter, const ProgressCallback& progress)
 {
+    const std::shared_ptr<os::OwnerMark> mark = os::OwnerMark::holdBeside(destination);
     std::string temp = os::hiddenTemplateBeside(destination, "pack");
     if (!os::createTemporaryDirectory(temp))
         fail(destination, "cannot create a temporary directory beside it: " + systemError());
@@ -119,6 +122,7 @@ std::optional<ImportReport> importProject(const std::string& source, const std::
 {
     const ArchiveFormat resolved = sourceFormat(source, format);
     const Utf8Locale utf8;
+    removeLeftoversBeside(source);
     try {
         Staging staging(destination);
         if (resolved == ArchiveFormat::Directory)
@@ -152,6 +156,7 @@ bool exportProject(const std::string& source, const std::string& destination, Ar
     const ArchiveFormat resolved
         = format == ArchiveFormat::Auto ? exportFormat(destination) : format;
     const auto filter = std::make_shared<ExportFilter>(options, source);
+    removeLeftoversBeside(destination);
     try {
         if (resolved == ArchiveFormat::Directory)
             exportTree(source, destination, filter, progress);

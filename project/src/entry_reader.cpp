@@ -3,10 +3,13 @@
 #include "errors.h"
 #include "formats.h"
 
+#include <zo/file.h>
+#include <zo/owner.h>
+
 #include <algorithm>
 #include <filesystem>
+#include <string_view>
 #include <utility>
-#include <zo/file.h>
 
 namespace zo::project::detail {
 
@@ -183,6 +186,11 @@ archive_entry* TreeReader::fetch()
             && archive_read_disk_descend(_handle.get()) != ARCHIVE_OK)
             fail(_path, errorText(_handle.get()));
         if (isRoot)
+            continue;
+        // The owner marks of processes that work in the tree (this one's own beside the
+        // archive it writes there, too) tell of them, not of the project: never packed.
+        if (archive_entry_filetype(entry) == AE_IFREG
+            && os::isOwnerMarkName(std::string_view(name).substr(name.rfind('/') + 1)))
             continue;
         // The tar strategy marks the entry in place and never holds one back.
         archive_entry* spare = nullptr;

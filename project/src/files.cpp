@@ -2,6 +2,7 @@
 
 #include "errors.h"
 
+#include <zo/leftover.h>
 #include <zo/path.h>
 
 #include <filesystem>
@@ -31,6 +32,11 @@ namespace {
 }
 
 } // namespace
+
+void removeLeftoversBeside(const std::string& path)
+{
+    os::removeEndedLeftovers(Path(path).directory());
+}
 
 void renameInto(const std::string& temp, const std::string& target)
 {

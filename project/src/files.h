@@ -10,6 +10,10 @@ namespace zo::project::detail {
 
 using os::UniqueFd;
 
+// Removes what ended processes left beside path (zo/leftover.h): each import or export cleans
+// up after the killed ones before it in the directories it reads or writes.
+void removeLeftoversBeside(const std::string& path);
+
 // Renames temp over target durably (zo/replace.h); ArchiveError naming target otherwise.
 void renameInto(const std::string& temp, const std::string& target);
 

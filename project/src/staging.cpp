@@ -31,6 +31,8 @@ Staging::Staging(const std::string& destination)
     if (!status || status->type != os::EntryType::Directory)
         fail(destination, "'" + path.string() + "' is not a directory");
     _target = missing.empty() ? existing.string() : (existing / missing.front()).string();
+    removeLeftoversBeside(_target);
+    _mark = os::OwnerMark::holdBeside(_target);
     _staged = os::hiddenTemplateBeside(_target, "unpack");
     if (!os::makeUniqueDirectory(_staged, 0777))
         fail(destination, "cannot create a directory beside it to unpack into: " + systemError());
@@ -88,7 +90,13 @@ void Staging::commit()
     os::ReplaceStep failed {};
     if (!os::syncFileSystem(_staged.c_str()))
         fail(_destination, "cannot flush the unpacked tree: " + systemError());
-    if (!os::exchangeDurably(_staged.c_str(), _target.c_str(), failed)) {
+    std::string previous;
+    const bool swapped = os::swapIntoPlace(_staged, _target, previous, failed);
+    if (!previous.empty()) {
+        _staged = previous;
+        _guard.reset(previous);
+    }
+    if (!swapped) {
         // A swap that may not last keeps the previous tree whole, for a crash could undo it.
         if (failed == os::ReplaceStep::SyncDirectory)
             _guard.keep();

@@ -2,6 +2,7 @@
 
 #include "paths.h"
 
+#include <zo/owner.h>
 #include <zo/path.h>
 #include <zo/treewalk.h>
 #include <zo/unicode.h>
@@ -17,6 +18,7 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <unordered_set>
@@ -352,6 +354,9 @@ private:
         UniqueFd builtIn;
         std::string hidden;
         std::string name;
+        // This process's owner mark beside the hidden tree while it is built, by which a later
+        // cleanup tells a live copy's tree from a dead one's.
+        std::shared_ptr<zo::os::OwnerMark> mark;
     };
 
     QString shownSource() const { return shownBelow(_src, _relative); }
@@ -604,6 +609,8 @@ void TreeCopy::enterDirectory(Source source, int directory, const char* name,
         level.fresh = true;
         level.unseen = parent->unseen;
     } else {
+        level.mark
+            = zo::os::OwnerMark::holdBeside(detail::encoded(shownDestination()).toStdString());
         level.hidden = zo::os::hiddenTemplateBeside(name, "copy");
         if (!zo::os::makeUniqueDirectoryAt(directory, level.hidden, 0777))
             throw notCreated();

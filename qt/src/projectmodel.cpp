@@ -6,23 +6,68 @@
 #include "workspace.h"
 
 #include <zo/file.h>
+#include <zo/leftover.h>
 #include <zo/os.h>
 #include <zo/owner.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/project.h>
 
+#include <QAbstractEventDispatcher>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QMutexLocker>
+#include <QThread>
 
+#include <mutex>
+#include <stdexcept>
 #include <string>
 #include <sys/stat.h>
 #include <utility>
 
 namespace zo::project {
+
+namespace detail {
+
+// Between a model and the reports of its source watchers, which arrive on the watchers' thread:
+// a model that goes waits for the report it is running, and gets none after.
+struct SourceGate {
+    explicit SourceGate(ProjectModel* model)
+        : model(model)
+    {
+    }
+    // Recursive: a report may make its own model go.
+    std::recursive_mutex mutex;
+    ProjectModel* model; // null once the model is gone
+    // The watcher whose report runs the model's slots now; only used on the watchers' thread.
+    const ProjectWatcher* reporting = nullptr;
+};
+
+} // namespace detail
+
 namespace {
+
+// Runs work on object's thread: now when called there, else queued to its event loop. Dropped
+// when object goes first.
+template <typename Work> void runOnThreadOf(QObject* object, Work work)
+{
+    if (QThread::currentThread() == object->thread())
+        work();
+    else
+        QMetaObject::invokeMethod(object, std::move(work), Qt::QueuedConnection);
+}
+
+// Starts or stops the watcher's timer on its own thread, which alone may do it. A second start
+// would take a new snapshot and report what changed since the last check, signals that must
+// not be emitted under the caller's lock.
+void applyWatching(ProjectWatcher* watcher, bool enable)
+{
+    runOnThreadOf(watcher, [watcher, enable] {
+        if (watcher->isWatching() != enable)
+            watcher->enableWatching(enable);
+    });
+}
 
 std::shared_ptr<const zo::os::FileVersion> held(const std::optional<zo::os::FileVersion>& version)
 {
@@ -81,15 +126,22 @@ QString xGetNewTempPath()
 ProjectModel::ProjectModel()
     : _mark(detail::holdOwnerMark(QDir::tempPath()))
     , _notifier(std::make_unique<detail::Notifier>())
+    , _gate(std::make_shared<detail::SourceGate>(this))
 {
     qRegisterMetaType<QMap<QString, FileSystemEvent>>(
         "QMap<QString, zo::project::FileSystemEvent>");
+    // What killed models left beside their workspaces: unpacks, records being written.
+    zo::os::removeEndedLeftovers(detail::encoded(QDir::tempPath()).toStdString());
     createNew();
 }
 
 ProjectModel::ProjectModel(ProjectModel&& other)
+    : _gate(std::make_shared<detail::SourceGate>(this))
 {
+    // In the order the destructor takes them: no report of other runs meanwhile.
+    const std::lock_guard gate(other._gate->mutex);
     const QMutexLocker lock(&other._mutex);
+    const QMutexLocker watcherLock(&other._watcherMutex);
     _mark = other._mark;
     _notifier = std::move(other._notifier);
     _sourceVersion = other._sourceVersion;
@@ -104,10 +156,13 @@ ProjectModel::ProjectModel(ProjectModel&& other)
 ProjectModel::~ProjectModel()
 {
     {
+        const std::lock_guard gate(_gate->mutex);
+        _gate->model = nullptr;
+    }
+    {
         const QMutexLocker lock(&_mutex);
         xReset();
     }
-    _sourceWatcher.reset();
     _notifier.reset();
 }
 
@@ -141,10 +196,9 @@ void ProjectModel::load(const QString& path, ArchiveFormat format)
     }
     xReset();
     _project = std::make_unique<ProjectWatcher>(workspace, true, nullptr);
-    _sourceWatcher = std::make_unique<ProjectWatcher>(path, true, nullptr);
-    xInitProject(_sourceWatcher.get());
+    xWatchSource(path);
     // Detected, also when the caller named the format.
-    xSetSource(path, detectFormat(_sourceWatcher->projectPath()));
+    xSetSource(path, detectFormat(utf8(path)));
     _sourceVersion = held(version);
     detail::writeRecord(workspace, { path, _sourceFormat, version });
     xSetSaved(true);
@@ -178,6 +232,9 @@ void ProjectModel::save(
     const QFileInfo targetInfo(target);
     const bool intoDirectory
         = chosen == ArchiveFormat::Directory && targetInfo.isDir() && !targetInfo.isSymLink();
+    // Held from before the hidden tree is made until it has replaced the target.
+    const std::shared_ptr<zo::os::OwnerMark> mark
+        = zo::os::OwnerMark::holdBeside(detail::encoded(target).toStdString());
     const QString output = intoDirectory ? detail::temporaryPathBeside(target) : target;
     bool exported = false;
     try {
@@ -198,8 +255,7 @@ void ProjectModel::save(
         }
     }
 
-    _sourceWatcher = std::make_unique<ProjectWatcher>(target, true, nullptr);
-    xInitProject(_sourceWatcher.get());
+    xWatchSource(target);
     xSetSource(target, chosen);
     _sourceVersion = held(versionOf(target));
     detail::writeRecord(_project->directory().path(), { target, chosen, unheld(_sourceVersion) });
@@ -208,9 +264,13 @@ void ProjectModel::save(
 
 void ProjectModel::enableWatching(bool enable)
 {
+    if (enable && _notifier && !QAbstractEventDispatcher::instance(_notifier->thread()))
+        throw std::logic_error("cannot watch the source: the thread that made the archive project "
+                               "runs no Qt event loop");
+    const QMutexLocker lock(&_watcherMutex);
     _watching = enable;
     if (_sourceWatcher)
-        _sourceWatcher->enableWatching(enable);
+        applyWatching(_sourceWatcher.get(), enable);
 }
 
 bool ProjectModel::isWatching() const
@@ -230,23 +290,22 @@ detail::Notifier* ProjectModel::notifier() const
 
 void ProjectModel::checkSourcePendingChanges(const QSet<QString>& referenceList)
 {
-    if (_sourceWatcher)
-        _sourceWatcher->checkPendingChanges(referenceList);
+    std::shared_ptr<ProjectWatcher> watcher;
+    {
+        const QMutexLocker lock(&_watcherMutex);
+        watcher = _sourceWatcher;
+    }
+    if (watcher)
+        runOnThreadOf(watcher.get(), [checked = watcher.get(), referenceList] {
+            checked->checkPendingChanges(referenceList);
+        });
 }
 
 void ProjectModel::onSourceContentChanged(const QMap<QString, FileSystemEvent>& events)
 {
-    if (events.isEmpty())
-        return;
-    xSetSaved(false);
-    // A model moved from has neither; its flag is all that is left to change.
-    if (!_notifier || !_sourceWatcher)
-        return;
-    const QDir& source = _sourceWatcher->directory();
-    QMap<QString, FileSystemEvent> relative;
-    for (auto event = events.cbegin(); event != events.cend(); ++event)
-        relative.insert(source.relativeFilePath(event.key()), event.value());
-    emit _notifier->sourceProjectEvent(relative);
+    const QString path = getSourcePath();
+    const QDir source(path);
+    xRelay(path.isEmpty() ? nullptr : &source, events);
 }
 
 QString ProjectModel::getSourcePath() const
@@ -375,9 +434,10 @@ void ProjectModel::importFile(const ProjectModel& other, const QString& sourceRe
 
 void ProjectModel::importFromSource(const QString& relative, bool overwrite)
 {
-    if (!_sourceWatcher)
+    const QString source = getSourcePath();
+    if (source.isEmpty())
         throw PathNotFound("the project has no source to import from");
-    importFile(_sourceWatcher->directory().filePath(relative), relative, overwrite);
+    importFile(QDir(source).filePath(relative), relative, overwrite);
 }
 
 void ProjectModel::exportFile(
@@ -467,6 +527,8 @@ void ProjectModel::recoverWorkspace(const RecoverableWorkspace& workspace)
         throw IOWriteError(utf8(QStringLiteral("cannot take over %1").arg(workspace.path)));
     }
     detail::removeWorkspace(workspace.path); // only its record is left there
+    // What its process left in it while writing its metadata file, so that no save packs it.
+    zo::os::removeEndedLeftovers(detail::encoded(adopted).toStdString());
     // The directory keeps the time of its dead owner's last write, from before this process's
     // mark; stamped now, it is judged by that mark.
     if (const zo::os::UniqueFd directory = zo::os::openDirectory(QFile::encodeName(adopted)))
@@ -474,10 +536,7 @@ void ProjectModel::recoverWorkspace(const RecoverableWorkspace& workspace)
             directory.get(), { timespec { 0, UTIME_OMIT }, timespec { 0, UTIME_NOW } });
     xReset();
     _project = std::make_unique<ProjectWatcher>(adopted, true, nullptr);
-    if (!workspace.sourcePath.isEmpty()) {
-        _sourceWatcher = std::make_unique<ProjectWatcher>(workspace.sourcePath, true, nullptr);
-        xInitProject(_sourceWatcher.get());
-    }
+    xWatchSource(workspace.sourcePath);
     xSetSource(workspace.sourcePath, workspace.format);
     _sourceVersion = held(record ? record->sourceVersion : versionOf(workspace.sourcePath));
     detail::writeRecord(
@@ -513,24 +572,67 @@ void ProjectModel::xReset()
             zo::os::OwnerMark::keepUntilExit(_mark);
         }
     }
-    _sourceWatcher.reset();
+    xWatchSource(QString());
     xSetSaved(true);
+}
+
+// The watcher goes on the notifier's thread and is deleted where and when no check of it runs:
+// on that thread unless its own report is running, else through that thread's event loop; where
+// the thread has none, no timer runs it and a check holds it, so it goes at once.
+void ProjectModel::xWatchSource(const QString& path)
+{
+    std::shared_ptr<ProjectWatcher> watcher;
+    if (!path.isEmpty()) {
+        watcher.reset(
+            new ProjectWatcher(path, true, nullptr), [gate = _gate](ProjectWatcher* gone) {
+                const bool here = QThread::currentThread() == gone->thread();
+                if ((here && gate->reporting != gone)
+                    || !QAbstractEventDispatcher::instance(gone->thread()))
+                    delete gone;
+                else
+                    gone->deleteLater();
+            });
+        xInitProject(watcher.get());
+    }
+    const QMutexLocker lock(&_watcherMutex);
+    _sourceWatcher.swap(watcher); // the previous one goes once the lock is released
+    if (_sourceWatcher)
+        applyWatching(_sourceWatcher.get(), _watching);
 }
 
 // Only for the source watcher: the workspace is never polled.
 void ProjectModel::xInitProject(ProjectWatcher* watcher)
 {
-    ProjectModel* model = this;
+    const QDir source = watcher->directory();
     QObject::connect(
         watcher, qOverload<const QMap<QString, FileSystemEvent>&>(&ProjectWatcher::contentChanged),
         watcher,
-        [model, alive = std::weak_ptr<const bool>(_alive)](
-            const QMap<QString, FileSystemEvent>& events) {
-            if (!alive.expired())
-                model->onSourceContentChanged(events);
+        [gate = _gate, watcher, source](const QMap<QString, FileSystemEvent>& events) {
+            const std::lock_guard lock(gate->mutex);
+            if (!gate->model)
+                return;
+            gate->reporting = watcher;
+            gate->model->xRelay(&source, events);
+            gate->reporting = nullptr;
         },
         Qt::DirectConnection);
-    watcher->enableWatching(_watching);
+    if (_notifier)
+        watcher->moveToThread(_notifier->thread());
+}
+
+// Relays source events, by path relative to the source's directory (none: the flag alone).
+void ProjectModel::xRelay(const QDir* source, const QMap<QString, FileSystemEvent>& events)
+{
+    if (events.isEmpty())
+        return;
+    xSetSaved(false);
+    // A model moved from has no notifier; its flag is all that is left to change.
+    if (!_notifier || !source)
+        return;
+    QMap<QString, FileSystemEvent> relative;
+    for (auto event = events.cbegin(); event != events.cend(); ++event)
+        relative.insert(source->relativeFilePath(event.key()), event.value());
+    emit _notifier->sourceProjectEvent(relative);
 }
 
 QString ProjectModel::xResolve(const QString& relative) const

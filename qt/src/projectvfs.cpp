@@ -6,6 +6,7 @@
 #include "projectvfs_impl.h"
 #include "savejournal.h"
 
+#include <zo/leftover.h>
 #include <zo/log.h>
 #include <zo/os.h>
 #include <zo/owner.h>
@@ -530,6 +531,14 @@ void ProjectVFS::xRestoreInterruptedCommits()
     _impl->restoredWhenOpened.clear();
     if (_impl->unfinished == Unfinished::Leave)
         return;
+    // The marks crashed editors left in the root, once every swap file they mark is gone.
+    // Hidden temporaries stay for status to list and the next save beside them to remove.
+    zo::os::removeEndedLeftovers(detail::encoded(_impl->absolutePath()).toStdString(),
+        zo::os::Cleanup::OwnerMarks, [this](int pid) {
+            const auto& found = _impl->foundWhenOpened;
+            return std::any_of(found.begin(), found.end(),
+                [pid](const RecoverableInfo& info) { return info.pid == pid; });
+        });
 
     zo::os::OwnerMarks marks;
     for (const RecoverableInfo& info : _impl->foundWhenOpened) {

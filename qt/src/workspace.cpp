@@ -44,7 +44,10 @@ QString createWorkspaceDirectory()
 
 bool writeRecord(const QString& workspace, const WorkspaceRecord& record)
 {
-    QJsonObject fields { { QStringLiteral("source"), record.sourcePath },
+    // Absolute, as the recovery may run in another working directory.
+    const QString source
+        = record.sourcePath.isEmpty() ? QString() : QFileInfo(record.sourcePath).absoluteFilePath();
+    QJsonObject fields { { QStringLiteral("source"), source },
         { QStringLiteral("format"), static_cast<int>(record.format) } };
     if (const auto& version = record.sourceVersion)
         // As text: JSON numbers do not hold 64 bits.
@@ -67,7 +70,11 @@ std::optional<WorkspaceRecord> readRecord(const QString& workspace)
     if (!file.open(QIODevice::ReadOnly))
         return std::nullopt;
     const QJsonObject fields = QJsonDocument::fromJson(file.readAll()).object();
-    WorkspaceRecord record { fields.value(QStringLiteral("source")).toString(),
+    // Older versions stored the path as given: relative to a working directory unknown now.
+    QString source = fields.value(QStringLiteral("source")).toString();
+    if (QDir::isRelativePath(source))
+        source.clear();
+    WorkspaceRecord record { source,
         static_cast<ArchiveFormat>(
             fields.value(QStringLiteral("format")).toInt(static_cast<int>(ArchiveFormat::Native))),
         std::nullopt };
@@ -120,17 +127,18 @@ void replaceDirectory(const QString& replacement, const QString& target)
     const QByteArray from = encoded(replacement);
     const QByteArray to = encoded(target);
     zo::os::ReplaceStep failed {};
+    std::string previous;
     // The whole tree with one flush of its file system, at a small part of the cost of a sync
     // per file.
     if (!zo::os::syncFileSystem(from.constData()))
         failed = zo::os::ReplaceStep::SyncFile;
-    else if (zo::os::exchangeDurably(from.constData(), to.constData(), failed))
-        return removeQuietly(replacement); // the previous tree, swapped out of the way
+    else if (zo::os::swapIntoPlace(from.toStdString(), to.toStdString(), previous, failed))
+        return removeQuietly(decodedPath(previous)); // the previous tree, swapped out of the way
     // Not swapped, the new tree goes; swapped, the previous one stays whole under the hidden
     // name, as a system crash could still undo the swap.
     const int error = errno;
     if (failed != zo::os::ReplaceStep::SyncDirectory)
-        removeQuietly(replacement);
+        removeQuietly(previous.empty() ? replacement : decodedPath(previous));
     const char* step = failed == zo::os::ReplaceStep::SyncFile ? "sync the replacement of"
         : failed == zo::os::ReplaceStep::Rename                ? "replace"
                                                                : "sync the directory of";

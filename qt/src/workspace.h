@@ -24,10 +24,11 @@ struct WorkspaceRecord {
 // other model took meanwhile); IOWriteError when the temporary directory refuses it.
 QString createWorkspaceDirectory();
 
-// Replaces the record atomically. The record only helps a later recovery, so a failure to
-// write it is not the user's operation's failure: it returns false.
+// Replaces the record atomically; the source path is stored absolute. The record only helps a later
+// recovery, so a failure to write it is not the user's operation's failure: it returns false.
 bool writeRecord(const QString& workspace, const WorkspaceRecord& record);
-// None for a workspace of an older version, which kept no record.
+// None for a workspace of an older version, which kept no record; a relative source path, as
+// older versions stored it, reads as none.
 std::optional<WorkspaceRecord> readRecord(const QString& workspace);
 // Removes the workspace tree, then its record; errors of the tree's removal propagate.
 void removeWorkspace(const QString& workspace);
@@ -40,9 +41,10 @@ QDateTime lastModifiedOf(const QString& workspace);
 // A hidden path beside target that does not exist yet, for writing target's replacement.
 QString temporaryPathBeside(const QString& target);
 // Puts the directory tree replacement, written beside the directory target, in its place
-// durably (zo/replace.h) and removes the previous tree. IOWriteError when a step fails: target
-// is then as it was and replacement removed, unless the last flush failed, when target holds the
-// new tree and the previous one stays under replacement's name.
+// durably (swapIntoPlace of zo/replace.h) and removes the previous tree. IOWriteError when a
+// step fails: target is then as it was and replacement removed, unless the last flush failed,
+// when target holds the new tree and the previous one stays beside it under a hidden name of
+// purpose "replaced".
 void replaceDirectory(const QString& replacement, const QString& target);
 
 } // namespace zo::project::detail

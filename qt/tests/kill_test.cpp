@@ -1,10 +1,12 @@
 // A process killed at each system call that can change a file system while it unpacks into a
 // new directory or one holding the user's files, or saves an archive project safely: what it
 // wrote to is the old content or the complete new one, and anything else it left has a hidden
-// name that tells its purpose and owner, or is a workspace with its record.
+// name that tells its purpose and owner, or is a workspace with its record; the next save beside
+// it removes all that once the killed process is gone, but a tree that may hold the user's data.
 
 #include <zo/file.h>
 #include <zo/project/archive.h>
+#include <zo/project/projectmodel.h>
 #include <zo/test/support.h>
 
 #include <QCoreApplication>
@@ -82,6 +84,15 @@ protected:
                         EXPECT_TRUE(named.contains(name) || name.contains("zo_project_model_")
                             || zo::os::parseHiddenName(QFile::encodeName(name).toStdString()))
                             << name.toStdString();
+                zo::project::ProjectModel().save(work + "/again.zip", {}, true);
+                // Only a tree that may hold the user's data stays, with the mark that covers it;
+                // the marks in the temporary directory cover its workspaces.
+                const auto left = [](const QString& directory, const char* pattern) {
+                    return QDir(directory).entryList({ pattern }, QDir::Hidden | QDir::AllEntries);
+                };
+                EXPECT_EQ(left(work, ".*zo-[^or]*") + left(temp, ".*zo-[^o]*")
+                        + (left(work, ".*zo-r*").isEmpty() ? left(work, ".zo-o*") : QStringList()),
+                    QStringList());
             }
     }
 

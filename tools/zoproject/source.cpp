@@ -18,10 +18,11 @@ ProjectSource::ProjectSource(const QString& path, const QCommandLineParser& pars
 {
     if (_format == zo::project::ArchiveFormat::Directory)
         return;
-    const QString pattern
-        = QFile::decodeName(QByteArray::fromStdString(zo::os::hiddenTemplateBeside(
-            QFile::encodeName(QFileInfo(qtPath(path)).absoluteFilePath()).toStdString(),
-            "unpack")));
+    const std::string absolute
+        = QFile::encodeName(QFileInfo(qtPath(path)).absoluteFilePath()).toStdString();
+    _mark = zo::os::OwnerMark::holdBeside(absolute);
+    const QString pattern = QFile::decodeName(
+        QByteArray::fromStdString(zo::os::hiddenTemplateBeside(absolute, "unpack")));
     _unpacked = std::make_unique<QTemporaryDir>(pattern);
     if (!_unpacked->isValid())
         throw std::runtime_error("'" + bytesOf(path)

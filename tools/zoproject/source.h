@@ -2,6 +2,7 @@
 
 // A project named on the command line by its directory or by an archive of it, to be changed.
 
+#include <zo/owner.h>
 #include <zo/project/archive.h>
 
 #include <QCommandLineParser>
@@ -29,6 +30,8 @@ public:
 private:
     QString _path;
     zo::project::ArchiveFormat _format;
+    // This process's owner mark beside the archive, held while the unpacked copy is there.
+    std::shared_ptr<zo::os::OwnerMark> _mark;
     std::unique_ptr<QTemporaryDir> _unpacked;
 };
 

@@ -4,17 +4,82 @@
 #include "scan.h"
 #include "workspaces.h"
 
+#include <zo/leftover.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QLocale>
 #include <QSet>
 
 #include <algorithm>
+#include <set>
 
 namespace zo::cli {
 namespace {
 
 using Save = zo::project::ProjectVFS::InterruptedSave;
+using zo::os::Leftover;
+
+// By OwnerInfo::State.
+const char* const kStates[] = { "running", "ended", "in use elsewhere" };
+
+const char* stateOf(zo::os::Liveness liveness)
+{
+    return kStates[liveness == zo::os::Liveness::Running ? 0
+            : liveness == zo::os::Liveness::Ended        ? 1
+                                                         : 2];
+}
+
+// What interrupted steps left under hidden names: in the directory, beside it under its name,
+// and beside the archive workspaces in the temporary directory. The journals of interrupted
+// saves are shown with their saves.
+std::vector<Leftover> leftoversOf(const QString& directory)
+{
+    const QFileInfo info(directory);
+    const std::string besideName = "." + QFile::encodeName(info.fileName()).toStdString() + ".zo-";
+    std::vector<Leftover> found;
+    std::set<std::string> seen;
+    for (const QString& place : { directory, info.path(), QDir::tempPath() })
+        for (Leftover& leftover : zo::os::findLeftovers(QFile::encodeName(place).toStdString())) {
+            const std::string name = leftover.path.substr(leftover.path.rfind('/') + 1);
+            const bool ofIt
+                = place == directory || place == QDir::tempPath() || name.rfind(besideName, 0) == 0;
+            if (ofIt && leftover.name.purpose != "journal" && seen.insert(leftover.path).second)
+                found.push_back(std::move(leftover));
+        }
+    return found;
+}
+
+void printLeftovers(const std::vector<Leftover>& leftovers)
+{
+    if (leftovers.empty())
+        return;
+    print(QStringLiteral("Left by interrupted steps (the next save or load beside them removes "
+                         "those whose process has ended):"));
+    for (const Leftover& leftover : leftovers)
+        print(QStringLiteral("  %1  (%2, process %3, %4%5)")
+                  .arg(QFile::decodeName(QByteArray::fromStdString(leftover.path)),
+                      QString::fromStdString(leftover.name.purpose))
+                  .arg(leftover.name.pid)
+                  .arg(QLatin1String(stateOf(leftover.owner)),
+                      leftover.holdsData ? QStringLiteral("; may hold data: kept for you to check")
+                                         : QString()));
+}
+
+QJsonArray leftoversJson(const std::vector<Leftover>& leftovers)
+{
+    QJsonArray array;
+    for (const Leftover& leftover : leftovers)
+        array.append(
+            QJsonObject { { "path", QFile::decodeName(QByteArray::fromStdString(leftover.path)) },
+                { "purpose", QString::fromStdString(leftover.name.purpose) },
+                { "pid", leftover.name.pid }, { "ownerState", stateOf(leftover.owner) },
+                { "holdsData", leftover.holdsData } });
+    return array;
+}
 
 QString age(const QDateTime& time)
 {
@@ -81,7 +146,7 @@ void printSaves(const std::vector<Save>& saves)
 }
 
 void printText(const std::vector<Save>& saves, const std::vector<SwapFile>& swapFiles,
-    const Workspaces& workspaces, int count)
+    const Workspaces& workspaces, const std::vector<Leftover>& leftovers, int count)
 {
     printSaves(saves);
     printSwapFiles(swapFiles, Owner::State::Ended,
@@ -94,13 +159,11 @@ void printText(const std::vector<Save>& saves, const std::vector<SwapFile>& swap
         QStringLiteral("Recoverable archive workspaces (their process has ended):"));
     printWorkspaces(workspaces.others,
         QStringLiteral("Archive workspaces of other directories (not counted here):"));
+    printLeftovers(leftovers);
     print(count == 0
             ? QStringLiteral("Nothing to recover.")
             : QStringLiteral("%1 to recover: see \"zoproject recover --help\".").arg(count));
 }
-
-// By OwnerInfo::State.
-const char* const kStates[] = { "running", "ended", "in use elsewhere" };
 
 QJsonObject toJson(const SwapFile& swap)
 {
@@ -147,6 +210,7 @@ int status(const QCommandLineParser& parser)
                         }),
         swapFiles.end());
     const Workspaces workspaces = workspacesOf(project.path());
+    const std::vector<Leftover> leftovers = leftoversOf(project.path());
     const int count = static_cast<int>(std::count_if(saves.begin(), saves.end(),
                           [](const Save& save) { return save.owner.state == Owner::State::Ended; }))
         + recoverableCount(swapFiles) + static_cast<int>(workspaces.belonging.size());
@@ -160,9 +224,10 @@ int status(const QCommandLineParser& parser)
         printJson(QJsonDocument(QJsonObject { { "directory", project.path() },
             { "recoverable", count }, { "interruptedSaves", savesArray }, { "swapFiles", array },
             { "workspaces", workspacesJson(workspaces.belonging) },
-            { "otherWorkspaces", workspacesJson(workspaces.others) } }));
+            { "otherWorkspaces", workspacesJson(workspaces.others) },
+            { "leftovers", leftoversJson(leftovers) } }));
     } else {
-        printText(saves, swapFiles, workspaces, count);
+        printText(saves, swapFiles, workspaces, leftovers, count);
     }
     return count == 0 ? kSuccess : kRecoverable;
 }

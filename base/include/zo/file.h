@@ -188,6 +188,16 @@ ZO_EXPORT bool makeUniqueDirectoryAt(int directory, std::string& nameTemplate, m
 /// Creates a new file for writing in the open directory, named after nameTemplate as
 /// makeUniqueDirectory names a directory, with mode less the umask. The caller removes it.
 ZO_EXPORT UniqueFd createUniqueFileAt(int directory, std::string& nameTemplate, mode_t mode);
+/// Creates a file that has no name yet (O_TMPFILE) in the directory name, relative to the open
+/// directory (AT_FDCWD: the working directory), open for writing: no one sees it before
+/// linkUnnamedFile names it, and a crash leaves nothing. EOPNOTSUPP, EISDIR or EINVAL where the
+/// file system has no unnamed files.
+ZO_EXPORT UniqueFd createUnnamedFile(int directory, const char* name, mode_t mode);
+/// Gives a file from createUnnamedFile the name name in the open directory (or AT_FDCWD); EEXIST
+/// when it is taken.
+ZO_EXPORT bool linkUnnamedFile(int descriptor, int directory, const char* name);
+/// Gives it a name made from pathTemplate as createTemporaryFile makes one.
+ZO_EXPORT bool linkUnnamedFileUnique(int descriptor, std::string& pathTemplate);
 /// Creates the directory name in the open directory with mode less the umask.
 ZO_EXPORT bool makeDirectoryAt(int directory, const char* name, mode_t mode);
 /// Creates the symbolic link name to target in the open directory.
@@ -227,6 +237,12 @@ ZO_EXPORT bool remove(const char* path);
 ZO_EXPORT bool removeAt(int directory, const char* name);
 /// Removes an empty directory.
 ZO_EXPORT bool removeDirectoryAt(int directory, const char* name);
+/// Removes name in the open directory, and for a directory all it holds, through descriptors
+/// only: a link is removed as a link and never followed, also when a directory on the way is
+/// replaced by one meanwhile, and a directory on another file system (a mount point) is not
+/// entered (EXDEV). Stops at the first entry that cannot be removed (errno set); what was
+/// removed until then stays removed.
+ZO_EXPORT bool removeTreeAt(int directory, const char* name);
 
 /// Access and modification time; a tv_nsec of UTIME_OMIT leaves that time as it is.
 using FileTimes = std::array<timespec, 2>;

@@ -4,11 +4,13 @@
 #include <zo/zo_export.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// @file
@@ -61,6 +63,10 @@ public:
     /// same directory (however named) while any holder keeps it. Null when the directory
     /// refuses the mark (errno set); a file system that refuses the lock is recorded as such.
     static std::shared_ptr<OwnerMark> hold(const std::string& directory);
+    /// This process's mark in the directory that holds path, as hold makes it: held by a step
+    /// that writes a file there under a hidden name (zo/file.h) from before it creates the file
+    /// until it has removed or renamed it, so that what a crash leaves is judged by the mark.
+    static std::shared_ptr<OwnerMark> holdBeside(const std::string& path);
     /// Keeps mark until this process exits: for files left pending after their last user went.
     static void keepUntilExit(std::shared_ptr<OwnerMark> mark);
 
@@ -138,6 +144,13 @@ public:
     /// mark shows it, or cannot tell): a backup found there may be that process's.
     bool othersMayBeReplacing(const std::string& directory);
 
+    /// Removes the owner marks among directory's own entries whose process is proven ended and
+    /// that mark nothing any more: no file they noted (noteSource) is there, and
+    /// namedAfter(pid) says that nothing else named after their process is left. A removal
+    /// that fails is left for a later call.
+    void removeEndedMarks(
+        const std::string& directory, const std::function<bool(int pid)>& namedAfter);
+
 private:
     struct Mark;
     struct Directory;
@@ -160,6 +173,9 @@ private:
     std::map<std::string, std::unique_ptr<Directory>> _directories;
     std::map<std::string, std::string> _resolved;
 };
+
+/// Whether name (a last component) is an owner mark's, ".zo-owner-<pid>.<unique>".
+ZO_EXPORT bool isOwnerMarkName(std::string_view name);
 
 /// The time a file status reports as its modification.
 ZO_EXPORT std::chrono::system_clock::time_point modificationTime(const FileStatus& status);

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <zo/file.h>
+#include <zo/owner.h>
 #include <zo/zo_export.h>
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -30,7 +32,8 @@ public:
     /// Creates the hidden file beside target (hiddenTemplateBeside(target, purpose)) with
     /// target's permissions, and its owner and group where this process may set them; with
     /// those of any new file (0666 less the umask) when target does not exist. False as a bool
-    /// when the file cannot be made (step Create).
+    /// when the file cannot be made (step Create). Holds this process's owner mark beside
+    /// target (OwnerMark::holdBeside) for its lifetime.
     FileReplacement(std::string target, std::string_view purpose);
     /// Removes the hidden file unless it has taken target's place.
     ~FileReplacement();
@@ -56,6 +59,7 @@ private:
     bool failAt(ReplaceStep step);
 
     std::string _target;
+    std::shared_ptr<OwnerMark> _mark;
     std::string _path;
     UniqueFd _fd;
     ReplaceStep _failed = ReplaceStep::Create;
@@ -76,5 +80,19 @@ ZO_EXPORT bool renameDurably(const char* from, const char* to, ReplaceStep& fail
 /// step (exchange) and flushes to's directory; the previous tree is then under from, for the
 /// caller to remove. On failure, failed is Rename (nothing changed) or SyncDirectory.
 ZO_EXPORT bool exchangeDurably(const char* from, const char* to, ReplaceStep& failed);
+
+/// The purpose (zo/file.h) of a hidden tree that is swapped with a directory by swapIntoPlace:
+/// once swapped it holds the directory's previous content, which may be the user's only copy of
+/// something, so cleanup (zo/leftover.h) never removes it.
+inline constexpr std::string_view kReplacedPurpose = "replaced";
+
+/// exchangeDurably for a tree written under a hidden name beside the existing directory to:
+/// the tree is first renamed to the hidden name of purpose kReplacedPurpose beside to (returned
+/// in previous), then swapped with to. From the rename on, whatever that name holds (the new
+/// tree until the swap, the previous one after it) is left to the caller and never to cleanup.
+/// On failure, failed is Rename (to is as it was; the new tree is under previous unless
+/// previous is empty) or SyncDirectory.
+ZO_EXPORT bool swapIntoPlace(
+    const std::string& tree, const std::string& to, std::string& previous, ReplaceStep& failed);
 
 } // namespace zo::os

@@ -50,17 +50,20 @@ struct ZOPROJECT_EXPORT ArchiveError : std::runtime_error {
 /// - an existing directory with entries is swapped with it (RENAME_EXCHANGE), after everything
 ///   destination holds that the archive does not replace was added to it: files, links and
 ///   other entries as hard links to the very same files (never copies), directories made anew
-///   with their mode, times and owner. The new tree is flushed before the swap. The previous
-///   tree, now under the hidden name, is removed; unless another program added or changed
-///   something in it meanwhile, when it stays and a warning tells where.
+///   with their mode, times and owner. The new tree is flushed and renamed to a hidden name of
+///   purpose "replaced" before the swap (zo::os::swapIntoPlace). The previous tree, now under
+///   that name, is removed; unless another program added or changed something in it meanwhile,
+///   when it stays and a warning tells where.
 ///
 /// So a failure, a cancel or a kill at any point leaves destination as it was (every file byte
 /// for byte, nothing added) or complete, and at most one hidden directory beside it whose name
-/// tells its purpose ("unpack") and process (zo::os::parseHiddenName): the unfinished new tree,
-/// or the previous one, both safe to remove. A system crash may also lose what a new destination
-/// received, never what an existing one held. Refused before any change: a destination that is
-/// not a directory, a mount point (unpack into a directory inside it), a destination holding a
-/// mount point, a directory the archive would replace by a file or link, and an existing
+/// tells its purpose and process (zo::os::parseHiddenName), with that process's owner mark:
+/// "unpack", the unfinished new tree; or "replaced", the new tree or the previous one. Each
+/// import and export first removes what ended ones left beside its source and destination
+/// (zo::os::removeEndedLeftovers), never a "replaced" tree. A system crash may also lose what a new
+/// destination received, never what an existing one held. Refused before any change: a destination
+/// that is not a directory, a mount point (unpack into a directory inside it), a destination
+/// holding a mount point, a directory the archive would replace by a file or link, and an existing
 /// directory on a file system without hard links or directory swaps. An existing destination's
 /// directories become new ones: extended attributes and ACLs of directories are not kept, and
 /// the cost grows with what destination holds, not only with the archive.
@@ -79,7 +82,8 @@ ZOPROJECT_EXPORT void importProject(
 /// or the export refuses: a zip or zop holds only UTF-8 names in composed form (NFC) without a
 /// backslash, a 7z UTF-8 in composed form; a tar and a directory hold any name. A refusal
 /// throws ArchiveError naming the archive and the entry and leaves no archive (one that was at
-/// destination stays as it was); so does any other failure.
+/// destination stays as it was); so does any other failure. Owner marks (zo/owner.h) in source
+/// are left out: they tell of processes, not of the project.
 /// @throws UnsupportedFormat when format is no ArchiveFormat value, or Auto meets a name that
 /// tells no format.
 /// @throws ArchiveError when source cannot be read, a name is refused or the archive cannot be

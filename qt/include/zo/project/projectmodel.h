@@ -8,6 +8,7 @@
 
 #include <QByteArray>
 #include <QDateTime>
+#include <QDir>
 #include <QMap>
 #include <QMutex>
 #include <QSet>
@@ -27,6 +28,10 @@ struct FileVersion;
 
 namespace zo::project {
 
+namespace detail {
+struct SourceGate;
+}
+
 /// A fresh absolute path "<temp>/zo_project_model_<pid>_<n>" that does not exist yet, n counted
 /// from 0 on every call. Nothing is created.
 ZOPROJECTQT_EXPORT QString xGetNewTempPath();
@@ -40,7 +45,10 @@ ZOPROJECTQT_EXPORT QString xGetNewTempPath();
 ///
 /// Operations on the workspace, load and save hold one non-recursive mutex, so a model may be
 /// used from several threads; signals are emitted while it is held, so a slot connected
-/// directly must not call back into a locking operation of the same model.
+/// directly must not call back into a locking operation of the same model. The source watcher
+/// belongs to the thread that made the model (the notifier's): its timer runs there and source
+/// events arrive there, whichever thread loads, saves or switches watching; calls made on other
+/// threads are queued to it. Watching needs that thread to run a Qt event loop.
 class ZOPROJECTQT_EXPORT ProjectModel {
 public:
     /// The workspace of a process that ended without removing it.
@@ -89,7 +97,12 @@ public:
         ProjectVFS::SourceChanges changes = ProjectVFS::SourceChanges::Refuse);
 
     /// Starts or stops polling the source for changes by other programs, reported through
-    /// notifier(); the choice carries over to the next source.
+    /// notifier() on the thread that made the model; the choice carries over to the next
+    /// source. Called on another thread, the timer starts or stops once that thread's event
+    /// loop gets to it.
+    /// @throws std::logic_error, changing nothing, when enable is true and the thread that made
+    /// the model has no Qt event loop (a thread not started by QThread, or the main thread
+    /// without a QCoreApplication), where no timer can run.
     void enableWatching(bool enable);
     /// Whether polling is on.
     bool isWatching() const;
@@ -98,7 +111,8 @@ public:
     bool isSaved() const;
     /// The model's signals; owned by the model.
     detail::Notifier* notifier() const;
-    /// Checks the source now; a non-empty referenceList states what the previous check saw.
+    /// Checks the source now (on another thread than the model's: once the model's thread gets
+    /// to it); a non-empty referenceList states what the previous check saw.
     void checkSourcePendingChanges(const QSet<QString>& referenceList);
     /// Takes the source watcher's report: unsaved, and events relayed through notifier() by
     /// path relative to the source.
@@ -190,7 +204,9 @@ public:
 private:
     void xSetSaved(bool saved);
     void xReset();
+    void xWatchSource(const QString& path);
     void xInitProject(ProjectWatcher* watcher);
+    void xRelay(const QDir* source, const QMap<QString, FileSystemEvent>& events);
     QString xResolve(const QString& relative) const;
     void xSetSource(const QString& path, ArchiveFormat format);
     void xCheckRelative(const QString& path) const;
@@ -199,7 +215,9 @@ private:
     std::shared_ptr<zo::os::OwnerMark> _mark;
     std::unique_ptr<detail::Notifier> _notifier;
     QString _sourcePath;
-    std::unique_ptr<ProjectWatcher> _sourceWatcher;
+    // Lives on the notifier's thread; shared with a check that runs on it, so that it is never
+    // deleted under the check. Guarded by _watcherMutex.
+    std::shared_ptr<ProjectWatcher> _sourceWatcher;
     std::unique_ptr<ProjectWatcher> _project;
     // The source's version when it was loaded or last saved; null when there was none. Held by
     // pointer, as libzo's types stay out of the public headers.
@@ -207,11 +225,14 @@ private:
     mutable QMutex _mutex;
     // Guards _sourcePath alone, which getSourcePath reads without the model's mutex.
     mutable QMutex _sourcePathMutex;
+    // Guards _sourceWatcher and _watching, which the watching calls reach without the model's
+    // mutex; never held while a signal is emitted.
+    mutable QMutex _watcherMutex;
     std::atomic<ArchiveFormat> _sourceFormat { ArchiveFormat::Native };
     std::atomic<bool> _watching { false };
     std::atomic<bool> _saved { true };
-    // Expires with this object; connections made for it stop calling it then.
-    std::shared_ptr<const bool> _alive = std::make_shared<const bool>(true);
+    // Closed when this object goes; the source watchers' reports pass through it.
+    std::shared_ptr<detail::SourceGate> _gate;
 };
 
 } // namespace zo::project
