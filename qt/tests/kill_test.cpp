@@ -7,43 +7,26 @@
 #include <zo/project/archive.h>
 #include <zo/test/support.h>
 
-#include <QCoreApplication>
-#include <QDirIterator>
-#include <QMap>
-#include <QProcess>
-#include <QStandardPaths>
+#include <QDir>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
 namespace {
 
+using zo::test::filesBelow;
 using zo::test::readFile;
 using zo::test::writeFile;
 using Files = QMap<QString, QByteArray>;
 
-const char* const kCalls[] = { "openat", "mkdir", "mkdirat", "write", "pwrite64", "fsync", "syncfs",
+const QStringList kCalls = { "openat", "mkdir", "mkdirat", "write", "pwrite64", "fsync", "syncfs",
     "fchmod", "fchown", "utimensat", "ftruncate", "linkat", "symlinkat", "rename", "renameat2",
     "unlink", "unlinkat", "rmdir" };
-
-// Every file below root with its content, hidden ones too.
-Files filesIn(const QString& root)
-{
-    Files files;
-    for (QDirIterator it(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-         it.hasNext();) {
-        const QString path = it.next();
-        files.insert(QDir(root).relativeFilePath(path), readFile(path));
-    }
-    return files;
-}
 
 class KillAtEveryCall : public testing::Test {
 protected:
     void SetUp() override
     {
-        if (QStandardPaths::findExecutable("strace").isEmpty())
-            GTEST_SKIP() << "strace is missing";
         writeFile(scratch.filePath("source/a.txt"), "archive's");
         writeFile(scratch.filePath("source/sub/new.txt"), "new");
         QDir().mkpath(temp);
@@ -51,30 +34,18 @@ protected:
     }
     void TearDown() override { qputenv("TMPDIR", previousTemp); }
 
-    // Runs archive_child with arguments over a fresh copy of before in work, killed at each
-    // call of kCalls in turn until it gets that far no more; check sees what each kill left.
+    // Runs project_child with arguments over a fresh copy of before in work, killed at each call
+    // in turn; check sees what each kill left, and only the names in named are not hidden ones.
     void killEverywhere(const Files& before, const QStringList& arguments, const QStringList& named,
         const std::function<void()>& check)
     {
-        for (const char* call : kCalls)
-            for (int nth = 1;; ++nth) {
-                SCOPED_TRACE(std::string(call) + " " + std::to_string(nth));
-                QDir(work).removeRecursively();
-                for (auto file = before.cbegin(); file != before.cend(); ++file)
-                    writeFile(work + "/" + file.key(), file.value());
-                QProcess child;
-                // The leak checker of a sanitizer build cannot work under a tracer.
-                child.start("strace",
-                    QStringList { "-f", "-qq", "-o", "/dev/null", "-E",
-                        "ASAN_OPTIONS=detect_leaks=0", "-e",
-                        QStringLiteral("inject=%1:signal=SIGKILL:when=%2").arg(call).arg(nth),
-                        QCoreApplication::applicationDirPath() + "/archive_child" }
-                        + arguments);
-                ASSERT_TRUE(child.waitForFinished(60000));
-                if (child.exitStatus() == QProcess::NormalExit) {
-                    EXPECT_EQ(child.exitCode(), 0) << child.readAllStandardError().toStdString();
-                    break;
-                }
+        const auto prepare = [&] {
+            QDir(work).removeRecursively();
+            for (auto file = before.cbegin(); file != before.cend(); ++file)
+                writeFile(work + "/" + file.key(), file.value());
+        };
+        zo::test::killAtEveryCall(
+            kCalls, QStringList { "project_child" } + arguments, prepare, [&] {
                 check();
                 for (const QString& directory : { work, temp })
                     for (const QString& name : QDir(directory).entryList(
@@ -82,7 +53,7 @@ protected:
                         EXPECT_TRUE(named.contains(name) || name.contains("zo_project_model_")
                             || zo::os::parseHiddenName(QFile::encodeName(name).toStdString()))
                             << name.toStdString();
-            }
+            });
     }
 
     const QTemporaryDir scratch;
@@ -106,7 +77,7 @@ TEST_F(KillAtEveryCall, UnpackLeavesTheDestinationOldOrComplete)
     for (const char* destination : { "user", "new/destination" })
         killEverywhere(
             before, { "unpack", archive, work + "/" + destination }, { "user", "new" }, [&] {
-                const Files left = filesIn(work + "/" + destination);
+                const Files left = filesBelow(work + "/" + destination);
                 if (destination == std::string("user"))
                     EXPECT_TRUE(left == user || left == merged);
                 else

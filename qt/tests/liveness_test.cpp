@@ -40,11 +40,11 @@ bool canUnsharePids()
     return allowed;
 }
 
-// Runs liveness_child; given sandboxPid, in a sandbox: a pid namespace of its own, where it has
+// Runs project_child; given sandboxPid, in a sandbox: a pid namespace of its own, where it has
 // that id. An id that no process here has keeps a wrong verdict from passing by luck.
 void startChild(QProcess& process, const QStringList& arguments, pid_t sandboxPid = 0)
 {
-    const QString child = QCoreApplication::applicationDirPath() + "/liveness_child";
+    const QString child = QCoreApplication::applicationDirPath() + "/project_child";
     if (sandboxPid != 0)
         process.start("unshare",
             QStringList { "--pid", "--fork", "--mount-proc", "--kill-child", "sh", "-c",
@@ -175,28 +175,6 @@ TEST(Liveness, WorkspacesOfLiveModelsAreNeitherListedNorAbandoned)
     qputenv("TMPDIR", previous);
 }
 
-// An editor killed with a pending change noted the version of the source it started from: a
-// change another program made since shows, and stops the commit of the recovered file.
-TEST(Liveness, RecoveredFileKeepsTheSourceVersionItsOwnerNoted)
-{
-    const QTemporaryDir dir;
-    writeFile(dir.filePath("a.txt"), "old");
-    QProcess editor;
-    startChild(editor, { "hold", dir.path(), "a.txt" });
-    ASSERT_TRUE(editor.waitForReadyRead(20000));
-    editor.kill();
-    editor.waitForFinished();
-    writeFile(dir.filePath("a.txt"), "changed meanwhile");
-    ProjectVFS project(dir.path());
-    const auto found = project.recoverableFiles();
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_TRUE(project.inspect(found).front().sourceChanged);
-    project.recoverFile(found[0]);
-    EXPECT_THROW(project.commit(), exception::SourceFileChanged);
-    project.commit(ProjectVFS::SourceChanges::Overwrite);
-    EXPECT_EQ(readFile(dir.filePath("a.txt")), "live");
-}
-
 // A sandboxed instance that ended left a swap file under the id this process has now.
 TEST(Liveness, SwapOfAnEndedProcessOfThisIdIsTakenOverWhereItLies)
 {
@@ -226,7 +204,7 @@ TEST(Liveness, RecoveryWhileAnotherProgramSavesLeavesItAlone)
 {
     const QTemporaryDir dir;
     QProcess editor;
-    startChild(editor, { "save", dir.path(), "a.txt", "100" });
+    startChild(editor, { "commit", dir.path(), "a.txt", "100" });
     while (!editor.waitForFinished(0)) {
         ProjectVFS recovery(dir.path());
         const auto found = recovery.recoverableFilesWhenOpened();

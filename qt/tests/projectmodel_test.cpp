@@ -22,6 +22,7 @@ namespace {
 using test::readFile;
 using test::thrownBy;
 using test::writeFile;
+using Step = os::fault::Step;
 
 // Each test gets a temporary directory of its own, so that the workspaces it lists are its own.
 class ArchiveProject : public ::testing::Test {
@@ -94,9 +95,9 @@ TEST_F(ArchiveProject, FailedSavesLeaveThePreviousArchiveAndNoTemporaryFile)
     model.writeFile("big.bin", QByteArray(1 << 20, 'x'));
     // Each step of a save that can fail: the sync of the new archive and its rename over the
     // target, safe or not, as every save writes beside the target.
-    using os::fault::Step;
-    for (const auto& [safe, step, nth] : { std::tuple { false, Step::Rename, 1 },
-             { true, Step::Rename, 1 }, { false, Step::SyncFile, 1 }, { true, Step::SyncFile, 1 } }) {
+    for (const auto& [safe, step, nth] :
+        { std::tuple { false, Step::Rename, 1 }, { true, Step::Rename, 1 },
+            { false, Step::SyncFile, 1 }, { true, Step::SyncFile, 1 } }) {
         os::fault::inject(step, nth, EIO);
         SCOPED_TRACE(thrownBy([&] { model.save(target, ArchiveFormat::Auto, safe); }));
         os::fault::clear();
@@ -120,6 +121,37 @@ TEST_F(ArchiveProject, FailedSavesLeaveThePreviousArchiveAndNoTemporaryFile)
             testing::StartsWith("IOWriteError: "));
         EXPECT_EQ(test::filesBelow(full), (QMap<QString, QByteArray> { { "old.tar", before } }));
     }
+}
+
+// A save that replaces a directory swaps the new tree in whole. A failed swap changes nothing;
+// when only its flush fails, the previous tree stays whole beside the target, as a system crash
+// could still undo the swap.
+TEST_F(ArchiveProject, DirectorySaveSwapsTheTreeInWholeAndKeepsThePreviousWhileItMayNotLast)
+{
+    writeFile(at("project/old.txt"), "old");
+    ProjectModel model;
+    model.writeFile("new.txt", "new");
+    const auto hidden = [&] {
+        return QDir(scratch.path())
+            .entryList({ ".*" }, QDir::Hidden | QDir::Dirs | QDir::NoDotAndDotDot);
+    };
+    // The export's own rename and flush come first, the swap's second.
+    for (const auto& [step, left] :
+        { std::pair { Step::Rename, "old.txt" }, { Step::SyncDirectory, "new.txt" } }) {
+        os::fault::inject(step, 2, EIO);
+        EXPECT_ANY_THROW(model.save(at("project"), ArchiveFormat::Directory, true));
+        os::fault::clear();
+        EXPECT_TRUE(QFile::exists(at("project/") + left)) << left;
+        const QStringList previous = hidden();
+        EXPECT_EQ(previous.size(), step == Step::Rename ? 0 : 1);
+        for (const QString& name : previous) {
+            EXPECT_EQ(readFile(at(name + "/old.txt")), "old");
+            QDir(at(name)).removeRecursively();
+        }
+    }
+    model.save(at("project"), ArchiveFormat::Directory, true);
+    EXPECT_EQ(readFile(at("project/new.txt")), "new");
+    EXPECT_TRUE(hidden().isEmpty());
 }
 
 TEST_F(ArchiveProject, FailedLoadKeepsTheOpenProject)

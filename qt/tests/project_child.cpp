@@ -1,9 +1,13 @@
-// Another program on a project, for the liveness tests; it makes no QCoreApplication.
-//   hold DIR FILE...   edits each FILE, says "ready" and keeps the edits pending until stdin ends
-//   model DIR          an archive project with an unsaved file, until killed; DIR unused
-//   adopt DIR          takes over the first recoverable workspace, until killed; DIR unused
-//   abandon DIR        prints each swap file's owner state, then abandons each
-//   save DIR FILE N    edits and commits FILE N times
+// Another program on a project, for the liveness and kill tests; it makes no QCoreApplication.
+//   hold DIR FILE...    edits each FILE, says "ready" and keeps the edits pending until stdin ends
+//   model DIR           an archive project with an unsaved file, until killed; DIR unused
+//   adopt DIR           takes over the first recoverable workspace, until killed; DIR unused
+//   abandon DIR         prints each swap file's owner state, then abandons each
+//   commit DIR FILE N   edits and commits FILE N times
+//   unpack ARCHIVE DIR  unpacks the archive into DIR
+//   save ARCHIVE        loads the archive, changes a.txt to "new" and saves it back safely
+// Status 1 tells an error from a kill.
+#include <zo/project/archive.h>
 #include <zo/project/projectmodel.h>
 #include <zo/project/projectvfs.h>
 #include <zo/project/vfsfile.h>
@@ -14,22 +18,35 @@
 #include <string>
 #include <unistd.h>
 
+using zo::project::ArchiveFormat;
+using zo::project::ProjectModel;
+
 int main(int argc, char** argv)
 {
     if (argc < 3)
         return 2;
+    const std::string mode = argv[1];
+    const QString path = QString::fromLocal8Bit(argv[2]);
     try {
-        zo::project::ProjectVFS project(QString::fromLocal8Bit(argv[2]));
-        const std::string mode = argv[1];
+        if (mode == "unpack") {
+            zo::project::importProject(argv[2], argv[3], ArchiveFormat::Auto);
+            return 0;
+        }
+        std::optional<ProjectModel> model;
+        if (mode == "save") {
+            model.emplace().load(path, ArchiveFormat::Auto);
+            model->writeFile("a.txt", "new");
+            model->save(QString(), ArchiveFormat::Native, true);
+            return 0;
+        }
+        zo::project::ProjectVFS project(path);
         if (mode == "hold" || mode == "model" || mode == "adopt") {
             for (int at = 3; at < argc; ++at)
                 project.open(QString::fromLocal8Bit(argv[at]), QIODevice::WriteOnly)->write("live");
-            std::optional<zo::project::ProjectModel> model;
             if (mode == "model")
                 model.emplace().writeFile("a.txt", "live");
             if (mode == "adopt")
-                model.emplace().recoverWorkspace(
-                    zo::project::ProjectModel::recoverableWorkspaces().at(0));
+                model.emplace().recoverWorkspace(ProjectModel::recoverableWorkspaces().at(0));
             std::puts("ready");
             std::fflush(stdout);
             while (mode != "hold" || std::getchar() != EOF)
