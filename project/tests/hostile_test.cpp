@@ -37,9 +37,9 @@ protected:
             trace += " " + item.name;
         SCOPED_TRACE(trace);
         writeArchive(archive, items, zip);
-        const auto before = listing(sandbox.path().toStdString(), Everything);
+        const auto before = describe(sandbox.path().toStdString(), Everything);
         expectNames(importError(archive, destination), archive, entry);
-        EXPECT_EQ(listing(sandbox.path().toStdString(), Everything), before);
+        EXPECT_EQ(describe(sandbox.path().toStdString(), Everything), before);
     }
 
     QTemporaryDir sandbox;

@@ -133,7 +133,7 @@ TEST_F(RealWorld, ZipsWithDataInFrontImportTheirFiles)
     exportProject(path("source"), path("p.zip"), ArchiveFormat::Zip);
     writeFile(path("sfx.zip"), stub + readFile(path("p.zip")));
     importProject(path("sfx.zip"), path("sfx"), ArchiveFormat::Zip);
-    EXPECT_EQ(listing(path("sfx"), Everything), listing(path("source"), Everything));
+    EXPECT_EQ(describe(path("sfx"), Everything), describe(path("source"), Everything));
 }
 
 TEST_F(RealWorld, SparseFilesImportWithTheirHoles)

@@ -62,36 +62,6 @@ void makeSampleTree(const std::string& rootPath, size_t bigFileSize)
     }
 }
 
-std::vector<std::string> listing(const std::string& root, int details)
-{
-    std::vector<std::string> lines;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        struct stat status { };
-        EXPECT_EQ(::lstat(entry.path().c_str(), &status), 0);
-        const bool link = S_ISLNK(status.st_mode);
-        if (link && !(details & Links))
-            continue;
-        const std::string name = entry.path().lexically_relative(root).string();
-        if (link) {
-            lines.push_back("l " + name + " -> " + fs::read_symlink(entry.path()).string());
-            continue;
-        }
-        std::string line = (S_ISDIR(status.st_mode) ? "d " : "f ") + name;
-        if (details & Modes)
-            line += " mode " + std::to_string(status.st_mode & 07777);
-        if (details & Times)
-            line += " time " + std::to_string(status.st_mtime);
-        if (S_ISREG(status.st_mode)) {
-            const QByteArray data = readFile(entry.path().string());
-            line += " sha1 "
-                + QCryptographicHash::hash(data, QCryptographicHash::Sha1).toHex().toStdString();
-        }
-        lines.push_back(line);
-    }
-    std::sort(lines.begin(), lines.end());
-    return lines;
-}
-
 QByteArray archiveOf(const std::vector<Item>& items, const std::function<void(archive*)>& configure)
 {
     const std::unique_ptr<archive, int (*)(archive*)> writer(
