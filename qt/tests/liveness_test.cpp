@@ -86,17 +86,23 @@ TEST(Liveness, OwnersAreJudgedByTheirMarksWhateverHoldsTheirIdNow)
         { "owner of an earlier boot", ended, kHost, "an-earlier-boot", beforeBoot, State::Ended },
         { "owner on another host", ended, "elsewhere", "its-boot", before, State::InUseElsewhere },
         { "mark without a record", ended, "", "", before, State::InUseElsewhere },
+        { "running, no mark", thisProgram.pid, "", "", {}, State::Running },
+        { "ended, no mark", ended, "", "", {}, State::Ended },
     };
     for (const auto& row : rows) {
         const QTemporaryDir dir;
         ProjectVFS project(dir.path());
         const Info info { QString(".a.txt.%1.csp").arg(row.pid), "a.txt", row.pid };
         writeFile(dir.filePath(info.swapPath), "work");
-        writeEndedOwnerMark(dir.path(), row.pid, row.host, row.boot, row.marked);
+        if (row.marked != Clock::time_point())
+            writeEndedOwnerMark(dir.path(), row.pid, row.host, row.boot, row.marked);
         EXPECT_EQ(project.ownerOf(info).state, row.state) << row.what;
         project.abandonFile(info);
         EXPECT_EQ(QFile::exists(dir.filePath(info.swapPath)), row.state != State::Ended)
             << row.what;
+        if (row.state == State::Ended) {
+            EXPECT_THROW(project.abandonFile(info), exception::SwapFileRemove) << row.what;
+        }
     }
     done.set_value();
     thread.join();
@@ -221,20 +227,10 @@ TEST(Liveness, RecoveryWhileAnotherProgramSavesLeavesItAlone)
 TEST(Liveness, BackupOfAnotherProcessesCommitIsLeftAlone)
 {
     const QTemporaryDir dir;
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t committer = ::fork();
-    if (committer == 0) {
-        const zo::os::OwnerMark::Replacing replacing(
-            zo::os::OwnerMark::hold(dir.path().toStdString()));
-        if (::write(ready[1], "r", 1) == 1)
-            ::pause();
-        ::_exit(0);
-    }
-    char byte = 0;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    ::close(ready[0]);
-    ::close(ready[1]);
+    QProcess committer;
+    startChild(committer, { "replace", dir.path() });
+    ASSERT_TRUE(committer.waitForReadyRead(20000))
+        << committer.readAllStandardError().toStdString();
     writeFile(dir.filePath("a.txt"), "old");
     ProjectVFS project(dir.path());
     project.open("a.txt", QIODevice::WriteOnly)->write("new");
@@ -242,8 +238,8 @@ TEST(Liveness, BackupOfAnotherProcessesCommitIsLeftAlone)
     EXPECT_THROW(project.commit(), exception::SourceFileBackupRemove);
     EXPECT_EQ(readFile(dir.filePath("a.txtbck")), "theirs");
 
-    ::kill(committer, SIGKILL);
-    ::waitpid(committer, nullptr, 0);
+    committer.kill();
+    committer.waitForFinished();
     // A leftover now: removed, and the commit stops once.
     EXPECT_THROW(project.commit(), exception::SourceFileBackupRemove);
     project.commit();

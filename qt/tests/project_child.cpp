@@ -2,11 +2,14 @@
 //   hold DIR FILE...    edits each FILE, says "ready" and keeps the edits pending until stdin ends
 //   model DIR           an archive project with an unsaved file, until killed; DIR unused
 //   adopt DIR           takes over the first recoverable workspace, until killed; DIR unused
+//   replace DIR         holds DIR's owner mark as a commit does while it replaces files, until
+//                       killed
 //   abandon DIR         prints each swap file's owner state, then abandons each
 //   commit DIR FILE N   edits and commits FILE N times
 //   unpack ARCHIVE DIR  unpacks the archive into DIR
 //   save ARCHIVE        loads the archive, changes a.txt to "new" and saves it back safely
 // Status 1 tells an error from a kill.
+#include <zo/owner.h>
 #include <zo/project/archive.h>
 #include <zo/project/projectmodel.h>
 #include <zo/project/projectvfs.h>
@@ -40,7 +43,10 @@ int main(int argc, char** argv)
             return 0;
         }
         zo::project::ProjectVFS project(path);
-        if (mode == "hold" || mode == "model" || mode == "adopt") {
+        std::optional<zo::os::OwnerMark::Replacing> replacing;
+        if (mode == "replace")
+            replacing.emplace(zo::os::OwnerMark::hold(argv[2]));
+        if (mode == "hold" || mode == "model" || mode == "adopt" || mode == "replace") {
             for (int at = 3; at < argc; ++at)
                 project.open(QString::fromLocal8Bit(argv[at]), QIODevice::WriteOnly)->write("live");
             if (mode == "model")
