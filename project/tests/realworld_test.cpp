@@ -181,13 +181,13 @@ TEST_F(RealWorld, WarningsAreLoggedAndReadingGoesOnWhateverTheLocale)
 TEST_F(RealWorld, DeepTreesImportWithTheModesAndTimesOfEveryLevel)
 {
     constexpr int depth = 5000;
-    QByteArray tar;
-    for (QByteArray name = "d"; name.size() < 2 * depth; name += "/d") {
-        if (name.size() > 100)
-            tar += tarMember("PaxHeaders/d", 'x', paxRecord("path", name));
-        tar += tarMember(name.left(100), '5', {});
-    }
-    writeFile(path("deep.tgz"), gzipped(tar + tarEnd, 1));
+    std::vector<Item> levels;
+    for (std::string name = "d"; name.size() < 2 * depth; name += "/d")
+        levels.push_back({ name, AE_IFDIR });
+    writeFile(path("deep.tgz"), archiveOf(levels, [](archive* writer) {
+        archive_write_set_format_pax_restricted(writer);
+        archive_write_add_filter_gzip(writer);
+    }));
     // Names far beyond the longest path are more than most tools can remove; a tmpfs just goes.
     ASSERT_TRUE(QDir().mkpath(QString::fromStdString(imported)));
     const zo::test::ScopedMount volume(imported, "size=64m");
@@ -195,12 +195,12 @@ TEST_F(RealWorld, DeepTreesImportWithTheModesAndTimesOfEveryLevel)
         GTEST_SKIP() << "cannot mount a tmpfs here";
     importProject(path("deep.tgz"), imported + "/tree", ArchiveFormat::Auto);
     ASSERT_EQ(::chdir((imported + "/tree").c_str()), 0);
-    int levels = 0;
+    int found = 0;
     struct stat status { };
-    while (::lstat("d", &status) == 0 && (status.st_mode & 07777) == 0644
-        && status.st_mtime == 1500000000 && ::chdir("d") == 0)
-        ++levels;
-    EXPECT_EQ(levels, depth);
+    while (::lstat("d", &status) == 0 && (status.st_mode & 07777) == 0644 && status.st_mtime == 0
+        && ::chdir("d") == 0)
+        ++found;
+    EXPECT_EQ(found, depth);
     ASSERT_EQ(::chdir("/"), 0);
 }
 
