@@ -2,8 +2,6 @@
 
 #include <zo/project/project.h>
 
-#include <QCryptographicHash>
-
 #include <archive.h>
 
 #include <algorithm>
@@ -13,7 +11,6 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 namespace zo::project::test {
 
@@ -41,18 +38,13 @@ void makeSampleTree(const std::string& rootPath, size_t bigFileSize)
     fs::permissions(root / "locked", static_cast<fs::perms>(0750));
     fs::create_symlink("docs/chapter 1/notes.txt", root / "notes-link");
     fs::create_symlink("../zero", root / "docs/zero-link");
-    if (bigFileSize > 0) {
-        // Numbered 4 KiB runs of varying bytes: every block is distinct, yet each compressor
-        // shrinks it quickly.
-        std::string big;
-        for (size_t number = 0; big.size() < bigFileSize; ++number) {
-            std::string block = std::to_string(number);
-            block.resize(4096, static_cast<char>('a' + number % 26));
-            big += block;
-        }
-        big.resize(bigFileSize);
-        writeFile((root / "data/big.bin").string(), QByteArray::fromStdString(big));
-    }
+    // Numbered 4 KiB runs of varying bytes: every block is distinct, yet each compressor shrinks
+    // it quickly.
+    QByteArray big;
+    for (int number = 0; big.size() < static_cast<int>(bigFileSize); ++number)
+        big += QByteArray::number(number).leftJustified(4096, static_cast<char>('a' + number % 26));
+    if (bigFileSize > 0)
+        writeFile((root / "data/big.bin").string(), big.left(static_cast<int>(bigFileSize)));
     // Old, distinct times; setting them changes no directory's own time.
     time_t seconds = 1500000000;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
@@ -82,7 +74,6 @@ QByteArray archiveOf(const std::vector<Item>& items, const std::function<void(ar
         archive_entry_set_pathname(entry.get(), item.name.c_str());
         archive_entry_set_filetype(entry.get(), item.type);
         archive_entry_set_perm(entry.get(), 0644);
-        archive_entry_set_rdev(entry.get(), makedev(1, 3));
         if (item.hardLink)
             archive_entry_set_hardlink(entry.get(), item.content.c_str());
         else if (item.type == AE_IFLNK)

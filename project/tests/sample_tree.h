@@ -10,8 +10,6 @@
 
 #include <QTemporaryDir>
 
-#include <archive_entry.h>
-
 #include <cstddef>
 #include <functional>
 #include <string>

@@ -37,19 +37,16 @@ TEST(Watcher, BlockerRestoresTheStateItFound)
 {
     const QTemporaryDir dir;
     ProjectWatcher watcher(dir.path(), false, nullptr);
-    watcher.enableWatching(true);
-    {
-        ProjectWatcher::Blocker blocker(&watcher);
-        const ProjectWatcher::Blocker moved(std::move(blocker));
-        EXPECT_FALSE(watcher.isWatching());
+    for (const bool found : { true, false }) {
+        watcher.enableWatching(found);
+        {
+            ProjectWatcher::Blocker blocker(&watcher);
+            const ProjectWatcher::Blocker moved(std::move(blocker));
+            EXPECT_FALSE(watcher.isWatching());
+            watcher.enableWatching(true);
+        }
+        EXPECT_EQ(watcher.isWatching(), found);
     }
-    EXPECT_TRUE(watcher.isWatching());
-    watcher.enableWatching(false);
-    {
-        const ProjectWatcher::Blocker blocker(&watcher);
-        watcher.enableWatching(true);
-    }
-    EXPECT_FALSE(watcher.isWatching());
 }
 
 TEST(Watcher, FollowsLinksButListsALinkCycleOnce)

@@ -1,20 +1,44 @@
+// Names and files: the bytes after a path's last slash, the hidden names beside a file, and
+// the durable replacement of a file.
+#include <zo/fault.h>
 #include <zo/file.h>
 #include <zo/os.h>
+#include <zo/path.h>
+#include <zo/replace.h>
+#include <zo/test/support.h>
 
 #include <gtest/gtest.h>
 
+#include <QDir>
+#include <QTemporaryDir>
+
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <filesystem>
-#include <optional>
 #include <string>
 
 namespace {
 
+using namespace std::string_literals;
 using zo::os::parseHiddenName;
+using zo::os::ReplaceStep;
+using Step = zo::os::fault::Step;
+
+TEST(Path, FilenameIsTheBytesAfterTheLastSlash)
+{
+    EXPECT_EQ(zo::Path("/usr/bin/app").filename(), "app");
+    EXPECT_EQ(zo::Path("app").filename(), "app");
+    EXPECT_EQ(zo::Path("/usr/bin/").filename(), "");
+    EXPECT_EQ(zo::Path("").filename(), "");
+    // NUL bytes are part of the name, as in the argument block of /proc/<pid>/cmdline.
+    EXPECT_EQ(zo::Path("/bin/app\0--flag\0/x/y"s).filename(), "y");
+    EXPECT_EQ(zo::Path("/bin/app\0--flag\0"s).filename(), "app\0--flag\0"s);
+}
 
 // text made of piece repeated up to bytes.
 std::string repeated(const std::string& piece, std::size_t bytes)
@@ -89,6 +113,39 @@ TEST(HiddenName, ParserReadsOnlyItsOwnPattern)
             ".a.zo-save-12", ".a.zo-save-12.", ".a.zo-Save-12.x", ".a.zo--12.x", ".a.zo-save-0.x",
             ".a.zo-save--5.x", ".a.zo-save-12x.x", ".a.zo-save-99999999999.x", ".a.zo-save.x", "" })
         EXPECT_FALSE(parseHiddenName(name)) << name;
+}
+
+// Whatever step fails, the target holds the old content or, once renamed, the new one, and
+// no hidden file is left; the new file stands in for the old one's permissions and owner.
+TEST(DurableReplace, FailsWholeAtEveryStepAndKeepsPermissionsAndOwner)
+{
+    const QTemporaryDir dir;
+    const std::string target = dir.filePath("target").toStdString();
+    const struct {
+        Step step;
+        ReplaceStep reported;
+        const char* left;
+    } rows[] = { { Step::SyncFile, ReplaceStep::SyncFile, "old" },
+        { Step::Rename, ReplaceStep::Rename, "old" },
+        { Step::SyncDirectory, ReplaceStep::SyncDirectory, "new" } };
+    for (const auto& row : rows) {
+        zo::test::writeFile(target, "old", 0640);
+        ASSERT_EQ(::chown(target.c_str(), zo::test::kNobody, zo::test::kNobody), 0);
+        zo::os::fault::inject(row.step, 1, EIO);
+        ReplaceStep failed {};
+        EXPECT_FALSE(zo::os::replaceFile(target, "test", "new", failed));
+        zo::os::fault::clear();
+        EXPECT_EQ(failed, row.reported);
+        EXPECT_EQ(errno, EIO);
+        EXPECT_EQ(zo::test::readFile(target), row.left);
+        EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList { "target" });
+    }
+    ReplaceStep failed {};
+    ASSERT_TRUE(zo::os::replaceFile(target, "test", "new", failed));
+    struct stat status { };
+    ASSERT_EQ(::stat(target.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640u);
+    EXPECT_EQ(status.st_uid, zo::test::kNobody);
 }
 
 } // namespace
