@@ -2,7 +2,6 @@
 // other pid namespaces, ids reused by other processes and threads, earlier boots, other hosts.
 // Nothing of an owner that may still run is ever moved or deleted.
 #include <zo/fault.h>
-#include <zo/owner.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/projectmodel.h>
 #include <zo/project/projectvfs.h>
@@ -18,10 +17,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <csignal>
 #include <filesystem>
 #include <future>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -68,7 +65,7 @@ TEST(Liveness, OwnersAreJudgedByTheirMarksWhateverHoldsTheirIdNow)
     std::promise<void> done;
     std::thread thread([&] { threadId.set_value(::gettid()), done.get_future().wait(); });
     const pid_t aThread = threadId.get_future().get();
-    const pid_t ended = test::endedProcessId();
+    const pid_t ended = endedProcessId();
     const auto before = Clock::now() - std::chrono::minutes(1);
     const auto beforeBoot = Clock::time_point(std::chrono::hours(1));
 
@@ -121,15 +118,14 @@ TEST(Liveness, LiveOwnersRunInEveryPidNamespace)
         SCOPED_TRACE(testing::Message() << ownerSandboxed << judgeSandboxed);
         const QTemporaryDir dir;
         QProcess owner;
-        startChild(
-            owner, { "hold", dir.path(), "a.txt" }, ownerSandboxed ? test::endedProcessId() : 0);
+        startChild(owner, { "hold", dir.path(), "a.txt" }, ownerSandboxed ? endedProcessId() : 0);
         ASSERT_TRUE(owner.waitForReadyRead(20000)) << owner.readAllStandardError().toStdString();
         ProjectVFS project(dir.path());
         const auto found = project.recoverableFiles();
         ASSERT_EQ(found.size(), 1u);
         if (judgeSandboxed) {
             QProcess judge;
-            startChild(judge, { "abandon", dir.path() }, test::endedProcessId());
+            startChild(judge, { "abandon", dir.path() }, endedProcessId());
             ASSERT_TRUE(judge.waitForFinished(20000));
             EXPECT_EQ(judge.readAllStandardOutput(), "0\n")
                 << judge.readAllStandardError().toStdString();
@@ -154,7 +150,7 @@ TEST(Liveness, WorkspacesOfLiveModelsAreNeitherListedNorAbandoned)
     const QByteArray previous = qgetenv("TMPDIR");
     qputenv("TMPDIR", QFile::encodeName(temp.path()));
     QProcess owner;
-    const pid_t sandboxed = test::endedProcessId();
+    const pid_t sandboxed = endedProcessId();
     startChild(owner, { "model", temp.path() }, sandboxed);
     ASSERT_TRUE(owner.waitForReadyRead(20000)) << owner.readAllStandardError().toStdString();
     const QString workspace = temp.filePath(QString("zo_project_model_%1_0").arg(sandboxed));

@@ -5,7 +5,6 @@
 
 #include <zo/fault.h>
 #include <zo/project/exceptions.h>
-#include <zo/project/fileutils.h>
 #include <zo/project/projectdir.h>
 #include <zo/project/projectmodel.h>
 #include <zo/project/projectvfs.h>
@@ -31,11 +30,7 @@ static bool operator==(const ProjectVFS::RecoverableInfo& a, const ProjectVFS::R
 
 namespace {
 
-using test::filesBelow;
-using test::LogCapture;
-using test::readFile;
-using test::thrownBy;
-using test::writeFile;
+using namespace test;
 using testing::HasSubstr;
 using Files = QMap<QString, QByteArray>;
 using Info = ProjectVFS::RecoverableInfo;
@@ -254,7 +249,7 @@ TEST_F(Recovery, ListsSwapFilesRootFirstWithSourceAndProcessAndNothingElse)
 // The file of a process that still runs is copied, never moved or removed.
 TEST_F(Recovery, SwapOfARunningProcessIsOnlyCopied)
 {
-    test::LiveInstance other;
+    LiveInstance other;
     const Info info { swapName("a.txt", other.pid), "a.txt", other.pid };
     writeFile(abs(info.swapPath), "their work");
     vfs.recoverFile(info);

@@ -99,13 +99,8 @@ TEST_F(Cli, StatusAndRecoverSpareTheFilesOfARunningProcess)
     EXPECT_EQ(status.status, 3);
     QJsonObject json = jsonOf(status);
     EXPECT_EQ(json["recoverable"].toInt(), 3);
-    for (const auto& swap : json["swapFiles"].toArray()) {
-        const QJsonObject object = swap.toObject();
-        const bool isRunning = object["swapPath"].toString() == runningSwap;
-        EXPECT_EQ(object["ownerRunning"].toBool(), isRunning);
-        EXPECT_EQ(object["pid"].toInt(), isRunning ? running.processId() : ended);
-        EXPECT_EQ(object["backupPath"].toString(), isRunning ? "docs/main.xmlbck" : "");
-    }
+    for (const QJsonValue swap : json["swapFiles"].toArray())
+        EXPECT_EQ(swap["ownerRunning"].toBool(), swap["swapPath"].toString() == runningSwap);
     EXPECT_EQ(json["swapFiles"].toArray().size(), 4);
     EXPECT_EQ(readFile(project + "/notes.txt"), "saved\n");
 
