@@ -37,31 +37,24 @@ QByteArray gzipped(const QByteArray& data, int layers)
     });
 }
 
-// A tar member in ustar form: header with name, type and size, then data padded to whole blocks.
+// A tar member in ustar form: header with name, mode, size, time and type, its checksum over
+// all of it, then data padded to whole blocks.
 QByteArray tarMember(const QByteArray& name, char type, const QByteArray& data)
 {
-    QByteArray header(512, '\0');
-    const auto put
-        = [&](int at, const QByteArray& field) { header.replace(at, field.size(), field); };
     const auto octal = [](int value, int digits) {
-        return QByteArray::number(value, 8).rightJustified(digits, '0');
+        return QByteArray::number(value, 8).rightJustified(digits, '0') + '\0';
     };
-    put(0, name);
-    put(100, octal(0644, 7));
-    put(124, octal(data.size(), 11));
-    put(136, octal(1500000000, 11));
-    header[156] = type;
-    put(257,
-        QByteArray("ustar\0"
-                   "00",
-            8));
-    put(148, QByteArray(8, ' '));
+    QByteArray header
+        = (name.leftJustified(100, '\0') + octal(0644, 7) + QByteArray(16, '\0')
+              + octal(data.size(), 11) + octal(1500000000, 11) + QByteArray(8, ' ') + type)
+              .leftJustified(257, '\0')
+        + QByteArray("ustar") + '\0' + "00";
+    header = header.leftJustified(512, '\0');
     int sum = 0;
     for (const char byte : header)
         sum += static_cast<unsigned char>(byte);
-    put(148, octal(sum, 6) + '\0');
-    const int padding = (512 - data.size() % 512) % 512;
-    return header + data + QByteArray(padding, '\0');
+    header.replace(148, 7, octal(sum, 6));
+    return header + data + QByteArray((512 - data.size() % 512) % 512, '\0');
 }
 
 QByteArray paxRecord(const QByteArray& key, const QByteArray& value)
