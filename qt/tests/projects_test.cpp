@@ -195,7 +195,7 @@ protected:
 };
 
 // A save without a format keeps the one the name or the source tells.
-TEST_F(ArchiveProject, SavedFlagAndFormatOfEverySave)
+TEST_F(ArchiveProject, SavedFlagAndFormatOfEverySaveAndLoad)
 {
     ProjectModel model;
     model.writeFile("a.txt", "a");
@@ -217,6 +217,10 @@ TEST_F(ArchiveProject, SavedFlagAndFormatOfEverySave)
     model.writeFile("a.txt", "b");
     EXPECT_FALSE(model.isSaved());
     model.load(at("p.tar.gz"), ArchiveFormat::Auto);
+    // A failed load keeps the open project.
+    writeFile(at("broken.zip"), "not an archive");
+    EXPECT_THROW(model.load(at("broken.zip"), ArchiveFormat::Auto), std::exception);
+    EXPECT_EQ(model.getSourcePath(), at("p.tar.gz"));
     EXPECT_TRUE(model.isSaved());
     EXPECT_EQ(model.readFile("a.txt"), "a");
     ProjectModel().writeFile("gone.txt", "with its workspace");
@@ -290,17 +294,6 @@ TEST_F(ArchiveProject, DirectorySaveSwapsTheTreeInWholeAndKeepsThePreviousWhileI
     model.save(at("project"), ArchiveFormat::Directory, true);
     EXPECT_EQ(readFile(at("project/new.txt")), "new");
     EXPECT_TRUE(hidden().isEmpty());
-}
-
-TEST_F(ArchiveProject, FailedLoadKeepsTheOpenProject)
-{
-    ProjectModel model;
-    model.load(archive("a.zip"), ArchiveFormat::Auto);
-    writeFile(at("broken.zip"), "not an archive");
-    EXPECT_THROW(model.load(at("broken.zip"), ArchiveFormat::Auto), std::exception);
-    EXPECT_EQ(model.readFile("a.txt"), "from the archive");
-    EXPECT_EQ(model.getSourcePath(), at("a.zip"));
-    EXPECT_TRUE(model.isSaved());
 }
 
 TEST_F(ArchiveProject, WorkspaceOfAKilledProcessIsRecoveredWithItsFiles)
