@@ -142,54 +142,45 @@ uint64_t sizeOfFiles(const std::string& root)
     return size;
 }
 
-struct Case {
-    ArchiveFormat format;
-    const char* name;
-};
-
-using RoundTrip = testing::TestWithParam<Case>;
-
-TEST_P(RoundTrip, KeepsABigFileAndCountsToTheTotals)
+// A sample project with a big file, packed into every format under a misleading name (the
+// content decides; only a zip is told from a native project by its name) and unpacked below
+// directories yet to be made: it comes back whole, and the progress counts to the totals.
+TEST(RoundTrip, KeepsABigFileAndCountsToTheTotals)
 {
     QTemporaryDir dir;
     const std::string source = pathIn(dir, "source");
-    const std::string archive = pathIn(dir, GetParam().name);
-    const std::string target = pathIn(dir, "new/parents/target");
     makeSampleTree(source, 8 * 1024 * 1024 + 123);
-
-    // Misleading names: the content decides.
-    Recorder exported, imported;
-    ASSERT_TRUE(exportProject(source, archive, GetParam().format, exported.callback()));
-    EXPECT_EQ(detectFormat(archive), GetParam().format);
-    ASSERT_TRUE(importProject(archive, target, ArchiveFormat::Auto, imported.callback()));
-    EXPECT_EQ(describe(target, Everything), describe(source, Everything));
-
-    // An export counts the source first; an archive's bytes are those it takes on disk.
     const uint64_t entries = describe(source, 0).size();
-    EXPECT_EQ(exported.reports.front().entriesTotal, entries);
-    EXPECT_EQ(exported.reports.front().bytesTotal, sizeOfFiles(source));
-    EXPECT_EQ(imported.reports.back().bytesTotal,
-        GetParam().format == ArchiveFormat::Directory ? sizeOfFiles(source)
-                                                      : fs::file_size(archive));
-    for (const auto& reports : { exported.reports, imported.reports }) {
-        EXPECT_EQ(reports.back().entriesDone, entries);
-        EXPECT_EQ(reports.back().entriesTotal, entries);
-        EXPECT_EQ(reports.back().bytesDone, reports.back().bytesTotal);
-        EXPECT_TRUE(std::is_sorted(
-            reports.begin(), reports.end(), [](const Progress& a, const Progress& b) {
-                return a.entriesDone < b.entriesDone || a.bytesDone < b.bytesDone;
-            }));
+    for (const ArchiveFormat format : kPackFormats) {
+        SCOPED_TRACE(formatName(format));
+        const std::string work = pathIn(dir, formatName(format).c_str());
+        const std::string archive = work
+            + (format == F::Native     ? "/p.zop"
+                    : format == F::Tar ? "/p.zip"
+                                       : "/p.tar");
+        fs::create_directory(work);
+        Recorder exported, imported;
+        ASSERT_TRUE(exportProject(source, archive, format, exported.callback()));
+        EXPECT_EQ(detectFormat(archive), format);
+        ASSERT_TRUE(importProject(archive, work + "/new/target", F::Auto, imported.callback()));
+        EXPECT_EQ(describe(work + "/new/target", Everything), describe(source, Everything));
+
+        // An export counts the source first; an archive's bytes are those it takes on disk.
+        EXPECT_EQ(exported.reports.front().entriesTotal, entries);
+        EXPECT_EQ(exported.reports.front().bytesTotal, sizeOfFiles(source));
+        EXPECT_EQ(imported.reports.back().bytesTotal,
+            format == F::Directory ? sizeOfFiles(source) : fs::file_size(archive));
+        for (const auto& reports : { exported.reports, imported.reports }) {
+            EXPECT_EQ(reports.back().entriesDone, entries);
+            EXPECT_EQ(reports.back().entriesTotal, entries);
+            EXPECT_EQ(reports.back().bytesDone, reports.back().bytesTotal);
+            EXPECT_TRUE(std::is_sorted(
+                reports.begin(), reports.end(), [](const Progress& a, const Progress& b) {
+                    return a.entriesDone < b.entriesDone || a.bytesDone < b.bytesDone;
+                }));
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Formats, RoundTrip,
-    testing::Values(Case { ArchiveFormat::Native, "native.zop" },
-        Case { ArchiveFormat::Zip, "zip.tar" }, Case { ArchiveFormat::Tar, "tar.7z" },
-        Case { ArchiveFormat::TarGz, "tar_gz.zip" }, Case { ArchiveFormat::TarBz2, "tar_bz2.tgz" },
-        Case { ArchiveFormat::TarXz, "tar_xz.tar.zst" },
-        Case { ArchiveFormat::TarZstd, "tar_zst.tar.xz" },
-        Case { ArchiveFormat::SevenZip, "7z.tar.bz2" }, Case { ArchiveFormat::Directory, "copy" }),
-    [](const testing::TestParamInfo<Case>& info) { return testName(info.param.name); });
 
 TEST(Cancel, LeavesNothingBehind)
 {
