@@ -142,30 +142,45 @@ TEST(Liveness, LiveOwnersRunInEveryPidNamespace)
         GTEST_SKIP() << "no pid namespaces here";
 }
 
-TEST(Liveness, WorkspacesOfLiveModelsAreNeitherListedNorAbandoned)
+// A model's workspace is neither listed nor abandoned while its process runs, sandboxed where
+// the system allows, nor while a process that took it over runs; once they end, another takes
+// it over with its files and its source. A workspace without a record is listed without one.
+TEST(Liveness, WorkspacesOfLiveModelsAreLeftAloneAndThoseOfEndedOnesTakenOver)
 {
-    if (!canUnsharePids())
-        GTEST_SKIP() << "no pid namespaces here";
-    const QTemporaryDir temp;
+    const QTemporaryDir temp, shelf;
     const QByteArray previous = qgetenv("TMPDIR");
     qputenv("TMPDIR", QFile::encodeName(temp.path()));
+    const QString source = shelf.filePath("p.zip");
+    ProjectModel().save(source, ArchiveFormat::Auto, false);
     QProcess owner;
-    const pid_t sandboxed = endedProcessId();
-    startChild(owner, { "model", temp.path() }, sandboxed);
+    const pid_t sandboxed = canUnsharePids() ? endedProcessId() : 0;
+    startChild(owner, { "model", source }, sandboxed);
     ASSERT_TRUE(owner.waitForReadyRead(20000)) << owner.readAllStandardError().toStdString();
-    const QString workspace = temp.filePath(QString("zo_project_model_%1_0").arg(sandboxed));
+    const pid_t ownerId = sandboxed != 0 ? sandboxed : pid_t(owner.processId());
+    const QString workspace = temp.filePath(
+        QDir(temp.path()).entryList({ QString("zo_project_model_%1_*").arg(ownerId) }).value(0));
     EXPECT_TRUE(ProjectModel::recoverableWorkspaces().empty());
     EXPECT_FALSE(
-        ProjectModel::abandonWorkspace({ workspace, {}, ArchiveFormat::Native, sandboxed, {} }));
+        ProjectModel::abandonWorkspace({ workspace, {}, ArchiveFormat::Native, ownerId, {} }));
     EXPECT_EQ(readFile(workspace + "/a.txt"), "live");
     owner.kill();
     owner.waitForFinished();
+    QDir(temp.path()).mkdir(QString("zo_project_model_%1_7").arg(endedProcessId())); // no record
     // The sandbox's processes die after the one that made it.
-    for (int wait = 0; wait < 200 && ProjectModel::recoverableWorkspaces().empty(); ++wait)
+    auto found = ProjectModel::recoverableWorkspaces();
+    for (int wait = 0; wait < 200 && found.size() < 2; ++wait) {
         QThread::msleep(10);
-    EXPECT_EQ(ProjectModel::recoverableWorkspaces().size(), 1u);
+        found = ProjectModel::recoverableWorkspaces();
+    }
+    ASSERT_EQ(found.size(), 2u);
+    if (found[0].path != workspace)
+        std::swap(found[0], found[1]);
+    EXPECT_EQ(found[0].sourcePath, source);
+    EXPECT_TRUE(found[1].sourcePath.isEmpty());
+    EXPECT_TRUE(ProjectModel::abandonWorkspace(found[1]));
+    EXPECT_FALSE(QFileInfo::exists(found[1].path));
 
-    // Taken over by a process that started after its last write.
+    // Taken over by a process that started after its last write, then by this one.
     std::filesystem::last_write_time(workspace.toStdString(),
         std::filesystem::file_time_type::clock::now() - std::chrono::minutes(1));
     QProcess adopter;
@@ -174,6 +189,16 @@ TEST(Liveness, WorkspacesOfLiveModelsAreNeitherListedNorAbandoned)
     EXPECT_TRUE(ProjectModel::recoverableWorkspaces().empty());
     adopter.kill();
     adopter.waitForFinished();
+    ProjectModel model;
+    found = ProjectModel::recoverableWorkspaces();
+    ASSERT_EQ(found.size(), 1u);
+    model.recoverWorkspace(found[0]);
+    EXPECT_TRUE(ProjectModel::recoverableWorkspaces().empty());
+    EXPECT_FALSE(model.isSaved());
+    model.save("", ArchiveFormat::Native, true);
+    ProjectModel reopened;
+    reopened.load(source, ArchiveFormat::Auto);
+    EXPECT_EQ(reopened.readFile("a.txt"), "live");
     qputenv("TMPDIR", previous);
 }
 

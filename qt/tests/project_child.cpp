@@ -1,6 +1,6 @@
 // Another program on a project, for the liveness and kill tests; it makes no QCoreApplication.
 //   hold DIR FILE...    edits each FILE, says "ready" and keeps the edits pending until stdin ends
-//   model DIR           an archive project with an unsaved file, until killed; DIR unused
+//   model ARCHIVE       loads the archive and gives it an unsaved file, until killed
 //   adopt DIR           takes over the first recoverable workspace, until killed; DIR unused
 //   replace DIR         holds DIR's owner mark as a commit does while it replaces files, until
 //                       killed
@@ -49,8 +49,10 @@ int main(int argc, char** argv)
         if (mode == "hold" || mode == "model" || mode == "adopt" || mode == "replace") {
             for (int at = 3; at < argc; ++at)
                 project.open(QString::fromLocal8Bit(argv[at]), QIODevice::WriteOnly)->write("live");
-            if (mode == "model")
-                model.emplace().writeFile("a.txt", "live");
+            if (mode == "model") {
+                model.emplace().load(path, ArchiveFormat::Auto);
+                model->writeFile("a.txt", "live");
+            }
             if (mode == "adopt")
                 model.emplace().recoverWorkspace(ProjectModel::recoverableWorkspaces().at(0));
             std::puts("ready");

@@ -296,43 +296,6 @@ TEST_F(ArchiveProject, DirectorySaveSwapsTheTreeInWholeAndKeepsThePreviousWhileI
     EXPECT_TRUE(hidden().isEmpty());
 }
 
-TEST_F(ArchiveProject, WorkspaceOfAKilledProcessIsRecoveredWithItsFiles)
-{
-    const QString source = archive("work.zip");
-    const pid_t child = fork();
-    if (child == 0) {
-        ProjectModel model;
-        model.load(source, ArchiveFormat::Auto);
-        model.writeFile("new.txt", "unsaved work");
-        ::kill(::getpid(), SIGKILL);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status));
-    QDir(at("tmp")).mkdir(QStringLiteral("zo_project_model_%1_7").arg(child + 100000)); // no record
-
-    ProjectModel model;
-    auto found = ProjectModel::recoverableWorkspaces();
-    ASSERT_EQ(found.size(), 2u);
-    if (found[0].pid != child)
-        std::swap(found[0], found[1]);
-    EXPECT_EQ(found[0].sourcePath, source);
-    EXPECT_TRUE(found[1].sourcePath.isEmpty());
-    EXPECT_TRUE(ProjectModel::abandonWorkspace(found[1]));
-    EXPECT_FALSE(QFileInfo::exists(found[1].path));
-
-    model.recoverWorkspace(found[0]);
-    EXPECT_TRUE(ProjectModel::recoverableWorkspaces().empty()) << "this process owns it now";
-    EXPECT_FALSE(model.isSaved());
-    EXPECT_EQ(model.readFile("new.txt"), "unsaved work");
-    model.save("", ArchiveFormat::Native, true);
-    ProjectModel reopened;
-    reopened.load(source, ArchiveFormat::Auto);
-    QStringList files = reopened.getFileList("", false, true, false);
-    files.sort();
-    EXPECT_EQ(files, QStringList({ "a.txt", "new.txt" }));
-}
-
 TEST_F(ArchiveProject, ThreadsShareOneModel)
 {
     ProjectModel model;
