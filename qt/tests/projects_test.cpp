@@ -16,10 +16,7 @@
 
 #include <gmock/gmock.h>
 
-#include <csignal>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 namespace zo::project {
 namespace {
