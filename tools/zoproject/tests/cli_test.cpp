@@ -147,7 +147,7 @@ TEST_F(Cli, RecoverRefusesTwoSwapFilesOfOneSourceUntilOneIsNamed)
     EXPECT_EQ(zo::test::entriesBelow(project), QStringList { "notes.txt" });
 }
 
-TEST_F(Cli, PackListAndUnpackKeepFilesAndMetadataAndListingWritesNothing)
+TEST_F(Cli, PackListUnpackAndMetaKeepFilesAndMetadataAndListingWritesNothing)
 {
     const QString project = path(QStringLiteral("project"));
     writeFile(project + "/docs/main.xml", "<doc/>\n");
@@ -175,8 +175,20 @@ TEST_F(Cli, PackListAndUnpackKeepFilesAndMetadataAndListingWritesNothing)
         EXPECT_EQ(zoproject({ "meta", unpacked, "title" }).out, "Round trip\n");
     }
 
-    // ls and meta read an archive as a stream: they work where nothing can be written at all.
+    // meta on an archive replaces it whole, leaving nothing beside it, or not at all.
     const QString archive = path("project.tar.gz");
+    EXPECT_EQ(zoproject({ "meta", archive, "title", "Shelved" }).status, 0);
+    EXPECT_EQ(zoproject({ "meta", "--json", archive }).out, "{\n    \"title\": \"Shelved\"\n}\n");
+    EXPECT_EQ(
+        QDir(scratch.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+        (QStringList {
+            "nameless", "nameless.d", "project", "project.tar.gz", "project.tar.gz.d" }));
+    const Outcome missing = zoproject({ "meta", archive, "author" });
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.err, "zoproject: '" + archive.toUtf8() + "': no metadata key 'author'\n");
+
+    // ls and meta read an archive as a stream: they work where nothing can be written at all.
+    const QByteArray before = readFile(archive);
     const QByteArray previous = qgetenv("TMPDIR");
     qputenv("TMPDIR", QFile::encodeName(archive)); // a file: no directory there
     const zo::test::ScopedMount readOnly(scratch.path());
@@ -184,26 +196,7 @@ TEST_F(Cli, PackListAndUnpackKeepFilesAndMetadataAndListingWritesNothing)
     const Outcome meta = zoproject({ "meta", archive });
     qputenv("TMPDIR", previous);
     EXPECT_EQ(jsonOf(listed)["files"], files["files"]) << listed.err.toStdString();
-    EXPECT_EQ(meta.out, "title=Round trip\n") << meta.err.toStdString();
-}
-
-TEST_F(Cli, MetaOnAnArchiveReplacesItWholeOrNotAtAll)
-{
-    const QString project = path(QStringLiteral("project"));
-    const QString archive = path(QStringLiteral("shelf/project.zop"));
-    writeFile(project + "/notes.txt", "notes\n");
-    QDir().mkpath(path("shelf"));
-    ASSERT_EQ(zoproject({ "pack", project, archive }).status, 0);
-
-    EXPECT_EQ(zoproject({ "meta", archive, "title", "Shelved" }).status, 0);
-    EXPECT_EQ(zoproject({ "meta", "--json", archive }).out, "{\n    \"title\": \"Shelved\"\n}\n");
-    EXPECT_EQ(zo::test::entriesBelow(path("shelf")), QStringList { "project.zop" });
-    const Outcome missing = zoproject({ "meta", archive, "author" });
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.err, "zoproject: '" + archive.toUtf8() + "': no metadata key 'author'\n");
-
-    const QByteArray before = readFile(archive);
-    const zo::test::ScopedMount readOnly(path("shelf"));
+    EXPECT_EQ(meta.out, "title=Shelved\n") << meta.err.toStdString();
     if (!readOnly.mounted)
         GTEST_SKIP() << "no read-only bind mount here";
     EXPECT_EQ(zoproject({ "meta", archive, "title", "Refused" }).status, 1);
