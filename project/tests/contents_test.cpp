@@ -35,6 +35,8 @@ ino_t inodeOf(const std::string& file)
     return status.st_ino;
 }
 
+// A project is made with its parents; any bytes round-trip, each set replaces the file whole and
+// every copy of the project reads it.
 TEST_F(Metadata, AnyBytesRoundTripAtomicallyAndEveryCopyReadsTheFile)
 {
     const std::map<std::string, std::string> expected = {
@@ -46,33 +48,26 @@ TEST_F(Metadata, AnyBytesRoundTripAtomicallyAndEveryCopyReadsTheFile)
         { "nul\0key"s, "nul\0value"s },
         { "ünïcødé 日本", "✓ \xff\xfe not UTF-8" },
     };
-    Project writer = makeProject(path("p"));
+    Project writer = makeProject(path("new/parents/p"));
     const Project reader = writer;
     for (const auto& [key, value] : expected) {
         // Every set replaces the file rather than rewriting it in place.
-        const ino_t before = inodeOf(path("p/.metadata"));
+        const ino_t before = inodeOf(path("new/parents/p/.metadata"));
         writer.setMetadata(key, value);
-        EXPECT_NE(inodeOf(path("p/.metadata")), before) << key;
+        EXPECT_NE(inodeOf(path("new/parents/p/.metadata")), before) << key;
     }
-    EXPECT_EQ(
-        QDir(dir.filePath("p")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+    EXPECT_EQ(QDir(dir.filePath("new/parents/p"))
+                  .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
         QStringList { ".metadata" });
 
     EXPECT_EQ(reader.getMetadata(), expected);
     writer.setMetadata("a=b", "changed");
     EXPECT_EQ(reader.getMetadata("a=b"), "changed");
-}
 
-TEST_F(Metadata, MakeProjectCreatesParentsOrKeepsAProjectAndAMissingOneOnlyReads)
-{
-    makeProject(path("a/b/c"));
-    EXPECT_EQ(QFileInfo(dir.filePath("a/b/c/.metadata")).size(), 0);
-    Project(path("a/b/c")).setMetadata("title", "kept");
-    EXPECT_EQ(makeProject(path("a/b/c")).getMetadata("title"), "kept");
-
+    // A project is kept, a file is no project, a missing one only reads.
+    EXPECT_EQ(makeProject(path("new/parents/p")).getMetadata("a=b"), "changed");
     writeFile(path("file"), "x");
     EXPECT_THROW(makeProject(path("file")), ArchiveError);
-
     Project missing(path("missing"));
     EXPECT_TRUE(missing.getMetadata().empty());
     EXPECT_PRED_FORMAT2(testing::IsSubstring, path("missing/.metadata"),
