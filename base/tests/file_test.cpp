@@ -21,6 +21,7 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -93,19 +94,15 @@ TEST(HiddenName, IsMadeBesideAnyNameAndReadBack)
 // for a leftover.
 TEST(HiddenName, ParserReadsOnlyItsOwnPattern)
 {
-    const struct {
-        const char* name;
-        const char* purpose;
-        int pid;
-    } ours[] = {
+    const std::tuple<const char*, const char*, int> ours[] = {
         { ".a.zo-copy-42.XyZ123", "copy", 42 },
         { "..a.zo-save-1.0.zo-pack-7.abc", "pack", 7 }, // a save's own export: the last maker
         { ".a.zo-save-12.x.zo-meta-3.4", "meta", 3 },
         { ".zo-owner-12.x", "owner", 12 }, // a directory's own: an owner mark
     };
-    for (const auto& row : ours) {
-        const auto read = parseHiddenName(row.name);
-        EXPECT_TRUE(read && read->purpose == row.purpose && read->pid == row.pid) << row.name;
+    for (const auto& [name, purpose, pid] : ours) {
+        const auto read = parseHiddenName(name);
+        EXPECT_TRUE(read && read->purpose == purpose && read->pid == pid) << name;
     }
     // Swap files (of "a.txt", "zo-x", "zo-owner-5"), and near misses.
     for (const char* name :
@@ -121,23 +118,19 @@ TEST(DurableReplace, FailsWholeAtEveryStepAndKeepsPermissionsAndOwner)
 {
     const QTemporaryDir dir;
     const std::string target = dir.filePath("target").toStdString();
-    const struct {
-        Step step;
-        ReplaceStep reported;
-        const char* left;
-    } rows[] = { { Step::SyncFile, ReplaceStep::SyncFile, "old" },
-        { Step::Rename, ReplaceStep::Rename, "old" },
-        { Step::SyncDirectory, ReplaceStep::SyncDirectory, "new" } };
-    for (const auto& row : rows) {
+    for (const auto& [step, reported, left] :
+        { std::tuple { Step::SyncFile, ReplaceStep::SyncFile, "old" },
+            { Step::Rename, ReplaceStep::Rename, "old" },
+            { Step::SyncDirectory, ReplaceStep::SyncDirectory, "new" } }) {
         zo::test::writeFile(target, "old", 0640);
         ASSERT_EQ(::chown(target.c_str(), zo::test::kNobody, zo::test::kNobody), 0);
-        zo::os::fault::inject(row.step, 1, EIO);
+        zo::os::fault::inject(step, 1, EIO);
         ReplaceStep failed {};
         EXPECT_FALSE(zo::os::replaceFile(target, "test", "new", failed));
         zo::os::fault::clear();
-        EXPECT_EQ(failed, row.reported);
+        EXPECT_EQ(failed, reported);
         EXPECT_EQ(errno, EIO);
-        EXPECT_EQ(zo::test::readFile(target), row.left);
+        EXPECT_EQ(zo::test::readFile(target), left);
         EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList { "target" });
     }
     ReplaceStep failed {};

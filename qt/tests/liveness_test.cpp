@@ -69,36 +69,32 @@ TEST(Liveness, OwnersAreJudgedByTheirMarksWhateverHoldsTheirIdNow)
     const auto before = Clock::now() - std::chrono::minutes(1);
     const auto beforeBoot = Clock::time_point(std::chrono::hours(1));
 
-    const struct {
-        const char* what;
-        pid_t pid;
-        QByteArray host, boot;
-        Clock::time_point marked;
-        State state;
-    } rows[] = {
-        { "id reused by another program", pid_t(otherProgram.processId()), kHost, kBoot, before,
-            State::Ended },
-        { "id reused by this program", thisProgram.pid, kHost, kBoot, before, State::Ended },
-        { "id reused by a thread", aThread, kHost, kBoot, before, State::Ended },
-        { "owner of an earlier boot", ended, kHost, "an-earlier-boot", beforeBoot, State::Ended },
-        { "owner on another host", ended, "elsewhere", "its-boot", before, State::InUseElsewhere },
-        { "mark without a record", ended, "", "", before, State::InUseElsewhere },
-        { "running, no mark", thisProgram.pid, "", "", {}, State::Running },
-        { "ended, no mark", ended, "", "", {}, State::Ended },
-    };
-    for (const auto& row : rows) {
+    const std::tuple<const char*, pid_t, QByteArray, QByteArray, Clock::time_point, State> rows[]
+        = {
+              { "id reused by another program", pid_t(otherProgram.processId()), kHost, kBoot,
+                  before, State::Ended },
+              { "id reused by this program", thisProgram.pid, kHost, kBoot, before, State::Ended },
+              { "id reused by a thread", aThread, kHost, kBoot, before, State::Ended },
+              { "owner of an earlier boot", ended, kHost, "an-earlier-boot", beforeBoot,
+                  State::Ended },
+              { "owner on another host", ended, "elsewhere", "its-boot", before,
+                  State::InUseElsewhere },
+              { "mark without a record", ended, "", "", before, State::InUseElsewhere },
+              { "running, no mark", thisProgram.pid, "", "", {}, State::Running },
+              { "ended, no mark", ended, "", "", {}, State::Ended },
+          };
+    for (const auto& [what, pid, host, boot, marked, state] : rows) {
         const QTemporaryDir dir;
         ProjectVFS project(dir.path());
-        const Info info { QString(".a.txt.%1.csp").arg(row.pid), "a.txt", row.pid };
+        const Info info { QString(".a.txt.%1.csp").arg(pid), "a.txt", pid };
         writeFile(dir.filePath(info.swapPath), "work");
-        if (row.marked != Clock::time_point())
-            writeEndedOwnerMark(dir.path(), row.pid, row.host, row.boot, row.marked);
-        EXPECT_EQ(project.ownerOf(info).state, row.state) << row.what;
+        if (marked != Clock::time_point())
+            writeEndedOwnerMark(dir.path(), pid, host, boot, marked);
+        EXPECT_EQ(project.ownerOf(info).state, state) << what;
         project.abandonFile(info);
-        EXPECT_EQ(QFile::exists(dir.filePath(info.swapPath)), row.state != State::Ended)
-            << row.what;
-        if (row.state == State::Ended) {
-            EXPECT_THROW(project.abandonFile(info), exception::SwapFileRemove) << row.what;
+        EXPECT_EQ(QFile::exists(dir.filePath(info.swapPath)), state != State::Ended) << what;
+        if (state == State::Ended) {
+            EXPECT_THROW(project.abandonFile(info), exception::SwapFileRemove) << what;
         }
     }
     done.set_value();

@@ -196,18 +196,15 @@ TEST_F(ArchiveProject, SavedFlagAndFormatOfEverySaveAndLoad)
 {
     ProjectModel model;
     model.writeFile("a.txt", "a");
-    const struct {
-        const char* name;
-        ArchiveFormat asked;
-        ArchiveFormat written;
-    } rows[] = { { "p.tar.gz", ArchiveFormat::Auto, ArchiveFormat::TarGz },
-        { "no-extension", ArchiveFormat::Auto, ArchiveFormat::Zip },
-        { "", ArchiveFormat::Native, ArchiveFormat::Zip }, // the source's: the last save's
-        { "p.tar", ArchiveFormat::TarXz, ArchiveFormat::TarXz } };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        model.save(row.name[0] ? at(row.name) : QString(), row.asked, true);
-        EXPECT_EQ(detectFormat(model.getSourcePath().toStdString()), row.written);
+    const std::tuple<const char*, ArchiveFormat, ArchiveFormat> rows[]
+        = { { "p.tar.gz", ArchiveFormat::Auto, ArchiveFormat::TarGz },
+              { "no-extension", ArchiveFormat::Auto, ArchiveFormat::Zip },
+              { "", ArchiveFormat::Native, ArchiveFormat::Zip }, // the source's: the last save's
+              { "p.tar", ArchiveFormat::TarXz, ArchiveFormat::TarXz } };
+    for (const auto& [name, asked, written] : rows) {
+        SCOPED_TRACE(name);
+        model.save(name[0] ? at(name) : QString(), asked, true);
+        EXPECT_EQ(detectFormat(model.getSourcePath().toStdString()), written);
         EXPECT_TRUE(model.isSaved());
     }
     EXPECT_EQ(model.getSourcePath(), at("p.tar"));

@@ -219,11 +219,7 @@ TEST_F(Cli, HostileArchiveIsRefusedNamingTheEntryAndWritesNothing)
 TEST(ProgressLine, ShowsWhatIsKnownAndTheTimeLeft)
 {
     QLocale::setDefault(QLocale::c());
-    const struct {
-        zo::project::Progress progress;
-        qint64 elapsedMs;
-        QString line;
-    } rows[] = {
+    const std::tuple<zo::project::Progress, qint64, QString> rows[] = {
         { { 3, 10, 512, 1024 }, 1000,
             " 50% 3 of 10 entries, 512 bytes of 1.00 KiB, 512 bytes/s, 0:01 left" },
         { { 5, 0, 2048, 0 }, 0, "5 entries, 2.00 KiB" },
@@ -231,8 +227,8 @@ TEST(ProgressLine, ShowsWhatIsKnownAndTheTimeLeft)
             "  0% 1 of 2 entries, 1000 bytes of 3.44 MiB, 1000 bytes/s, 1:00:01 left" },
         { { 2, 2, 100, 100 }, 50, "100% 2 of 2 entries, 100 bytes of 100 bytes, 1.95 KiB/s" },
     };
-    for (const auto& row : rows)
-        EXPECT_EQ(zo::cli::progressLine(row.progress, row.elapsedMs), row.line);
+    for (const auto& [progress, elapsedMs, line] : rows)
+        EXPECT_EQ(zo::cli::progressLine(progress, elapsedMs), line);
 }
 
 } // namespace
