@@ -44,14 +44,8 @@ Directory openIn(int parent, const std::string& name)
     return Directory(new int(fd), [](const int* open) { ::close(*open), delete open; });
 }
 
-class Builder {
-public:
-    Builder(Choices& choices, bool portable)
-        : _choices(choices)
-        , _pieces(portable ? kUnportable : std::size(kPieces))
-    {
-    }
-
+// Draws a tree from choices, with names made of the first pieces of kPieces.
+struct Builder {
     // Fills dir, at depth below the root; a name often extends the sibling's before it: "a" and
     // "a-b", "pip" and "pip/x".
     void fill(const Directory& dir, unsigned depth)
@@ -66,7 +60,6 @@ public:
         }
     }
 
-private:
     void add(const Directory& dir, const std::string& name, unsigned depth, unsigned kind)
     {
         const char* at = name.c_str();
@@ -74,12 +67,10 @@ private:
             const int fd
                 = check(::openat(*dir, at, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600), name);
             const std::string content = name + std::string(_choices.below(64), 'c');
-            const bool written = ::write(fd, content.data(), content.size())
-                    == static_cast<ssize_t>(content.size())
-                && ::fchmod(fd, kFileModes[_choices.below(4)]) == 0
-                && ::futimens(fd, times().data()) == 0;
+            const auto written = ::write(fd, content.data(), content.size());
+            check(written == static_cast<ssize_t>(content.size()) ? 0 : -1, name);
+            finish(fd, kFileModes[_choices.below(4)]);
             ::close(fd);
-            check(written ? 0 : -1, name);
             _files.emplace_back(dir, name);
         } else if (kind < 7 || (kind == 9 && _deepDone)) {
             check(::mkdirat(*dir, at, 0700), name);
@@ -136,7 +127,7 @@ private:
     }
 
     Choices& _choices;
-    const unsigned _pieces;
+    const size_t _pieces;
     std::vector<std::pair<Directory, std::string>> _files;
     bool _deepDone = false;
 };
@@ -218,7 +209,8 @@ bool makeTree(const std::string& root, Choices& choices)
 {
     const bool portable = choices.below(2) == 0;
     check(::mkdir(root.c_str(), 0755), root);
-    Builder(choices, portable).fill(openIn(AT_FDCWD, root), 0);
+    Builder { choices, portable ? kUnportable : std::size(kPieces), {}, false }.fill(
+        openIn(AT_FDCWD, root), 0);
     return portable;
 }
 
