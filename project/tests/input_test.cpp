@@ -7,6 +7,7 @@
 
 #include <QDir>
 
+#include <algorithm>
 #include <clocale>
 #include <filesystem>
 #include <fstream>
@@ -23,8 +24,7 @@ QByteArray randomBytes(int size)
 {
     std::mt19937 generator(size);
     QByteArray bytes(size, '\0');
-    for (char& byte : bytes)
-        byte = static_cast<char>(generator());
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(generator()); });
     return bytes;
 }
 

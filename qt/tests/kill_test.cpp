@@ -34,15 +34,16 @@ protected:
     }
     void TearDown() override { qputenv("TMPDIR", previousTemp); }
 
-    // Runs project_child with arguments over a fresh copy of before in work, killed at each call
-    // in turn; check sees what each kill left, and only the names in named are not hidden ones.
-    void killEverywhere(const Files& before, const QStringList& arguments, const QStringList& named,
-        const std::function<void()>& check)
+    // Runs project_child with arguments over a fresh copy of before in work/into, killed at each
+    // call in turn; check sees what each kill left, and only the names in named are not hidden
+    // ones.
+    void killEverywhere(const QString& into, const Files& before, const QStringList& arguments,
+        const QStringList& named, const std::function<void()>& check)
     {
         const auto prepare = [&] {
             QDir(work).removeRecursively();
             for (auto file = before.cbegin(); file != before.cend(); ++file)
-                writeFile(work + "/" + file.key(), file.value());
+                writeFile(work + "/" + into + file.key(), file.value());
         };
         zo::test::killAtEveryCall(
             kCalls, QStringList { "project_child" } + arguments, prepare, [&] {
@@ -71,12 +72,9 @@ TEST_F(KillAtEveryCall, UnpackLeavesTheDestinationOldOrComplete)
     const Files unpacked { { "a.txt", "archive's" }, { "sub/new.txt", "new" } };
     Files merged = user;
     merged.insert(unpacked);
-    Files before;
-    for (auto file = user.cbegin(); file != user.cend(); ++file)
-        before.insert("user/" + file.key(), file.value());
     for (const char* destination : { "user", "new/destination" })
         killEverywhere(
-            before, { "unpack", archive, work + "/" + destination }, { "user", "new" }, [&] {
+            "user/", user, { "unpack", archive, work + "/" + destination }, { "user", "new" }, [&] {
                 const Files left = filesBelow(work + "/" + destination);
                 if (destination == std::string("user"))
                     EXPECT_TRUE(left == user || left == merged);
@@ -90,7 +88,7 @@ TEST_F(KillAtEveryCall, SafeSaveLeavesTheArchiveOldOrComplete)
     zo::project::exportProject(scratch.filePath("source").toStdString(),
         scratch.filePath("p.zop").toStdString(), zo::project::ArchiveFormat::Auto);
     const QString unpacked = scratch.filePath("unpacked");
-    killEverywhere({ { "p.zop", readFile(scratch.filePath("p.zop")) } },
+    killEverywhere("", { { "p.zop", readFile(scratch.filePath("p.zop")) } },
         { "save", work + "/p.zop" }, { "p.zop" }, [&] {
             QDir(unpacked).removeRecursively();
             zo::project::importProject((work + "/p.zop").toStdString(), unpacked.toStdString(),
