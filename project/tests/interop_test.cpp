@@ -5,6 +5,9 @@
 #include <QProcess>
 #include <QStandardPaths>
 
+#include <algorithm>
+#include <cctype>
+
 namespace {
 
 using namespace zo::project;
@@ -102,9 +105,13 @@ std::vector<Tool> writers()
     return tools;
 }
 
+// A test name made of the program's and the archive's letters and digits, others replaced.
 std::string nameOf(const testing::TestParamInfo<Tool>& info)
 {
-    return testName(std::string(info.param.program) + "_" + info.param.archive);
+    std::string name = std::string(info.param.program) + "_" + info.param.archive;
+    std::replace_if(
+        name.begin(), name.end(), [](char c) { return !std::isalnum(c); }, '_');
+    return name;
 }
 
 INSTANTIATE_TEST_SUITE_P(Tools, TheyRead, testing::ValuesIn(readers()), nameOf);

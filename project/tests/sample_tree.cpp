@@ -5,7 +5,6 @@
 #include <archive.h>
 
 #include <algorithm>
-#include <cctype>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -15,13 +14,6 @@
 namespace zo::project::test {
 
 namespace fs = std::filesystem;
-
-std::string testName(std::string text)
-{
-    std::replace_if(
-        text.begin(), text.end(), [](char c) { return !std::isalnum(c); }, '_');
-    return text;
-}
 
 void makeSampleTree(const std::string& rootPath, size_t bigFileSize)
 {

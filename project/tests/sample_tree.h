@@ -27,9 +27,6 @@ inline std::string pathIn(const QTemporaryDir& dir, const char* name)
     return dir.filePath(QString::fromUtf8(name)).toStdString();
 }
 
-// A test name made of the letters and digits of text, other characters replaced with '_'.
-std::string testName(std::string text);
-
 // A project with nested, empty and hidden directories, non-ASCII names, a zero-byte file,
 // varied modes, symbolic links and old times; bigFileSize > 0 adds a file of that size.
 void makeSampleTree(const std::string& root, size_t bigFileSize = 0);

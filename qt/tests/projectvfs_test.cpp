@@ -217,11 +217,6 @@ TEST(FacadeLifetime, HandlesOutliveTheFacade)
     EXPECT_EQ(readFile(dir.filePath("a.txt")), "kept");
 }
 
-QString swapName(const QString& file, long long pid)
-{
-    return QStringLiteral(".%1.%2.csp").arg(file).arg(pid);
-}
-
 using Recovery = Facade;
 
 // Names that only look like swap files are never offered, so never recovered or abandoned; any
@@ -250,7 +245,7 @@ TEST_F(Recovery, ListsSwapFilesRootFirstWithSourceAndProcessAndNothingElse)
 TEST_F(Recovery, SwapOfARunningProcessIsOnlyCopied)
 {
     LiveInstance other;
-    const Info info { swapName("a.txt", other.pid), "a.txt", other.pid };
+    const Info info { QString(".a.txt.%1.csp").arg(other.pid), "a.txt", other.pid };
     writeFile(abs(info.swapPath), "their work");
     vfs.recoverFile(info);
     vfs.abandonFile(info);
@@ -267,7 +262,7 @@ TEST_F(Recovery, RefusedTransfersKeepBothFiles)
     EXPECT_THROW(vfs.recoverFile(own), exception::SwapFileRename);
 
     // Another process's file for a source this process already edits.
-    const QString theirs = swapName("a.txt", 0);
+    const QString theirs = ".a.txt.0.csp";
     writeFile(abs(theirs), "theirs");
     EXPECT_THROW(vfs.recoverFile({ theirs, "a.txt", 0 }), exception::SwapFileRename);
     EXPECT_EQ(filesBelow(dir.path()), (Files { { theirs, "theirs" }, { mySwap, "mine" } }));
