@@ -36,9 +36,11 @@ int main(int argc, char** argv)
             return 0;
         }
         std::optional<ProjectModel> model;
-        if (mode == "save") {
+        if (mode == "save" || mode == "model") {
             model.emplace().load(path, ArchiveFormat::Auto);
-            model->writeFile("a.txt", "new");
+            model->writeFile("a.txt", mode == "save" ? "new" : "live");
+        }
+        if (mode == "save") {
             model->save(QString(), ArchiveFormat::Native, true);
             return 0;
         }
@@ -49,10 +51,6 @@ int main(int argc, char** argv)
         if (mode == "hold" || mode == "model" || mode == "adopt" || mode == "replace") {
             for (int at = 3; at < argc; ++at)
                 project.open(QString::fromLocal8Bit(argv[at]), QIODevice::WriteOnly)->write("live");
-            if (mode == "model") {
-                model.emplace().load(path, ArchiveFormat::Auto);
-                model->writeFile("a.txt", "live");
-            }
             if (mode == "adopt")
                 model.emplace().recoverWorkspace(ProjectModel::recoverableWorkspaces().at(0));
             std::puts("ready");
