@@ -21,12 +21,7 @@ using namespace zo::project::test;
 namespace fs = std::filesystem;
 using namespace std::string_literals;
 
-class Metadata : public testing::Test {
-protected:
-    std::string path(const char* name) const { return pathIn(dir, name); }
-
-    QTemporaryDir dir;
-};
+using Metadata = Scratch;
 
 ino_t inodeOf(const std::string& file)
 {

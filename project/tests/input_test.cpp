@@ -68,11 +68,8 @@ QByteArray paxRecord(const QByteArray& key, const QByteArray& value)
 
 const QByteArray tarEnd(1024, '\0');
 
-class RealWorld : public testing::Test {
+class RealWorld : public Scratch {
 protected:
-    std::string path(const char* name) const { return pathIn(dir, name); }
-
-    QTemporaryDir dir;
     const std::string imported = path("imported");
 };
 

@@ -44,19 +44,11 @@ uint64_t sizeOfFiles(const std::string& root)
     return size;
 }
 
-class Formats : public testing::Test {
+class Formats : public Scratch {
 protected:
     void SetUp() override { makeSampleTree(source); }
 
-    std::string path(const char* name) const { return pathIn(dir, name); }
-    QStringList entries(const char* name = "") const
-    {
-        return QDir(dir.filePath(name))
-            .entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::Hidden);
-    }
-
-    QTemporaryDir dir;
-    const std::string source = pathIn(dir, "source");
+    const std::string source = path("source");
 };
 
 // Every name a format goes by names it back, and, after a dot, ends the names of its archives;
@@ -109,7 +101,7 @@ TEST_F(Formats, AreNamedAndToldByTheirNamesAndContent)
         EXPECT_THROW(importProject(path("out.tbz2"), path("in"), format), UnsupportedFormat);
         EXPECT_THROW(exportProject(source, path("out.zip"), format), UnsupportedFormat);
     }
-    EXPECT_EQ(entries(),
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::Hidden),
         (QStringList {
             "empty.zip", "existing", "garbage.zip", "native.ZOP", "out.tbz2", "source" }));
 }

@@ -10,6 +10,8 @@
 
 #include <QTemporaryDir>
 
+#include <gtest/gtest.h>
+
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -26,6 +28,14 @@ inline std::string pathIn(const QTemporaryDir& dir, const char* name)
 {
     return dir.filePath(QString::fromUtf8(name)).toStdString();
 }
+
+// A scratch directory, and the paths of names in it.
+class Scratch : public testing::Test {
+protected:
+    std::string path(const char* name) const { return pathIn(dir, name); }
+
+    QTemporaryDir dir;
+};
 
 // A project with nested, empty and hidden directories, non-ASCII names, a zero-byte file,
 // varied modes, symbolic links and old times; bigFileSize > 0 adds a file of that size.
