@@ -35,26 +35,24 @@ TEST(Log, CategoriesAreRegisteredAndInstalledSinksStackWhateverTheLevel)
 }
 
 // The default sink reads its threshold once per process, so each case runs in a child.
-std::string stderrOfChild(const char* threshold)
+TEST(Log, DefaultSinkFiltersByEnvironmentThreshold)
 {
     const QTemporaryDir dir;
     const std::string path = dir.filePath("stderr").toStdString();
-    if (fork() == 0) {
-        threshold ? setenv("ZO_LOG_LEVEL", threshold, 1) : unsetenv("ZO_LOG_LEVEL");
-        if (std::freopen(path.c_str(), "w", stderr))
-            for (const int level : { zo::log::Warning, zo::log::Info, zo::log::Error })
-                zo::log::log("Cat", level, "at " + std::to_string(level));
-        _exit(std::fflush(stderr));
+    for (const auto& [threshold, expected] :
+        { std::pair<const char*, const char*> { nullptr, "Cat: warning: at 3\nCat: error: at 2\n" },
+            { "4", "Cat: warning: at 3\nCat: info: at 4\nCat: error: at 2\n" },
+            { "2", "Cat: error: at 2\n" } }) {
+        if (fork() == 0) {
+            threshold ? setenv("ZO_LOG_LEVEL", threshold, 1) : unsetenv("ZO_LOG_LEVEL");
+            if (std::freopen(path.c_str(), "w", stderr))
+                for (const int level : { zo::log::Warning, zo::log::Info, zo::log::Error })
+                    zo::log::log("Cat", level, "at " + std::to_string(level));
+            _exit(std::fflush(stderr));
+        }
+        wait(nullptr);
+        EXPECT_EQ(zo::test::readFile(path), expected) << (threshold ? threshold : "unset");
     }
-    wait(nullptr);
-    return zo::test::readFile(path).toStdString();
-}
-
-TEST(Log, DefaultSinkFiltersByEnvironmentThreshold)
-{
-    EXPECT_EQ(stderrOfChild(nullptr), "Cat: warning: at 3\nCat: error: at 2\n");
-    EXPECT_EQ(stderrOfChild("4"), "Cat: warning: at 3\nCat: info: at 4\nCat: error: at 2\n");
-    EXPECT_EQ(stderrOfChild("2"), "Cat: error: at 2\n");
 }
 
 } // namespace

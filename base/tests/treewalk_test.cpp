@@ -23,7 +23,6 @@ class TreeWalk : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(dir.isValid());
         const QDir root(dir.path());
         for (const char* name : { "a", ".h", "d/x", "d/.y" })
             zo::test::writeFile(root.filePath(name), "abc");
@@ -57,21 +56,14 @@ TEST_F(TreeWalk, FiltersHiddenNamesAndFollowsLinksOutsideItsOwnDescentPath)
         { "lf", "F@" }, { "ld", "D@" }, { "ld/x", "F" }, { "ld/up", "D@" }, { "lb", "L@" } };
     EXPECT_EQ(walk(WalkOptions {}), followed);
 
-    WalkOptions hidden;
-    hidden.includeHidden = true;
     auto withHidden = followed;
     withHidden.insert({ { ".h", "F" }, { "d/.y", "F" }, { "ld/.y", "F" } });
-    EXPECT_EQ(walk(hidden), withHidden);
-
-    WalkOptions unfollowed;
-    unfollowed.followLinks = false;
-    EXPECT_EQ(walk(unfollowed),
+    EXPECT_EQ(walk({ /* includeHidden */ true, true, true, {}, {} }), withHidden);
+    EXPECT_EQ(walk({ false, /* followLinks */ false, true, {}, {} }),
         (Seen { { "a", "F" }, { "d", "D" }, { "d/x", "F" }, { "d/up", "L@" }, { "lf", "L@" },
             { "ld", "L@" }, { "lb", "L@" } }));
 
-    WalkOptions flat;
-    flat.recursive = false;
-    EXPECT_EQ(walk(flat).count("d/x"), 0u);
+    EXPECT_EQ(walk({ false, true, /* recursive */ false, {}, {} }).count("d/x"), 0u);
 }
 
 TEST_F(TreeWalk, VisitorSkipsOrStopsAndReadsStatusOnDemand)

@@ -2,29 +2,18 @@
 
 #include <zo/project/project.h>
 
-#include <QCryptographicHash>
-
 #include <archive.h>
 
 #include <algorithm>
-#include <cctype>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 namespace zo::project::test {
 
 namespace fs = std::filesystem;
-
-std::string testName(std::string text)
-{
-    std::replace_if(
-        text.begin(), text.end(), [](char c) { return !std::isalnum(c); }, '_');
-    return text;
-}
 
 void makeSampleTree(const std::string& rootPath, size_t bigFileSize)
 {
@@ -41,18 +30,13 @@ void makeSampleTree(const std::string& rootPath, size_t bigFileSize)
     fs::permissions(root / "locked", static_cast<fs::perms>(0750));
     fs::create_symlink("docs/chapter 1/notes.txt", root / "notes-link");
     fs::create_symlink("../zero", root / "docs/zero-link");
-    if (bigFileSize > 0) {
-        // Numbered 4 KiB runs of varying bytes: every block is distinct, yet each compressor
-        // shrinks it quickly.
-        std::string big;
-        for (size_t number = 0; big.size() < bigFileSize; ++number) {
-            std::string block = std::to_string(number);
-            block.resize(4096, static_cast<char>('a' + number % 26));
-            big += block;
-        }
-        big.resize(bigFileSize);
-        writeFile((root / "data/big.bin").string(), QByteArray::fromStdString(big));
-    }
+    // Numbered 4 KiB runs of varying bytes: every block is distinct, yet each compressor shrinks
+    // it quickly.
+    QByteArray big;
+    for (int number = 0; big.size() < static_cast<int>(bigFileSize); ++number)
+        big += QByteArray::number(number).leftJustified(4096, static_cast<char>('a' + number % 26));
+    if (bigFileSize > 0)
+        writeFile((root / "data/big.bin").string(), big.left(static_cast<int>(bigFileSize)));
     // Old, distinct times; setting them changes no directory's own time.
     time_t seconds = 1500000000;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
@@ -60,36 +44,6 @@ void makeSampleTree(const std::string& rootPath, size_t bigFileSize)
         ASSERT_EQ(::utimensat(AT_FDCWD, entry.path().c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
         seconds += 3601;
     }
-}
-
-std::vector<std::string> listing(const std::string& root, int details)
-{
-    std::vector<std::string> lines;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        struct stat status { };
-        EXPECT_EQ(::lstat(entry.path().c_str(), &status), 0);
-        const bool link = S_ISLNK(status.st_mode);
-        if (link && !(details & Links))
-            continue;
-        const std::string name = entry.path().lexically_relative(root).string();
-        if (link) {
-            lines.push_back("l " + name + " -> " + fs::read_symlink(entry.path()).string());
-            continue;
-        }
-        std::string line = (S_ISDIR(status.st_mode) ? "d " : "f ") + name;
-        if (details & Modes)
-            line += " mode " + std::to_string(status.st_mode & 07777);
-        if (details & Times)
-            line += " time " + std::to_string(status.st_mtime);
-        if (S_ISREG(status.st_mode)) {
-            const QByteArray data = readFile(entry.path().string());
-            line += " sha1 "
-                + QCryptographicHash::hash(data, QCryptographicHash::Sha1).toHex().toStdString();
-        }
-        lines.push_back(line);
-    }
-    std::sort(lines.begin(), lines.end());
-    return lines;
 }
 
 QByteArray archiveOf(const std::vector<Item>& items, const std::function<void(archive*)>& configure)
@@ -112,7 +66,6 @@ QByteArray archiveOf(const std::vector<Item>& items, const std::function<void(ar
         archive_entry_set_pathname(entry.get(), item.name.c_str());
         archive_entry_set_filetype(entry.get(), item.type);
         archive_entry_set_perm(entry.get(), 0644);
-        archive_entry_set_rdev(entry.get(), makedev(1, 3));
         if (item.hardLink)
             archive_entry_set_hardlink(entry.get(), item.content.c_str());
         else if (item.type == AE_IFLNK)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tree_generator.h"
+
 #include <zo/project/archive.h>
 #include <zo/test/support.h>
 
@@ -8,7 +10,7 @@
 
 #include <QTemporaryDir>
 
-#include <archive_entry.h>
+#include <gtest/gtest.h>
 
 #include <cstddef>
 #include <functional>
@@ -27,18 +29,17 @@ inline std::string pathIn(const QTemporaryDir& dir, const char* name)
     return dir.filePath(QString::fromUtf8(name)).toStdString();
 }
 
-// A test name made of the letters and digits of text, other characters replaced with '_'.
-std::string testName(std::string text);
+// A scratch directory, and the paths of names in it.
+class Scratch : public testing::Test {
+protected:
+    std::string path(const char* name) const { return pathIn(dir, name); }
+
+    QTemporaryDir dir;
+};
 
 // A project with nested, empty and hidden directories, non-ASCII names, a zero-byte file,
 // varied modes, symbolic links and old times; bigFileSize > 0 adds a file of that size.
 void makeSampleTree(const std::string& root, size_t bigFileSize = 0);
-
-enum Detail { Modes = 1, Times = 2, Links = 4, Everything = Modes | Times | Links };
-
-// One sorted line per entry below root: kind, path, the details asked for (links are left
-// out without Links) and a digest of the content or the link's target.
-std::vector<std::string> listing(const std::string& root, int details);
 
 // One entry of a hand-made archive.
 struct Item {

@@ -44,29 +44,23 @@ private:
 // backslashes.
 bool makeTree(const std::string& root, Choices& choices);
 
-// One line per entry below root, in a fixed order, read through descriptors: kind, path, mode,
-// time and a file's content or a link's target. With hardLinks, a file with further names tells
-// the first of them.
-std::vector<std::string> describe(const std::string& root, bool hardLinks);
+// What describe tells of an entry besides its kind, path, and a file's content (a digest when it
+// is long) or a link's target: a file's or directory's mode and time, and for a file with further
+// names the first of them.
+enum Detail { Modes = 1, Times = 2, HardLinks = 4, Everything = Modes | Times | HardLinks };
 
-// A format trees are packed into, and what it keeps.
-struct PackFormat {
-    ArchiveFormat format;
-    const char* name;
-    bool anyName; // not only those of portable trees
-    bool hardLinks;
-};
+// One line per entry below root, in a fixed order, read through descriptors.
+std::vector<std::string> describe(const std::string& root, int details);
 
 // Every format, the directory too.
-extern const PackFormat kPackFormats[9];
+extern const ArchiveFormat kPackFormats[9];
 
 // Packs source (as makeTree made it, portable or not) into work/packed.<name>, unpacks that into
 // work/unpacked.<name> (for a tar once more, over what it made) and tells what went wrong: a
-// tree that did not come back exactly, a refusal a portable tree or a format for any name must
-// not meet, or an archive left by a refused pack; empty when nothing did. Errors of the unpacking
-// propagate.
+// tree that did not come back exactly, a refusal a portable tree or a tar must not meet, or an
+// archive left by a refused pack; empty when nothing did. Errors of the unpacking propagate.
 std::string roundTrip(
-    const std::string& source, const std::string& work, const PackFormat& format, bool portable);
+    const std::string& source, const std::string& work, ArchiveFormat format, bool portable);
 
 // Removes everything below root, however deep.
 void removeContents(const std::string& root);

@@ -9,43 +9,26 @@
 #include <zo/project/projectmodel.h>
 #include <zo/test/support.h>
 
-#include <QCoreApplication>
-#include <QDirIterator>
-#include <QMap>
-#include <QProcess>
-#include <QStandardPaths>
+#include <QDir>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
 namespace {
 
+using zo::test::filesBelow;
 using zo::test::readFile;
 using zo::test::writeFile;
 using Files = QMap<QString, QByteArray>;
 
-const char* const kCalls[] = { "openat", "mkdir", "mkdirat", "write", "pwrite64", "fsync", "syncfs",
+const QStringList kCalls = { "openat", "mkdir", "mkdirat", "write", "pwrite64", "fsync", "syncfs",
     "fchmod", "fchown", "utimensat", "ftruncate", "linkat", "symlinkat", "rename", "renameat2",
     "unlink", "unlinkat", "rmdir" };
-
-// Every file below root with its content, hidden ones too.
-Files filesIn(const QString& root)
-{
-    Files files;
-    for (QDirIterator it(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-         it.hasNext();) {
-        const QString path = it.next();
-        files.insert(QDir(root).relativeFilePath(path), readFile(path));
-    }
-    return files;
-}
 
 class KillAtEveryCall : public testing::Test {
 protected:
     void SetUp() override
     {
-        if (QStandardPaths::findExecutable("strace").isEmpty())
-            GTEST_SKIP() << "strace is missing";
         writeFile(scratch.filePath("source/a.txt"), "archive's");
         writeFile(scratch.filePath("source/sub/new.txt"), "new");
         QDir().mkpath(temp);
@@ -53,30 +36,19 @@ protected:
     }
     void TearDown() override { qputenv("TMPDIR", previousTemp); }
 
-    // Runs archive_child with arguments over a fresh copy of before in work, killed at each
-    // call of kCalls in turn until it gets that far no more; check sees what each kill left.
-    void killEverywhere(const Files& before, const QStringList& arguments, const QStringList& named,
-        const std::function<void()>& check)
+    // Runs project_child with arguments over a fresh copy of before in work/into, killed at each
+    // call in turn; check sees what each kill left, and only the names in named are not hidden
+    // ones.
+    void killEverywhere(const QString& into, const Files& before, const QStringList& arguments,
+        const QStringList& named, const std::function<void()>& check)
     {
-        for (const char* call : kCalls)
-            for (int nth = 1;; ++nth) {
-                SCOPED_TRACE(std::string(call) + " " + std::to_string(nth));
-                QDir(work).removeRecursively();
-                for (auto file = before.cbegin(); file != before.cend(); ++file)
-                    writeFile(work + "/" + file.key(), file.value());
-                QProcess child;
-                // The leak checker of a sanitizer build cannot work under a tracer.
-                child.start("strace",
-                    QStringList { "-f", "-qq", "-o", "/dev/null", "-E",
-                        "ASAN_OPTIONS=detect_leaks=0", "-e",
-                        QStringLiteral("inject=%1:signal=SIGKILL:when=%2").arg(call).arg(nth),
-                        QCoreApplication::applicationDirPath() + "/archive_child" }
-                        + arguments);
-                ASSERT_TRUE(child.waitForFinished(60000));
-                if (child.exitStatus() == QProcess::NormalExit) {
-                    EXPECT_EQ(child.exitCode(), 0) << child.readAllStandardError().toStdString();
-                    break;
-                }
+        const auto prepare = [&] {
+            QDir(work).removeRecursively();
+            for (auto file = before.cbegin(); file != before.cend(); ++file)
+                writeFile(work + "/" + into + file.key(), file.value());
+        };
+        zo::test::killAtEveryCall(
+            kCalls, QStringList { "project_child" } + arguments, prepare, [&] {
                 check();
                 for (const QString& directory : { work, temp })
                     for (const QString& name : QDir(directory).entryList(
@@ -93,7 +65,7 @@ protected:
                 EXPECT_EQ(left(work, ".*zo-[^or]*") + left(temp, ".*zo-[^o]*")
                         + (left(work, ".*zo-r*").isEmpty() ? left(work, ".zo-o*") : QStringList()),
                     QStringList());
-            }
+            });
     }
 
     const QTemporaryDir scratch;
@@ -111,13 +83,10 @@ TEST_F(KillAtEveryCall, UnpackLeavesTheDestinationOldOrComplete)
     const Files unpacked { { "a.txt", "archive's" }, { "sub/new.txt", "new" } };
     Files merged = user;
     merged.insert(unpacked);
-    Files before;
-    for (auto file = user.cbegin(); file != user.cend(); ++file)
-        before.insert("user/" + file.key(), file.value());
     for (const char* destination : { "user", "new/destination" })
         killEverywhere(
-            before, { "unpack", archive, work + "/" + destination }, { "user", "new" }, [&] {
-                const Files left = filesIn(work + "/" + destination);
+            "user/", user, { "unpack", archive, work + "/" + destination }, { "user", "new" }, [&] {
+                const Files left = filesBelow(work + "/" + destination);
                 if (destination == std::string("user"))
                     EXPECT_TRUE(left == user || left == merged);
                 else
@@ -130,7 +99,7 @@ TEST_F(KillAtEveryCall, SafeSaveLeavesTheArchiveOldOrComplete)
     zo::project::exportProject(scratch.filePath("source").toStdString(),
         scratch.filePath("p.zop").toStdString(), zo::project::ArchiveFormat::Auto);
     const QString unpacked = scratch.filePath("unpacked");
-    killEverywhere({ { "p.zop", readFile(scratch.filePath("p.zop")) } },
+    killEverywhere("", { { "p.zop", readFile(scratch.filePath("p.zop")) } },
         { "save", work + "/p.zop" }, { "p.zop" }, [&] {
             QDir(unpacked).removeRecursively();
             zo::project::importProject((work + "/p.zop").toStdString(), unpacked.toStdString(),

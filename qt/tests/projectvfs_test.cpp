@@ -1,7 +1,12 @@
+// The facade: edits in swap files until a commit that loses nothing (what open handles still
+// buffer, a source another program changed, a link's place, anything outside the project), and
+// recovery of what other processes left.
 #include <zo/test/support.h>
 
+#include <zo/fault.h>
 #include <zo/project/exceptions.h>
-#include <zo/project/fileutils.h>
+#include <zo/project/projectdir.h>
+#include <zo/project/projectmodel.h>
 #include <zo/project/projectvfs.h>
 #include <zo/project/vfsfile.h>
 
@@ -25,21 +30,14 @@ static bool operator==(const ProjectVFS::RecoverableInfo& a, const ProjectVFS::R
 
 namespace {
 
-using test::filesBelow;
-using test::LogCapture;
-using test::readFile;
-using test::thrownBy;
-using test::writeFile;
+using namespace test;
+using testing::HasSubstr;
 using Files = QMap<QString, QByteArray>;
 using Info = ProjectVFS::RecoverableInfo;
+using Changes = ProjectVFS::SourceChanges;
 
 class Facade : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        vfs.setCommittedChangedHandler([this](bool pending) { reports.push_back(pending); });
-    }
-
     QString abs(const QString& relative) const { return dir.filePath(relative); }
     QString swapOf(const QString& relative) const { return abs(vfs.makeSwapPath(relative)); }
     void edit(const QString& path, const QByteArray& data)
@@ -50,7 +48,6 @@ protected:
 
     QTemporaryDir dir;
     ProjectVFS vfs { dir.path() };
-    std::vector<bool> reports;
 };
 
 // Another process's swap file of the same name is never overwritten.
@@ -74,14 +71,11 @@ TEST_F(Facade, EditsStayInSwapFilesUntilCommitOrDiscardOfAll)
     QFile::remove(swapOf("b.txt"));
     vfs.discard();
     EXPECT_FALSE(vfs.isNotCommitted());
-    EXPECT_FALSE(vfs.exists("b.txt"));
     EXPECT_EQ(filesBelow(dir.path()), (Files { { "a.txt", "old" } }));
-    EXPECT_EQ(reports, std::vector<bool> { true }) << "discard-all does not call the handler";
 
     edit("a.txt", "new");
     ASSERT_TRUE(vfs.mkpath("n"));
     edit("n/new.txt", "created");
-    EXPECT_TRUE(vfs.exists("n/new.txt"));
     EXPECT_EQ(vfs.open("a.txt", QIODevice::ReadOnly)->readAll(), "new");
     QTemporaryDir outside;
     vfs.exportFile("a.txt", outside.filePath("out.txt"), false);
@@ -93,10 +87,8 @@ TEST_F(Facade, EditsStayInSwapFilesUntilCommitOrDiscardOfAll)
             { vfs.makeSwapPath("copy.txt"), "new" },
             { vfs.makeSwapPath("n/new.txt"), "created" } }));
     vfs.commit();
-    EXPECT_FALSE(vfs.isNotCommitted());
     EXPECT_EQ(filesBelow(dir.path()),
         (Files { { "copy.txt", "new" }, { "moved.txt", "new" }, { "n/new.txt", "created" } }));
-    EXPECT_EQ(reports, (std::vector<bool> { true, true })) << "neither move nor commit-all call it";
 }
 
 TEST_F(Facade, RemoveTakesSwapFilesAndNeverFollowsLinks)
@@ -110,11 +102,9 @@ TEST_F(Facade, RemoveTakesSwapFilesAndNeverFollowsLinks)
     ASSERT_TRUE(QFile::link(outside.path(), abs("d/link")));
 
     vfs.remove("d");
-    EXPECT_FALSE(QFileInfo::exists(abs("d")));
     EXPECT_EQ(readFile(outside.filePath("precious.txt")), "keep");
     EXPECT_EQ(readFile(abs("a.txt")), "same name elsewhere");
     EXPECT_FALSE(vfs.isNotCommitted());
-
     edit("a.txt", "new");
     vfs.remove("a.txt");
     EXPECT_EQ(filesBelow(dir.path()), Files {});
@@ -127,8 +117,90 @@ TEST_F(Facade, RemoveTakesSwapFilesAndNeverFollowsLinks)
     vfs.remove("f");
     EXPECT_FALSE(QFileInfo::exists(abs("f")));
     ASSERT_EQ(log.lines.size(), 1u);
-    EXPECT_THAT(
-        std::get<2>(log.lines[0]), testing::HasSubstr(vfs.makeSwapPath("f/a.txt").toStdString()));
+    EXPECT_THAT(std::get<2>(log.lines[0]), HasSubstr(vfs.makeSwapPath("f/a.txt").toStdString()));
+}
+
+TEST_F(Facade, CommitWritesOutOpenHandlesAndClosesThem)
+{
+    writeFile(abs("a.txt"), "old");
+    const auto handle = vfs.open("a.txt", QIODevice::WriteOnly | QIODevice::Truncate);
+    handle->write("new");
+    // Written out before anything is renamed, so that a crash at a rename keeps it.
+    zo::os::fault::inject(zo::os::fault::Step::Rename, 2, EIO);
+    EXPECT_THROW(vfs.commit(), exception::SwapFileRename);
+    zo::os::fault::clear();
+    EXPECT_EQ(readFile(swapOf("a.txt")), "new");
+    vfs.commit();
+    EXPECT_FALSE(handle->isOpen());
+    EXPECT_EQ(handle->write("late"), -1);
+    EXPECT_EQ(readFile(abs("a.txt")), "new");
+}
+
+// A swap file removed behind the engine's back stops the commit; the source was never renamed.
+TEST_F(Facade, VanishedSwapFileKeepsTheSource)
+{
+    writeFile(abs("a.txt"), "old");
+    edit("a.txt", "new");
+    QFile::remove(swapOf("a.txt"));
+    EXPECT_THROW(vfs.commit(), exception::SwapFileMissing);
+    EXPECT_EQ(filesBelow(dir.path()), (Files { { "a.txt", "old" } }));
+    EXPECT_TRUE(vfs.isNotCommitted("a.txt"));
+}
+
+TEST_F(Facade, ChangesOfOtherProgramsAreNotOverwritten)
+{
+    for (const QString name : { "a.txt", "b.txt", "c.txt" }) {
+        writeFile(abs(name), "old");
+        edit(name, "new");
+    }
+    writeFile(abs("a.txt"), "theirs");
+    writeFile(abs("c.txt"), "theirs");
+    EXPECT_EQ(thrownBy([&] { vfs.commit(); }),
+        "exception::SourceFileChanged: Source file changed by another program: a.txt, c.txt");
+    EXPECT_EQ(readFile(abs("b.txt")), "old");
+    EXPECT_THROW(vfs.commit("a.txt"), exception::SourceFileChanged);
+    vfs.commit(Changes::Overwrite);
+    EXPECT_EQ(readFile(abs("a.txt")), "new");
+
+    ProjectModel model;
+    model.writeFile("a.txt", "mine");
+    model.save(abs("p.zip"), ArchiveFormat::Auto, true);
+    ProjectModel other;
+    other.load(abs("p.zip"), ArchiveFormat::Auto);
+    other.save("", ArchiveFormat::Native, true);
+    EXPECT_THROW(model.save("", ArchiveFormat::Native, true), exception::SourceFileChanged);
+    model.save("", ArchiveFormat::Native, true, Changes::Overwrite);
+}
+
+// A link inside the project keeps its place; one that leaves it is refused like any path
+// outside, by every front end, before anything is written.
+TEST_F(Facade, PathsStayInsideTheProject)
+{
+    writeFile(abs("p/real.txt"), "old");
+    ASSERT_TRUE(QFile::link("real.txt", abs("p/inside")) && QFile::link("..", abs("p/up"))
+        && QFile::link("../out.txt", abs("p/out")));
+    ProjectVFS project(abs("p"));
+    project.open("inside", QIODevice::WriteOnly)->write("new");
+    project.commit();
+    EXPECT_EQ(QFile::symLinkTarget(abs("p/inside")), abs("p/real.txt"));
+    EXPECT_EQ(readFile(abs("p/real.txt")), "new");
+
+    ProjectDir directory(abs("p"));
+    ProjectModel model;
+    const std::function<void()> writes[] = {
+        [&] { project.open("../out.txt", QIODevice::WriteOnly); },
+        [&] { project.open(abs("out.txt"), QIODevice::WriteOnly); },
+        [&] { project.open("up/out.txt", QIODevice::WriteOnly); },
+        [&] { project.open("out", QIODevice::WriteOnly); },
+        [&] { project.copy("real.txt", "../out.txt", true); },
+        [&] { project.mkpath("../made"); },
+        [&] { directory.writeFile("../out.txt", "x"); },
+        [&] { model.writeFile("../escape", "x"); },
+    };
+    for (const auto& write : writes)
+        EXPECT_THAT(thrownBy(write), HasSubstr("leads outside the project"));
+    EXPECT_EQ(
+        QDir(dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList { "p" });
 }
 
 TEST(FacadeLifetime, HandlesOutliveTheFacade)
@@ -145,57 +217,40 @@ TEST(FacadeLifetime, HandlesOutliveTheFacade)
     EXPECT_EQ(readFile(dir.filePath("a.txt")), "kept");
 }
 
-QString swapName(const QString& file, long long pid)
-{
-    return QStringLiteral(".%1.%2.csp").arg(file).arg(pid);
-}
-
 using Recovery = Facade;
 
-// Names that only look like swap files are never offered, so never recovered or abandoned.
-TEST_F(Recovery, ListsSwapFilesWithSourceAndProcessAndNothingElse)
+// Names that only look like swap files are never offered, so never recovered or abandoned; any
+// other name is, a newline in it too.
+TEST_F(Recovery, ListsSwapFilesRootFirstWithSourceAndProcessAndNothingElse)
 {
     for (const char* name : { "doc/.notes.txt.4242.csp", ".a.b.123.csp", ".big.txt.4194304.csp",
-             ".huge.txt.99999999999.csp", ".hidden/.h.txt.5.csp", "doc/notes.txt.4242.csp",
-             "doc/.x.txt.12.csp.bak" })
+             ".huge.txt.99999999999.csp", ".line\nbreak.77.csp", ".hidden/.h.txt.5.csp",
+             "doc/notes.txt.4242.csp", "doc/.x.txt.12.csp.bak" })
         writeFile(abs(name), "work");
 
     auto found = vfs.recoverableFiles();
+    EXPECT_TRUE(std::is_partitioned(found.begin(), found.end(),
+        [](const Info& info) { return !info.sourcePath.contains('/'); }));
     std::sort(found.begin(), found.end(),
         [](const Info& a, const Info& b) { return a.swapPath < b.swapPath; });
     EXPECT_EQ(found,
         (std::vector<Info> { { ".a.b.123.csp", "a.b", 123 },
             { ".big.txt.4194304.csp", "big.txt", 4194304 },
             { ".huge.txt.99999999999.csp", "huge.txt", 0 },
+            { ".line\nbreak.77.csp", "line\nbreak", 77 },
             { "doc/.notes.txt.4242.csp", "doc/notes.txt", 4242 } }));
 }
 
-// The file of a process that still runs is copied, never moved or removed; that of an ended one
-// is removed.
-TEST_F(Recovery, SwapOfARunningProcessIsOnlyCopiedThatOfAnEndedOneRemoved)
+// The file of a process that still runs is copied, never moved or removed.
+TEST_F(Recovery, SwapOfARunningProcessIsOnlyCopied)
 {
-    test::LiveInstance other;
-    const QString theirs = swapName("a.txt", other.pid);
-    writeFile(abs(theirs), "their work");
-    const Info info { theirs, "a.txt", other.pid };
-
-    LogCapture log;
+    LiveInstance other;
+    const Info info { QString(".a.txt.%1.csp").arg(other.pid), "a.txt", other.pid };
+    writeFile(abs(info.swapPath), "their work");
     vfs.recoverFile(info);
-    EXPECT_EQ(readFile(abs(theirs)), "their work");
-    EXPECT_EQ(readFile(abs(vfs.makeSwapPath("a.txt"))), "their work");
-    EXPECT_TRUE(vfs.isNotCommitted("a.txt"));
     vfs.abandonFile(info);
-    EXPECT_EQ(readFile(abs(theirs)), "their work");
-    ASSERT_EQ(log.lines.size(), 2u);
-    EXPECT_THAT(std::get<2>(log.lines[1]),
-        testing::AllOf(testing::HasSubstr(theirs.toStdString()),
-            testing::HasSubstr(std::to_string(other.pid) + "' is still running")));
-
-    const QString stale = swapName("b.txt", test::endedProcessId());
-    writeFile(abs(stale), "stale");
-    vfs.abandonFile({ stale, "b.txt", 0 });
-    EXPECT_FALSE(QFile::exists(abs(stale)));
-    EXPECT_THROW(vfs.abandonFile({ stale, "b.txt", 0 }), exception::SwapFileRemove);
+    EXPECT_EQ(filesBelow(dir.path()),
+        (Files { { info.swapPath, "their work" }, { vfs.makeSwapPath("a.txt"), "their work" } }));
 }
 
 TEST_F(Recovery, RefusedTransfersKeepBothFiles)
@@ -207,14 +262,15 @@ TEST_F(Recovery, RefusedTransfersKeepBothFiles)
     EXPECT_THROW(vfs.recoverFile(own), exception::SwapFileRename);
 
     // Another process's file for a source this process already edits.
-    const QString theirs = swapName("a.txt", 0);
+    const QString theirs = ".a.txt.0.csp";
     writeFile(abs(theirs), "theirs");
     EXPECT_THROW(vfs.recoverFile({ theirs, "a.txt", 0 }), exception::SwapFileRename);
     EXPECT_EQ(filesBelow(dir.path()), (Files { { theirs, "theirs" }, { mySwap, "mine" } }));
 }
 
 // A process edits through swap files and is killed before it saves; this process recovers
-// every byte it had written.
+// every byte it had written, and the version of each source it had noted: a change another
+// program made since shows, and stops the commit.
 TEST_F(Recovery, WorkOfAKilledProcessIsRecovered)
 {
     writeFile(abs("existing.txt"), "before the crash");
@@ -234,14 +290,18 @@ TEST_F(Recovery, WorkOfAKilledProcessIsRecovered)
         raise(SIGKILL);
     }
     waitpid(editor, nullptr, 0);
+    writeFile(abs("existing.txt"), "changed meanwhile");
 
     const auto found = vfs.recoverableFiles();
-    EXPECT_EQ(found.size(), 3u);
-    for (const Info& info : found) {
-        EXPECT_EQ(info.pid, editor);
-        vfs.recoverFile(info);
+    const auto states = vfs.inspect(found);
+    ASSERT_EQ(found.size(), 3u);
+    for (std::size_t at = 0; at < found.size(); ++at) {
+        EXPECT_EQ(found[at].pid, editor);
+        EXPECT_EQ(states[at].sourceChanged, found[at].sourcePath == "existing.txt");
+        vfs.recoverFile(found[at]);
     }
-    vfs.commit();
+    EXPECT_THROW(vfs.commit(), exception::SourceFileChanged);
+    vfs.commit(Changes::Overwrite);
     EXPECT_EQ(filesBelow(dir.path()),
         (Files { { "existing.txt", "before the crash and after" }, { "new/large.txt", large },
             { "stream.txt", "through a stream" } }));

@@ -1,9 +1,12 @@
 #include <zo/test/support.h>
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
+#include <QStandardPaths>
 
 #include <gtest/gtest.h>
 
@@ -170,6 +173,31 @@ int runAsNobody(const std::function<int()>& body)
     int status = 0;
     ::waitpid(child, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 101;
+}
+
+void killAtEveryCall(const QStringList& calls, const QStringList& command,
+    const std::function<void()>& prepare, const std::function<void()>& check)
+{
+    if (QStandardPaths::findExecutable("strace").isEmpty())
+        GTEST_SKIP() << "strace is missing";
+    for (const QString& call : calls)
+        for (int nth = 1;; ++nth) {
+            SCOPED_TRACE(call.toStdString() + " " + std::to_string(nth));
+            prepare();
+            QProcess child;
+            // The leak checker of a sanitizer build cannot work under a tracer.
+            child.start("strace",
+                QStringList { "-f", "-qq", "-o", "/dev/null", "-E", "ASAN_OPTIONS=detect_leaks=0",
+                    "-e", QStringLiteral("inject=%1:signal=SIGKILL:when=%2").arg(call).arg(nth),
+                    QCoreApplication::applicationDirPath() + "/" + command.first() }
+                    + command.mid(1));
+            ASSERT_TRUE(child.waitForFinished(60000));
+            if (child.exitStatus() == QProcess::NormalExit) {
+                EXPECT_EQ(child.exitCode(), 0) << child.readAllStandardError().toStdString();
+                break;
+            }
+            check();
+        }
 }
 
 } // namespace zo::test

@@ -110,4 +110,10 @@ void writeEndedOwnerMark(const QString& directory, pid_t pid, const QByteArray& 
 constexpr uid_t kNobody = 65534;
 int runAsNobody(const std::function<int()>& body);
 
+// Runs command (a program built beside the test, then its arguments) under strace, killed with
+// SIGKILL at the 1st, 2nd, ... call of each system call in calls until it no longer gets that far
+// and must succeed; prepare comes before each run, check after each kill. Skips without strace.
+void killAtEveryCall(const QStringList& calls, const QStringList& command,
+    const std::function<void()>& prepare, const std::function<void()>& check);
+
 } // namespace zo::test
