@@ -47,8 +47,11 @@ void crashWhileEditing(const QString& root, const QString& path, const QByteArra
         QStringLiteral("  process %1 wrote %2 and was killed before saving").arg(editor).arg(path));
 }
 
-int demo(const QString& root)
+// Makes the project in root and its archive and unpacked copy in shelf, which it empties.
+int demo(const QString& root, const QString& shelf)
 {
+    if (!QDir().mkpath(root))
+        throw std::runtime_error("cannot make the directory '" + root.toStdString() + "'");
     print(QStringLiteral("Project directory: %1").arg(root));
     ProjectVFS project(root);
     // Told of the first pending change; saving everything at once reports nothing.
@@ -101,8 +104,8 @@ int demo(const QString& root)
 
     print(QStringLiteral("6. Pack the project into an archive and unpack it elsewhere"));
     zo::project::Project(root.toStdString()).setMetadata("title", "demo project");
-    const QString archive = root + QStringLiteral(".zop");
-    const QString unpacked = root + QStringLiteral("-unpacked");
+    const QString archive = shelf + QStringLiteral("/project.zop");
+    const QString unpacked = shelf + QStringLiteral("/unpacked");
     zo::project::exportProject(
         root.toStdString(), archive.toStdString(), zo::project::ArchiveFormat::Auto);
     zo::project::importProject(
@@ -132,15 +135,27 @@ Command demoCommand()
         QStringLiteral("Edit, crash and recover in a scratch project, then pack it."),
         QStringLiteral("[DIR]"),
         { { QStringLiteral("DIR"),
-            QStringLiteral("Where to make the project (default: a temporary directory).") } },
+            QStringLiteral(
+                "A new or empty directory to make the project in (default: a temporary one).") } },
         0, 1, {}, [](const QCommandLineParser& parser) {
             const QStringList arguments = parser.positionalArguments();
-            if (!arguments.isEmpty()) {
-                QDir().mkpath(arguments.first());
-                return demo(QDir(arguments.first()).absolutePath());
-            }
-            const QTemporaryDir scratch;
-            return demo(scratch.path());
+            const QTemporaryDir shelf;
+            if (!shelf.isValid())
+                throw std::runtime_error(
+                    "cannot make a temporary directory: " + shelf.errorString().toStdString());
+            if (arguments.isEmpty())
+                return demo(shelf.filePath(QStringLiteral("project")), shelf.path());
+            // The demo writes and recovers files of its own: never among the user's.
+            const QString root = QDir(qtPath(arguments.first())).absolutePath();
+            const QDir directory(root);
+            if (QFileInfo::exists(root)
+                && !(directory.exists()
+                    && directory.isEmpty(
+                        QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System)))
+                throw std::runtime_error("'" + bytesOf(arguments.first())
+                    + "': not an empty directory; the demo makes its project in a new or empty "
+                      "one");
+            return demo(root, shelf.path());
         } };
 }
 

@@ -151,3 +151,11 @@ for command in $("$zoproject" --help | awk '/^Commands:/ { on = 1; next } on && 
     grep -qE -- "^ *$command\).*$option( |\")" "$completion" || fail "no completion of $command $option"
   done
 done
+
+# The demo works in a new or empty directory only, and leaves nothing beside it.
+mkdir -p "$scratch/demo/mine"
+echo "the user's" >"$scratch/demo/mine/notes.txt"
+run "$zoproject" demo "$scratch/demo/mine" >/dev/null 2>&1
+[[ $status -eq 1 && $(cat "$scratch/demo/mine/notes.txt") == "the user's" ]] || fail "demo in a full directory"
+"$zoproject" demo "$scratch/demo/new" >/dev/null
+[[ $(left "$scratch/demo") == "mine new " ]] || fail "demo left $(left "$scratch/demo")"
