@@ -148,6 +148,7 @@ void Staging::removePrevious()
     if (changed.empty())
         return;
     _guard.keep();
+    _report.previousTree = _staged;
     warnEntry(_destination, changed,
         "changed by another program while unpacking; the previous tree stays in '" + _staged + "'");
 }

@@ -72,6 +72,11 @@ int unpack(const QCommandLineParser& parser)
     }
     tell("kept", report->kept);
     tell("replaced", report->replaced);
+    if (!report->previousTree.empty())
+        throw std::runtime_error("'" + bytesOf(arguments[1])
+            + "' was changed by another program while it was unpacked: its previous tree, "
+              "with those changes, stays in '"
+            + report->previousTree + "'");
     return kSuccess;
 }
 

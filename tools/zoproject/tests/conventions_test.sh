@@ -159,3 +159,20 @@ run "$zoproject" demo "$scratch/demo/mine" >/dev/null 2>&1
 [[ $status -eq 1 && $(cat "$scratch/demo/mine/notes.txt") == "the user's" ]] || fail "demo in a full directory"
 "$zoproject" demo "$scratch/demo/new" >/dev/null
 [[ $(left "$scratch/demo") == "mine new " ]] || fail "demo left $(left "$scratch/demo")"
+
+# A file another program writes into the destination before the unpacked tree takes its place
+# stays with the previous tree, and the unpack fails naming where that is.
+if command -v strace >/dev/null; then
+  mkdir -p "$scratch/late/source" "$scratch/late/destination"
+  echo new >"$scratch/late/source/a.txt"
+  echo "the user's" >"$scratch/late/destination/kept.txt"
+  "$zoproject" pack --quiet "$scratch/late/source" "$scratch/late/a.tar"
+  strace -f -o /dev/null -e inject=renameat2:delay_enter=500000 \
+    "$zoproject" unpack --quiet "$scratch/late/a.tar" "$scratch/late/destination" 2>"$scratch/late/err" &
+  sleep 0.25
+  echo "another program's" >"$scratch/late/destination/late.txt"
+  run wait $!
+  previous=$(compgen -G "$scratch/late/.destination.zo-replaced-*" || true)
+  [[ $status -eq 1 && $(cat "$previous/late.txt") == "another program's" ]] &&
+    grep -qF "stays in '$previous'" "$scratch/late/err" || fail "unpack beside another program: $status"
+fi

@@ -149,6 +149,10 @@ struct ImportOptions {
 struct ImportReport {
     std::vector<std::string> kept; ///< left as they were (ExistingFiles::Keep)
     std::vector<std::string> replaced; ///< replaced by entries (ExistingFiles::Replace)
+    /// Empty, or where the destination's previous tree stays because another program put or
+    /// changed files in it while it was unpacked: a hidden directory beside the destination,
+    /// which the destination's new tree does not hold those files of.
+    std::string previousTree;
 };
 
 /// importProject with options, reporting to progress (which may be empty). The conflicts that
