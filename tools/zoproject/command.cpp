@@ -138,4 +138,22 @@ bool isWithin(const QString& path, const QString& directory)
         || path.startsWith(directory.endsWith(QLatin1Char('/')) ? directory : directory + '/');
 }
 
+QString oneLine(const std::string& text, bool isKey)
+{
+    QString line;
+    for (const QChar c : fromBytes(QByteArray::fromStdString(text))) {
+        if (c == QLatin1Char('\\'))
+            line += QStringLiteral("\\\\");
+        else if (c == QLatin1Char('\n'))
+            line += QStringLiteral("\\n");
+        else if (c == QLatin1Char('\r'))
+            line += QStringLiteral("\\r");
+        else if (isKey && c == QLatin1Char('='))
+            line += QStringLiteral("\\=");
+        else
+            line += c;
+    }
+    return line;
+}
+
 } // namespace zo::cli

@@ -69,6 +69,11 @@ std::string bytesOf(const QString& text);
 // A path for Qt's file classes and the Qt library, which decode names with QFile::decodeName.
 QString qtPath(const QString& path);
 
+// Text on one line whatever it holds: a backslash, a line break and a carriage return are
+// written as "\\", "\n" and "\r", and in a key "=" as "\=". For names and metadata in
+// line-oriented output.
+QString oneLine(const std::string& text, bool isKey = false);
+
 // A line on standard output, as bytes (see toBytes). Throws when standard output cannot take
 // it, so that a full disk or a closed pipe ends the command with an error.
 void print(const QString& line);

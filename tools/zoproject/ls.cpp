@@ -59,11 +59,11 @@ int ls(const QCommandLineParser& parser)
     }
     const int width = QString::number(total).size();
     for (const auto& [path, entry] : entries) {
-        const QString name = fromBytes(QByteArray::fromStdString(path));
+        const QString name = oneLine(path);
         if (entry.kind == EntryKind::SymbolicLink)
             print(QStringLiteral("%1  %2 -> %3")
                       .arg(QLatin1String("-"), width)
-                      .arg(name, fromBytes(QByteArray::fromStdString(entry.linkTarget))));
+                      .arg(name, oneLine(entry.linkTarget)));
         else
             print(QStringLiteral("%1  %2").arg(static_cast<qint64>(entry.size), width).arg(name));
     }

@@ -15,26 +15,6 @@ namespace {
 
 using Metadata = std::map<std::string, std::string>;
 
-// One line per key whatever the text holds: a backslash, a line break and a carriage return
-// are written as "\\", "\n" and "\r", and in a key "=" as "\=".
-QString escaped(const std::string& text, bool isKey)
-{
-    QString line;
-    for (const QChar c : fromBytes(QByteArray::fromStdString(text))) {
-        if (c == QLatin1Char('\\'))
-            line += QStringLiteral("\\\\");
-        else if (c == QLatin1Char('\n'))
-            line += QStringLiteral("\\n");
-        else if (c == QLatin1Char('\r'))
-            line += QStringLiteral("\\r");
-        else if (isKey && c == QLatin1Char('='))
-            line += QStringLiteral("\\=");
-        else
-            line += c;
-    }
-    return line;
-}
-
 void printMetadata(const Metadata& metadata, bool json)
 {
     QJsonObject object;
@@ -42,7 +22,7 @@ void printMetadata(const Metadata& metadata, bool json)
         if (json)
             object.insert(QString::fromStdString(key), QString::fromStdString(value));
         else
-            print(escaped(key, true) + QLatin1Char('=') + escaped(value, false));
+            print(oneLine(key, true) + QLatin1Char('=') + oneLine(value, false));
     if (json)
         printJson(QJsonDocument(object));
 }
