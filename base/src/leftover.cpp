@@ -40,9 +40,11 @@ std::vector<Leftover> leftoversAmong(
         if (!hidden || isOwnerMarkName(name))
             continue;
         const std::string path = (directory == "/" ? "" : directory) + "/" + name;
-        found.push_back({ path, *hidden, marks.judge(path, hidden->pid).liveness,
-            std::find(std::begin(kRedundant), std::end(kRedundant), hidden->purpose)
-                == std::end(kRedundant) });
+        const OwnerVerdict verdict = marks.judge(path, hidden->pid);
+        found.push_back({ path, *hidden, verdict.liveness,
+            !verdict.showsOurs()
+                || std::find(std::begin(kRedundant), std::end(kRedundant), hidden->purpose)
+                    == std::end(kRedundant) });
     }
     return found;
 }

@@ -65,8 +65,8 @@ bool ExportFilter::leavesOut(archive_entry* entry, const std::string& path)
     if (!_editingFiles)
         return false;
     const std::string_view name = std::string_view(path).substr(path.rfind('/') + 1);
-    if (os::parseHiddenName(name))
-        return true;
+    if (const std::optional<os::HiddenName> hidden = os::parseHiddenName(name))
+        return os::isOwnerMarkName(name) || _marks.judge(path, hidden->pid).showsOurs();
     return archive_entry_filetype(entry) == AE_IFREG
         && (isSwapName(name) || isStaleBackup(name, path));
 }

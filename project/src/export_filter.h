@@ -2,6 +2,7 @@
 
 #include "libarchive.h"
 
+#include <zo/owner.h>
 #include <zo/project/archive.h>
 
 #include <string>
@@ -24,6 +25,7 @@ public:
 
 private:
     bool _editingFiles;
+    zo::os::OwnerMarks _marks;
     std::unique_ptr<archive, MatchFree> _patterns;
 };
 

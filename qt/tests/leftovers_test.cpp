@@ -51,6 +51,8 @@ TEST(Leftovers, StatusListsThemAndTheNextLoadRemovesWhatIsProvenRedundant)
     while (hiddenIn(dir.path(), ".live.zo-*").isEmpty() && unpack.state() != QProcess::NotRunning)
         QThread::msleep(10);
     writeFile(dir.filePath("victim/file"), "kept");
+    // Named as ours, but no mark shows it is: a user's file.
+    writeFile(dir.filePath(".thesis.zo-copy-4999999.final"), "the user's");
     const QString previous = QDir::currentPath();
     const pid_t killed = ::fork();
     if (killed == 0) {
@@ -77,10 +79,10 @@ TEST(Leftovers, StatusListsThemAndTheNextLoadRemovesWhatIsProvenRedundant)
             + (left.toObject()["holdsData"].toBool() ? " kept" : "");
     EXPECT_EQ(listed.join(", "),
         "copy ended, future ended kept, unpack running, pack ended, replaced ended kept, "
-        "unpack ended");
+        "copy ended kept, unpack ended");
     ProjectModel().load(archive, ArchiveFormat::Auto);
-    EXPECT_EQ(hiddenIn(dir.path()).size(), 5)
-        << "unpack, a purpose unknown here, replaced and two marks";
+    EXPECT_EQ(hiddenIn(dir.path()).size(), 6)
+        << "unpack, a purpose unknown here, replaced, the user's and two marks";
     EXPECT_EQ(readFile(dir.filePath("victim/file")), "kept");
     unpack.closeWriteChannel();
     unpack.waitForFinished();
@@ -97,6 +99,7 @@ TEST(Leftovers, StatusListsThemAndTheNextLoadRemovesWhatIsProvenRedundant)
     exportProject(
         dir.path().toStdString(), dir.filePath("copy").toStdString(), ArchiveFormat::Directory);
     EXPECT_EQ(hiddenIn(dir.filePath("copy"), ".zo-owner-*"), QStringList());
+    EXPECT_EQ(readFile(dir.filePath("copy/.thesis.zo-copy-4999999.final")), "the user's");
 }
 
 // A Qt warning fails the test: a timer started on a thread that cannot run it, or from another.

@@ -53,6 +53,10 @@ struct OwnerVerdict {
     Liveness liveness = Liveness::Unknown; ///< how it stands
     /// From its mark, or for a process found running without one, from /proc.
     std::optional<OwnerRecord> owner;
+
+    /// Whether the file is known to be one of ours: its process may still run, or a mark of it
+    /// was found. A file named after an ended process that left no mark may be a user's own.
+    bool showsOurs() const { return liveness != Liveness::Ended || owner.has_value(); }
 };
 
 /// This process's mark in one directory, shared by every part of the process that writes below

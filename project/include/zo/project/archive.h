@@ -172,7 +172,8 @@ struct ExportOptions {
     /// and the copies being made of them, ".<name>.<pid>.csp.XXXXXX"), the backups of commits
     /// whose source is in place ("<name>bck" beside "<name>"; a backup without its source holds
     /// the only copy and is packed), owner marks and the other hidden files of the libraries
-    /// (".zo-owner-<pid>.<unique>", ".<name>.zo-<purpose>-<pid>.XXXXXX"). The overloads without
+    /// (".zo-owner-<pid>.<unique>", ".<name>.zo-<purpose>-<pid>.XXXXXX") while their process
+    /// may run or its owner mark shows they are its. The overloads without
     /// options leave out nothing.
     bool leaveOutEditingFiles = true;
     /// Shell patterns (fnmatch: "*", "?", "[...]"), matched as archivers match them against the
