@@ -24,8 +24,8 @@ struct Leftover {
     /// Whether it may hold data found nowhere else, so that cleanup never removes it: a tree
     /// swapped with a directory (kReplacedPurpose of zo/replace.h), a purpose this version
     /// does not know, or a name of an ended process that no owner mark vouches for (a user's
-    /// file may be named so). Only the purposes of copies, packs, saves, unpacks, metadata files and
-    /// workspace records hold nothing but what their source still holds.
+    /// file may be named so). Only the purposes of copies, packs, saves, unpacks, metadata files
+    /// and workspace records hold nothing but what their source still holds.
     bool holdsData = false;
 };
 
