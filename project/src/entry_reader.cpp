@@ -72,10 +72,9 @@ bool EntryReader::read(Block& block)
     const int status = archive_read_data_block(_handle.get(), &block.data, &block.size, &offset);
     if (status == ARCHIVE_EOF)
         return false;
-    if (status < ARCHIVE_WARN || offset < 0)
+    // A warning on data is a checksum that does not match: the bytes cannot be trusted.
+    if (status != ARCHIVE_OK || offset < 0)
         failEntry(_path, entryName(_entry.get()), errorText(_handle.get()));
-    if (status == ARCHIVE_WARN)
-        warnEntry(_path, entryName(_entry.get()), errorText(_handle.get()));
     block.offset = offset;
     _dataRead += block.size;
     report();

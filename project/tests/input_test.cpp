@@ -274,14 +274,23 @@ TEST_F(Hostile, WritingThroughALinkInTheDestinationIsRefused)
 }
 
 // Into an existing directory: see the unpack into a user's directory.
-TEST_F(Hostile, TruncatedArchivesFailAndACreatedDestinationIsRemoved)
+// Cut in half, or with a byte changed in a file's data whose checksum then does not match.
+TEST_F(Hostile, TruncatedOrDamagedArchivesFailAndACreatedDestinationIsRemoved)
 {
     const std::string source = pathIn(sandbox, "source");
     makeSampleTree(source, 512 * 1024);
-    for (const char* name : { "cut.tar.gz", "cut.zip", "cut.7z" }) {
+    for (const char* name : { "cut.tar.gz", "cut.zip", "cut.7z", "damaged.zip", "damaged.zop" }) {
         const std::string cut = pathIn(sandbox, name);
         exportProject(source, cut, ArchiveFormat::Auto);
-        std::filesystem::resize_file(cut, std::filesystem::file_size(cut) / 2);
+        const auto size = std::filesystem::file_size(cut);
+        if (cut.find("cut.") != std::string::npos) {
+            std::filesystem::resize_file(cut, size / 2);
+        } else {
+            std::fstream damaged(cut, std::ios::in | std::ios::out | std::ios::binary);
+            damaged.seekg(static_cast<std::streamoff>(size / 2));
+            const char byte = static_cast<char>(damaged.peek() ^ 0x55);
+            damaged.seekp(static_cast<std::streamoff>(size / 2)).put(byte);
+        }
         EXPECT_PRED_FORMAT2(testing::IsSubstring, cut, importError(cut, destination));
         EXPECT_FALSE(std::filesystem::exists(pathIn(sandbox, "new"))) << name;
     }
