@@ -108,6 +108,12 @@ StampTable WatchSnapshot::listingAfter(PartialListing read) const
 {
     StampTable& found = read.files;
     found.sort();
+    // A walk of the whole tree keeps nothing of the last listing.
+    if (std::any_of(read.marks.begin(), read.marks.end(),
+            [](const PartialListing::Mark& mark) { return mark.prefix.empty(); })
+        && std::none_of(read.marks.begin(), read.marks.end(),
+            [](const PartialListing::Mark& mark) { return mark.unchanged; }))
+        return std::move(found);
     std::sort(read.marks.begin(), read.marks.end(),
         [](const PartialListing::Mark& a, const PartialListing::Mark& b) {
             return a.prefix < b.prefix;
