@@ -149,24 +149,24 @@ WatchedTree::WalkEnd WatchedTree::walk(const std::set<std::string>& toRead,
     os::WalkOptions options;
     options.includeHidden = _showHidden;
     os::walkTree(root.get(), options, [&](const os::WalkEntry& entry) {
-        const std::string path(entry.path);
-        if (!linkTop.empty() && !isBelow(path, linkTop))
+        if (!linkTop.empty() && !isBelow(entry.path, linkTop))
             linkTop.clear();
         const bool throughLink = !linkTop.empty();
         if (entry.type == os::EntryType::File) {
             const os::FileStatus* file = entry.status();
             if (file == nullptr)
                 return os::WalkStep::Continue;
-            read.files.append(path,
+            read.files.append(entry.path,
                 FileStamp { file->modifiedMilliseconds(), static_cast<quint32>(file->size) }, true,
                 true);
             // Written to through a name outside this directory, it changes unreported.
             if (!throughLink && (entry.isLink || file->links > 1))
-                _readAlways.insert(parentOf(path));
+                _readAlways.insert(parentOf(std::string(entry.path)));
             return os::WalkStep::Continue;
         }
         if (entry.type != os::EntryType::Directory || throughLink)
             return os::WalkStep::Continue;
+        const std::string path(entry.path);
         if (entry.isLink) {
             linkTop = path + "/";
             _readAlways.insert(parentOf(path));
