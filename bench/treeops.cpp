@@ -5,7 +5,15 @@
 //        zoproject_treeops copy SRC DST
 //        zoproject_treeops export ROOT ARCHIVE
 //        zoproject_treeops commit|commit-loop ROOT N
+//        zoproject_treeops open ROOT
+//        zoproject_treeops idle|idle-full ROOT SECONDS
 // prints: <milliseconds> <peak resident bytes> <entries seen>
+//
+// open times what an application does to open a project: ProjectDir(ROOT), watching on (the
+// watcher's first check), recoverableFiles(). idle watches ROOT with the default interval and
+// the kernel's change notices (idle-full: listing the whole tree at every check) for SECONDS of
+// wall time once the first check is done, and gives as entries seen the CPU time (user and
+// system) of the whole process in that time, in microseconds per minute.
 //
 // commit times ProjectVFS::commit() of N pending 4 KiB edits in directories of 100 files below
 // ROOT; commit-loop times the plain loop an application could write instead, per file: sync the
@@ -16,7 +24,9 @@
 #include <zo/file.h>
 #include <zo/project/archive.h>
 #include <zo/project/fileutils.h>
+#include <zo/project/projectdir.h>
 #include <zo/project/projectvfs.h>
+#include <zo/project/projectwatcher.h>
 #include <zo/project/vfsfile.h>
 
 #include <QCoreApplication>
@@ -24,7 +34,11 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QTimer>
 
+#include <sys/resource.h>
+
+#include <cmath>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -84,6 +98,28 @@ long long commitInAPlainLoop(const QStringList& a, QElapsedTimer& timer)
     return files.size();
 }
 
+double cpuMicroseconds()
+{
+    rusage usage {};
+    getrusage(RUSAGE_SELF, &usage);
+    return 1e6 * static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec)
+        + static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+}
+
+Operation idleWatch(bool eventAssisted)
+{
+    return [eventAssisted](const QStringList& a, QElapsedTimer&) {
+        zo::project::ProjectWatcher watcher(a[0], false, nullptr);
+        watcher.setEventAssisted(eventAssisted);
+        watcher.enableWatching(true);
+        const double seconds = a[1].toDouble();
+        const double before = cpuMicroseconds();
+        QTimer::singleShot(static_cast<int>(seconds * 1000), qApp, &QCoreApplication::quit);
+        QCoreApplication::exec();
+        return std::llround((cpuMicroseconds() - before) * 60 / seconds);
+    };
+}
+
 const std::map<QString, std::pair<int, Operation>>& operations()
 {
     using namespace zo::project;
@@ -121,6 +157,15 @@ const std::map<QString, std::pair<int, Operation>>& operations()
                     exportProject(a[0].toStdString(), a[1].toStdString(), ArchiveFormat::Zip);
                     return 0LL;
                 } } },
+        { "open",
+            { 1,
+                [](const QStringList& a, QElapsedTimer&) {
+                    ProjectDir project(a[0]);
+                    project.setWatching(true);
+                    return static_cast<long long>(project.recoverableFiles().size());
+                } } },
+        { "idle", { 2, idleWatch(true) } },
+        { "idle-full", { 2, idleWatch(false) } },
         { "commit", { 2, commitThroughTheLibrary } },
         { "commit-loop", { 2, commitInAPlainLoop } },
     };
@@ -137,7 +182,8 @@ int main(int argc, char** argv)
     if (operation == operations().end() || arguments.size() != operation->second.first + 1) {
         std::fprintf(stderr,
             "usage: zoproject_treeops list|scan|size ROOT | copy SRC DST | "
-            "export ROOT ARCHIVE | commit|commit-loop ROOT N\n");
+            "export ROOT ARCHIVE | commit|commit-loop ROOT N | open ROOT | "
+            "idle|idle-full ROOT SECONDS\n");
         return 2;
     }
     arguments.removeFirst();

@@ -2,6 +2,7 @@
 
 #include "paths.h"
 
+#include "watchedtree.h"
 #include "watchsnapshot.h"
 
 #include <zo/treewalk.h>
@@ -97,7 +98,7 @@ void ProjectWatcher::enableWatching(bool enable)
 {
     if (enable) {
         QDir::refresh();
-        xCheck(true);
+        xCheck(xListing(), true);
         if (timerId == 0)
             timerId = startTimer(intervalMs, Qt::CoarseTimer);
     } else if (timerId != 0) {
@@ -118,6 +119,12 @@ void ProjectWatcher::setInterval(int milliseconds)
 int ProjectWatcher::interval() const
 {
     return intervalMs;
+}
+
+void ProjectWatcher::setEventAssisted(bool assisted)
+{
+    eventAssisted = assisted;
+    tree.reset();
 }
 
 const QDir& ProjectWatcher::directory() const
@@ -141,7 +148,12 @@ QStringList ProjectWatcher::xListAllPaths(const QString& relPath)
 void ProjectWatcher::checkPendingChanges(const QSet<QString>& referenceList)
 {
     QDir::refresh();
+    std::unique_ptr<detail::StampTable> listing = xListing();
     if (!referenceList.isEmpty()) {
+        // The reference list replaces what is compared with, so the listing must be whole.
+        if (!listing)
+            listing = std::make_unique<detail::StampTable>(
+                snapshot->listingAfter(detail::PartialListing()));
         // Keys are filePath(relative path); anything else never matches a listed file.
         const QString path = QDir::path();
         const QString x = QDir::filePath(QStringLiteral("x"));
@@ -159,7 +171,7 @@ void ProjectWatcher::checkPendingChanges(const QSet<QString>& referenceList)
         }
         snapshot->setKnown(relativePaths, outsidePaths);
     }
-    xCheck(false);
+    xCheck(std::move(listing), false);
 }
 
 void ProjectWatcher::timerEvent(QTimerEvent* event)
@@ -168,18 +180,43 @@ void ProjectWatcher::timerEvent(QTimerEvent* event)
         checkPendingChanges(QSet<QString>());
 }
 
-void ProjectWatcher::xCheck(bool listingIsKnown)
+// The files of the tree now; null when nothing changed since the last listing.
+std::unique_ptr<detail::StampTable> ProjectWatcher::xListing()
 {
-    detail::StampTable listing;
+    if (eventAssisted && !tree)
+        tree = std::make_unique<detail::WatchedTree>(
+            QFile::encodeName(QDir::path()).toStdString(), showHidden);
+    if (tree) {
+        detail::PartialListing read;
+        switch (tree->readChanges(read)) {
+        case detail::WatchedTree::Outcome::Unchanged:
+            return nullptr;
+        case detail::WatchedTree::Outcome::Read:
+            return std::make_unique<detail::StampTable>(snapshot->listingAfter(std::move(read)));
+        case detail::WatchedTree::Outcome::Lost:
+            eventAssisted = false;
+            tree.reset();
+            break;
+        }
+    }
+    auto listing = std::make_unique<detail::StampTable>();
     forEachFile(QDir::path(), showHidden,
         [&listing](std::string_view path, const zo::os::FileStatus& status) {
-            listing.append(path, stampOf(status), true, true);
+            listing->append(path, stampOf(status), true, true);
         });
+    return listing;
+}
+
+void ProjectWatcher::xCheck(std::unique_ptr<detail::StampTable> listing, bool listingIsKnown)
+{
+    // The snapshot's last listing stands: nothing to add, remove or report.
+    if (!listing)
+        return;
     // An empty listing makes no reference list: the check then compares with the last one.
-    const bool adoptListing = listingIsKnown && !listing.empty();
+    const bool adoptListing = listingIsKnown && !listing->empty();
     const bool reporting = isWatching();
     detail::WatchChanges changes;
-    snapshot->update(std::move(listing), adoptListing, reporting ? &changes : nullptr);
+    snapshot->update(std::move(*listing), adoptListing, reporting ? &changes : nullptr);
     if (!reporting)
         return;
 

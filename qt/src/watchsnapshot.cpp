@@ -18,8 +18,9 @@ void StampTable::appendRow(const StampTable& from, const Row& row)
 
 void StampTable::sort()
 {
-    std::sort(_rows.begin(), _rows.end(),
-        [this](const Row& a, const Row& b) { return pathOf(a) < pathOf(b); });
+    const auto byPath = [this](const Row& a, const Row& b) { return pathOf(a) < pathOf(b); };
+    if (!std::is_sorted(_rows.begin(), _rows.end(), byPath))
+        std::sort(_rows.begin(), _rows.end(), byPath);
 }
 
 StampTable::Row* StampTable::find(std::string_view path)
@@ -101,6 +102,49 @@ void WatchSnapshot::update(StampTable listing, bool listingIsKnown, WatchChanges
         listing.sort();
     }
     _table = std::move(listing);
+}
+
+StampTable WatchSnapshot::listingAfter(PartialListing read) const
+{
+    StampTable& found = read.files;
+    found.sort();
+    // A walk of the whole tree keeps nothing of the last listing.
+    if (std::any_of(read.marks.begin(), read.marks.end(),
+            [](const PartialListing::Mark& mark) { return mark.prefix.empty(); })
+        && std::none_of(read.marks.begin(), read.marks.end(),
+            [](const PartialListing::Mark& mark) { return mark.unchanged; }))
+        return std::move(found);
+    std::sort(read.marks.begin(), read.marks.end(),
+        [](const PartialListing::Mark& a, const PartialListing::Mark& b) {
+            return a.prefix < b.prefix;
+        });
+    // The table is sorted, so that a directory's files follow one another: the marks that
+    // hold the current path are a stack, innermost last, and the innermost decides.
+    StampTable listing;
+    std::vector<const PartialListing::Mark*> holding;
+    auto nextMark = read.marks.cbegin();
+    auto nextFound = found.rows().cbegin();
+    const auto holds = [](const PartialListing::Mark* mark, std::string_view path) {
+        return path.substr(0, mark->prefix.size()) == mark->prefix;
+    };
+    for (const StampTable::Row& row : _table.rows()) {
+        if (!row.known)
+            continue;
+        const std::string_view path = _table.pathOf(row);
+        while (!holding.empty() && !holds(holding.back(), path))
+            holding.pop_back();
+        for (; nextMark != read.marks.cend() && nextMark->prefix <= path; ++nextMark)
+            if (holds(&*nextMark, path))
+                holding.push_back(&*nextMark);
+        if (!holding.empty() && !holding.back()->unchanged)
+            continue;
+        for (; nextFound != found.rows().cend() && found.pathOf(*nextFound) < path; ++nextFound)
+            listing.appendRow(found, *nextFound);
+        listing.appendRow(_table, row);
+    }
+    for (; nextFound != found.rows().cend(); ++nextFound)
+        listing.appendRow(found, *nextFound);
+    return listing;
 }
 
 } // namespace zo::project::detail

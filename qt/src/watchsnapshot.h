@@ -57,6 +57,18 @@ struct WatchChanges {
     QStringList removedOutside;
 };
 
+// What a check read again of the tree: the directories walked, whose earlier files it replaces,
+// and inside them the directories left unread as unchanged, whose earlier files it keeps; each
+// as its path relative to the root followed by "/" ("" for the root itself).
+struct PartialListing {
+    struct Mark {
+        std::string prefix;
+        bool unchanged;
+    };
+    std::vector<Mark> marks;
+    StampTable files; // what the walks found, sorted or not
+};
+
 // The watcher's memory of the tree between checks: which paths are known and the last stamp
 // of each file. A file that left the known set without being seen removed keeps its stamp.
 class WatchSnapshot {
@@ -68,6 +80,9 @@ public:
     // listingIsKnown the listing itself becomes the known set first, so that nothing counts as
     // added or removed and only changed stamps are reported.
     void update(StampTable listing, bool listingIsKnown, WatchChanges* changes);
+
+    // The files the last update listed, with what read found in place of what it walked again.
+    StampTable listingAfter(PartialListing read) const;
 
 private:
     StampTable _table;

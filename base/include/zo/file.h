@@ -84,6 +84,7 @@ struct FileStatus {
     std::uint32_t permissions = 0; ///< the mode's 07777 bits
     std::uint32_t owner = 0; ///< the owning user's id
     std::uint32_t group = 0; ///< the owning group's id
+    std::uint64_t links = 0; ///< how many names (hard links) the file has
 
     /// Rounded down, as Qt reports file times, so that a time set through Qt compares equal.
     std::int64_t modifiedMilliseconds() const

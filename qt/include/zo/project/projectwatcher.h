@@ -23,8 +23,10 @@ enum FileSystemEvent : int {
 };
 
 namespace detail {
+class StampTable;
+class WatchedTree;
 class WatchSnapshot;
-}
+} // namespace detail
 
 /// Polls a project tree for changes made by others: each check lists every file below the root
 /// (links followed, never back into a directory on its own descent path) and compares each
@@ -33,6 +35,16 @@ class WatchSnapshot;
 /// a check while not watching updates the snapshot silently. Keys are the root's
 /// QDir::filePath of each file. Reads the disk, never writes it. Use from the thread that owns
 /// the object.
+///
+/// Where the kernel reports changes (inotify on a local file system), a check reads again only
+/// the directories it reported changed, and those on the way down to them: the same signals at
+/// the same check, for next to no work while nothing changes. Directories reached through a
+/// link, and those holding a link or a file with several names, are read at every check. Lost
+/// notices (a full queue, the root moved, a file system mounted or unmounted) make the next
+/// check read everything; a network or FUSE file system anywhere in the tree, or the per-user
+/// limit of watches, makes every check list the whole tree from then on. A change that updates
+/// a file's time without the kernel reporting it (a write through a shared memory map) is seen
+/// once something else in its directory changes.
 class ZOPROJECTQT_EXPORT ProjectWatcher : public QObject, private QDir, public Project {
     Q_OBJECT
 
@@ -76,6 +88,9 @@ public:
     void setInterval(int milliseconds);
     /// The poll period in milliseconds.
     int interval() const;
+    /// Whether checks may rely on the kernel's change notices (the default) or list the whole
+    /// tree every time. Switching them off drops the kernel's watches at once.
+    void setEventAssisted(bool assisted);
 
     /// The watched root.
     const QDir& directory() const;
@@ -99,12 +114,15 @@ protected:
     void timerEvent(QTimerEvent* event) override;
 
 private:
-    void xCheck(bool listingIsKnown);
+    std::unique_ptr<detail::StampTable> xListing();
+    void xCheck(std::unique_ptr<detail::StampTable> listing, bool listingIsKnown);
 
     int timerId = 0;
     bool showHidden;
     int intervalMs = kDefaultIntervalMs;
+    bool eventAssisted = true;
     std::unique_ptr<detail::WatchSnapshot> snapshot;
+    std::unique_ptr<detail::WatchedTree> tree; // null until the first check, and without events
 };
 
 } // namespace zo::project
