@@ -387,7 +387,8 @@ private:
     long long missingSpace(int directory, std::uint64_t size) const;
     void copyFile(const Source& source, int directory, const char* name,
         const std::optional<zo::os::FileStatus>& existing, bool unseen) const;
-    void refuseCopyIntoItself(const zo::os::FileIdentity& source, int directory) const;
+    void refuseCopyOntoItself(const Source& source, int sourceDirectory, int directory,
+        const std::optional<zo::os::FileStatus>& existing) const;
     void enterDirectory(Source source, int directory, const char* name,
         const std::optional<zo::os::FileStatus>& existing, const Level* parent);
     UniqueFd makeDirectory(int directory, const char* name) const;
@@ -543,24 +544,46 @@ void TreeCopy::copyFile(const Source& source, int directory, const char* name,
         throw failure(copyError);
 }
 
-// Refused before anything is made: the copy would copy itself, deeper and deeper.
-void TreeCopy::refuseCopyIntoItself(const zo::os::FileIdentity& source, int directory) const
+// Whether the open directory is ancestor or lies below it: ".." is followed up to the root, so
+// that no spelling of a path, link or bind mount hides it.
+bool liesWithin(int directory, const zo::os::FileIdentity& ancestor)
 {
     UniqueFd above;
     for (int at = directory;;) {
         const std::optional<zo::os::FileStatus> status = zo::os::status(at);
-        if (status && status->identity == source) {
-            throw IOWriteError(
-                message(QStringLiteral("Copy file error: %1 cannot be copied into itself, at %2"),
-                    _src, _dst));
-        }
+        if (status && status->identity == ancestor)
+            return true;
         UniqueFd next = zo::os::openPlaceAt(at, "..");
         const std::optional<zo::os::FileStatus> nextStatus
             = next ? zo::os::status(next.get()) : std::nullopt;
         if (!status || !nextStatus || nextStatus->identity == status->identity)
-            return; // the root
+            return false; // the root
         above = std::move(next);
         at = above.get();
+    }
+}
+
+// Refused before anything is made: a copy into itself would copy itself, deeper and deeper, and
+// one over a directory that holds it would delete itself as an entry the source lacks.
+void TreeCopy::refuseCopyOntoItself(const Source& source, int sourceDirectory, int directory,
+    const std::optional<zo::os::FileStatus>& existing) const
+{
+    const zo::os::FileIdentity& identity = source.status.identity;
+    if (source.status.type == EntryType::Directory && liesWithin(directory, identity)) {
+        throw IOWriteError(message(
+            QStringLiteral("Copy file error: %1 cannot be copied into itself, at %2"), _src, _dst));
+    }
+    if (!existing || existing->type != EntryType::Directory || existing->identity == identity)
+        return;
+    const UniqueFd above = source.status.type == EntryType::Directory
+        ? zo::os::openPlaceAt(source.fd.get(), "..")
+        : UniqueFd();
+    if (liesWithin(sourceDirectory, existing->identity)
+        || (above && liesWithin(above.get(), existing->identity))) {
+        throw IOWriteError(
+            message(QStringLiteral("Copy file error: %1 lies inside %2, which cannot be replaced "
+                                   "by it"),
+                _src, _dst));
     }
 }
 
@@ -742,8 +765,7 @@ EntryType TreeCopy::run()
         = to.directory ? zo::os::status(to.directory.get()) : std::nullopt;
     if (!place)
         throw failure(errno);
-    if (type == EntryType::Directory)
-        refuseCopyIntoItself(source.status.identity, to.directory.get());
+    refuseCopyOntoItself(source, from.directory.get(), to.directory.get(), to.status(false));
     const std::optional<zo::os::FileStatus> existing
         = lookUpDestination(to.directory.get(), to.name.c_str());
     if (type == EntryType::File) {
@@ -927,7 +949,12 @@ void move(const QString& src, const QString& dst, const bool& overwrite)
         throw AlreadyExists(
             message(QStringLiteral("Move file error: %1 already exists"), dstInfo.filePath()));
     }
-    if (dstInfo == srcInfo) {
+    // The same file by another path too (a hard link, a bind mount): a move by copy and removal
+    // would remove it.
+    const std::optional<zo::os::FileStatus> srcStatus = Place(src).status(false);
+    const std::optional<zo::os::FileStatus> dstStatus = Place(dst).status(false);
+    if (dstInfo == srcInfo
+        || (srcStatus && dstStatus && srcStatus->identity == dstStatus->identity)) {
         throw AlreadyExists("Move file error: destination and source files/folders are the same. "
                             "On some OS a same name with a different case can be considered as "
                             "the same name.");

@@ -7,7 +7,7 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -17,6 +17,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
@@ -241,11 +242,13 @@ TEST(TreeOps, CopyMoveAndRemoveDoWhatTheToolsDoOnAdversarialTrees)
 }
 
 // A fifo goes like a file, and a copy whose source is one makes nothing; slashes after a name
-// name its entry; a directory is not copied into itself, through a link either.
+// name its entry; a directory is not copied into itself, nor anything over a directory that
+// holds it, through a link either.
 TEST(TreeOps, SpecialFilesSlashesAndCopiesIntoThemselves)
 {
     const Scratch s;
     test::writeFile("t/pg/f", "f");
+    test::writeFile("t/pg/pg/g", "g");
     QFile::link("pg", "t/link");
     ::mkfifo("t/pg/p", 0644);
     ::mkfifo("p", 0644);
@@ -255,12 +258,32 @@ TEST(TreeOps, SpecialFilesSlashesAndCopiesIntoThemselves)
     EXPECT_EQ(thrownBy([] { move("t/pg", "t/pg/bar", false); }),
         "IOWriteError: Move file error: an exception occurred during the move from t/pg to "
         "t/pg/bar (Copy file error: t/pg cannot be copied into itself, at t/pg/bar)");
+    for (const std::string over : { "t", "t/link/..", "t/pg/pg/../.." }) {
+        EXPECT_EQ(thrownBy([&] { copy("t/pg/pg", QString::fromStdString(over), true); }),
+            "IOWriteError: Copy file error: t/pg/pg lies inside " + over
+                + ", which cannot be replaced by it");
+    }
+    EXPECT_EQ(thrownBy([] { move("t/pg/f", "t", true); }),
+        "IOWriteError: Move file error: an exception occurred during the move from t/pg/f to t "
+        "(Copy file error: t/pg/f lies inside t, which cannot be replaced by it)");
     EXPECT_EQ(snapshot("t"), before);
     EXPECT_EQ(thrownBy([] { copy("p", "copied", false); }), "nothing thrown");
     EXPECT_EQ(thrownBy([] { remove("p"); }), "nothing thrown");
     EXPECT_EQ(thrownBy([] { remove("t/pg"); }), "nothing thrown");
     EXPECT_EQ(thrownBy([] { remove("t///"); }), "nothing thrown");
     EXPECT_FALSE(anyExists({ "t", "p", "copied" }));
+
+    // The same file through a bind mount is refused as the same path is.
+    test::writeFile("b/d/f", "f");
+    QDir().mkdir("view");
+    if (::mount("b", "view", nullptr, MS_BIND, nullptr) != 0)
+        GTEST_SKIP() << "cannot bind a directory here";
+    for (const char* same : { "d/f", "d" }) {
+        EXPECT_THAT(thrownBy([&] { move(QString("b/") + same, QString("view/") + same, true); }),
+            testing::StartsWith("AlreadyExists: Move file error: destination and source"));
+    }
+    ::umount2("view", MNT_DETACH);
+    EXPECT_EQ(test::readFile("b/d/f"), "f");
 }
 
 // A directory swapped for a link to another one while the operation is inside it: the
