@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <memory>
@@ -530,7 +529,13 @@ bool syncDirectory(const char* path)
 
 bool rename(const char* from, const char* to)
 {
-    return !failsOnPurpose(fault::Step::Rename) && std::rename(from, to) == 0;
+    return renameAt(AT_FDCWD, from, AT_FDCWD, to);
+}
+
+bool renameAt(int fromDirectory, const char* from, int toDirectory, const char* to)
+{
+    return !failsOnPurpose(fault::Step::Rename)
+        && ::renameat(fromDirectory, from, toDirectory, to) == 0;
 }
 
 bool exchange(const char* first, const char* second)

@@ -517,7 +517,9 @@ void TreeCopy::copyFile(const Source& source, int directory, const char* name,
             if (held && zo::os::haveSameContent(source.fd.get(), held.get()))
                 return;
         }
-        Removal(shownDestination()).remove(directory, name, existing->type);
+        // Anything but a directory is replaced by a rename, and stays when the copy fails.
+        if (existing->type == EntryType::Directory)
+            Removal(shownDestination()).remove(directory, name, existing->type);
     }
     const auto noSpace = [&](const char* format, long long missing) {
         return std::runtime_error(message(QString::fromLatin1(format),
@@ -528,8 +530,10 @@ void TreeCopy::copyFile(const Source& source, int directory, const char* name,
         if (missing >= 0)
             throw noSpace(kNoSpaceBeforeCopy, missing);
     }
-    const zo::os::CopyTarget target
-        = unseen ? zo::os::CopyTarget::Unseen : zo::os::CopyTarget::Visible;
+    const bool replacing = existing && existing->type != EntryType::Directory;
+    const zo::os::CopyTarget target = replacing ? zo::os::CopyTarget::Replacing
+        : unseen                                ? zo::os::CopyTarget::Unseen
+                                                : zo::os::CopyTarget::Visible;
     int copyError = 0;
     const bool copied = succeedsWithinAttempts([&] {
         if (zo::os::copyFileAt(source.fd.get(), directory, name, target))

@@ -209,6 +209,11 @@ TEST(Copy, ThatDoesNotFitNamesThePathsAndKeepsCompleteFilesOnly)
     if (QFileInfo::exists(dst + "/small")) {
         EXPECT_EQ(readFile(dst + "/small"), "fits");
     }
+    // An overwrite that does not fit keeps the file it would have replaced.
+    const QString kept = tree.file("tiny/kept", "old");
+    EXPECT_THAT(thrownBy([&] { move(large, kept, true); }), HasSubstr("No space disk left."));
+    EXPECT_EQ(readFile(kept), "old");
+    EXPECT_EQ(listDirectory(tree.path("tiny"), true, false, false), QStringList { "kept" });
 
     // Space enough but no inode left: the attempt fails.
     const QString toNoInodes = tree.dir("no-inodes/sub") + "/f";
