@@ -196,14 +196,11 @@ private:
         return PathNotFound(message(QStringLiteral("Delete file error: %1 not found"), shown()));
     }
 
-    // Tested on what the entry is, a link's target, not on the directory that holds it. A link
-    // whose target is missing has nothing to test.
+    // Tested on what goes: a file or directory itself, but for a link the directory that holds
+    // it, never the link's target.
     void checkRemovable(int directory, const char* name, EntryType type) const
     {
-        if (zo::os::isWritableAt(directory, name))
-            return;
-        const bool noTarget = errno == ENOENT || errno == ELOOP || errno == ENOTDIR;
-        if (type == EntryType::Link && noTarget)
+        if (zo::os::isWritableAt(directory, type == EntryType::Link ? "." : name))
             return;
         if (errno == ENOENT)
             throw notFound();

@@ -230,6 +230,7 @@ TEST(ReadOnlyPaths, AreRefusedNamingThemAndLoseNothing)
     Scratch tree;
     tree.file("src/x");
     const QString readOnly = tree.file("dst/read-only");
+    QFile::link(readOnly, tree.dir("t") + "/link");
     const QString readOnlyDir = tree.dir("parent/read-only");
     tree.file("parent/read-only/f");
     const ScopedMount readOnlyMount(readOnly);
@@ -245,6 +246,8 @@ TEST(ReadOnlyPaths, AreRefusedNamingThemAndLoseNothing)
     };
     for (const auto& [body, path] : rows)
         EXPECT_THAT(thrownBy(body), testing::AllOf(StartsWith("IOWriteError: "), HasSubstr(path)));
+    // A link goes with its directory, whatever holds its target.
+    remove(tree.path("t"));
     EXPECT_EQ(entriesBelow(tree.path()),
         (QStringList { "dst", "dst/read-only", "dst/x", "parent", "parent/read-only",
             "parent/read-only/f", "src", "src/x" }));
