@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <memory>
@@ -529,7 +530,7 @@ bool syncDirectory(const char* path)
 
 bool rename(const char* from, const char* to)
 {
-    return renameAt(AT_FDCWD, from, AT_FDCWD, to);
+    return !failsOnPurpose(fault::Step::Rename) && std::rename(from, to) == 0;
 }
 
 bool renameAt(int fromDirectory, const char* from, int toDirectory, const char* to)
