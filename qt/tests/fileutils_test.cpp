@@ -212,8 +212,8 @@ TEST(Copy, ThatDoesNotFitNamesThePathsAndKeepsCompleteFilesOnly)
     // An overwrite that does not fit keeps the file it would have replaced.
     const QString kept = tree.file("tiny/kept", "old");
     EXPECT_THAT(thrownBy([&] { move(large, kept, true); }), HasSubstr("No space disk left."));
-    EXPECT_EQ(readFile(kept), "old");
     EXPECT_EQ(listDirectory(tree.path("tiny"), true, false, false), QStringList { "kept" });
+    EXPECT_EQ(readFile(kept), "old");
 
     // Space enough but no inode left: the attempt fails.
     const QString toNoInodes = tree.dir("no-inodes/sub") + "/f";
