@@ -49,6 +49,13 @@ bool copyByReadWrite(int from, int to)
     }
 }
 
+// A new file with a hidden name beside name, returned in hidden.
+UniqueFd createHiddenBeside(int directory, const char* name, mode_t mode, std::string& hidden)
+{
+    hidden = hiddenTemplateBeside(name, "copy");
+    return createUniqueFileAt(directory, hidden, mode);
+}
+
 // An unnamed file in the directory, which cannot be seen at all until it is linked in; where the
 // file system has none, a file with a hidden name beside name, returned in hidden.
 UniqueFd openUnnamedIn(int directory, const char* name, mode_t mode, std::string& hidden)
@@ -56,8 +63,7 @@ UniqueFd openUnnamedIn(int directory, const char* name, mode_t mode, std::string
     UniqueFd fd = createUnnamedFile(directory, ".", mode);
     if (fd || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
         return fd;
-    hidden = hiddenTemplateBeside(name, "copy");
-    return createUniqueFileAt(directory, hidden, mode);
+    return createHiddenBeside(directory, name, mode, hidden);
 }
 
 // Gives the new file the source's exact mode, which the umask may have narrowed. A change of
@@ -132,6 +138,9 @@ bool copyFileAt(int from, int directory, const char* name, CopyTarget target)
         out = createFileAt(directory, name, mode);
         if (out)
             written = name;
+    } else if (target == CopyTarget::Replacing) {
+        // Named at once: the rename that puts it in place needs a name to rename.
+        out = createHiddenBeside(directory, name, mode, written);
     } else {
         out = openUnnamedIn(directory, name, mode, written);
     }
@@ -150,6 +159,12 @@ bool copyFileAt(int from, int directory, const char* name, CopyTarget target)
     }
     if (target == CopyTarget::Unseen) {
         if (out.close())
+            return true;
+        dropWritten();
+        return false;
+    }
+    if (target == CopyTarget::Replacing) {
+        if (out.close() && renameAt(directory, written.c_str(), directory, name))
             return true;
         dropWritten();
         return false;

@@ -533,6 +533,12 @@ bool rename(const char* from, const char* to)
     return !failsOnPurpose(fault::Step::Rename) && std::rename(from, to) == 0;
 }
 
+bool renameAt(int fromDirectory, const char* from, int toDirectory, const char* to)
+{
+    return !failsOnPurpose(fault::Step::Rename)
+        && ::renameat(fromDirectory, from, toDirectory, to) == 0;
+}
+
 bool exchange(const char* first, const char* second)
 {
     return !failsOnPurpose(fault::Step::Rename)

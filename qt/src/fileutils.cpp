@@ -196,14 +196,11 @@ private:
         return PathNotFound(message(QStringLiteral("Delete file error: %1 not found"), shown()));
     }
 
-    // Tested on what the entry is, a link's target, not on the directory that holds it. A link
-    // whose target is missing has nothing to test.
+    // Tested on what goes: a file or directory itself, but for a link the directory that holds
+    // it, never the link's target.
     void checkRemovable(int directory, const char* name, EntryType type) const
     {
-        if (zo::os::isWritableAt(directory, name))
-            return;
-        const bool noTarget = errno == ENOENT || errno == ELOOP || errno == ENOTDIR;
-        if (type == EntryType::Link && noTarget)
+        if (zo::os::isWritableAt(directory, type == EntryType::Link ? "." : name))
             return;
         if (errno == ENOENT)
             throw notFound();
@@ -387,7 +384,8 @@ private:
     long long missingSpace(int directory, std::uint64_t size) const;
     void copyFile(const Source& source, int directory, const char* name,
         const std::optional<zo::os::FileStatus>& existing, bool unseen) const;
-    void refuseCopyIntoItself(const zo::os::FileIdentity& source, int directory) const;
+    void refuseCopyOntoItself(const Source& source, int sourceDirectory, int directory,
+        const std::optional<zo::os::FileStatus>& existing) const;
     void enterDirectory(Source source, int directory, const char* name,
         const std::optional<zo::os::FileStatus>& existing, const Level* parent);
     UniqueFd makeDirectory(int directory, const char* name) const;
@@ -516,7 +514,9 @@ void TreeCopy::copyFile(const Source& source, int directory, const char* name,
             if (held && zo::os::haveSameContent(source.fd.get(), held.get()))
                 return;
         }
-        Removal(shownDestination()).remove(directory, name, existing->type);
+        // Anything but a directory is replaced by a rename, and stays when the copy fails.
+        if (existing->type == EntryType::Directory)
+            Removal(shownDestination()).remove(directory, name, existing->type);
     }
     const auto noSpace = [&](const char* format, long long missing) {
         return std::runtime_error(message(QString::fromLatin1(format),
@@ -527,8 +527,10 @@ void TreeCopy::copyFile(const Source& source, int directory, const char* name,
         if (missing >= 0)
             throw noSpace(kNoSpaceBeforeCopy, missing);
     }
-    const zo::os::CopyTarget target
-        = unseen ? zo::os::CopyTarget::Unseen : zo::os::CopyTarget::Visible;
+    const bool replacing = existing && existing->type != EntryType::Directory;
+    const zo::os::CopyTarget target = replacing ? zo::os::CopyTarget::Replacing
+        : unseen                                ? zo::os::CopyTarget::Unseen
+                                                : zo::os::CopyTarget::Visible;
     int copyError = 0;
     const bool copied = succeedsWithinAttempts([&] {
         if (zo::os::copyFileAt(source.fd.get(), directory, name, target))
@@ -543,24 +545,46 @@ void TreeCopy::copyFile(const Source& source, int directory, const char* name,
         throw failure(copyError);
 }
 
-// Refused before anything is made: the copy would copy itself, deeper and deeper.
-void TreeCopy::refuseCopyIntoItself(const zo::os::FileIdentity& source, int directory) const
+// Whether the open directory is ancestor or lies below it: ".." is followed up to the root, so
+// that no spelling of a path, link or bind mount hides it.
+bool liesWithin(int directory, const zo::os::FileIdentity& ancestor)
 {
     UniqueFd above;
     for (int at = directory;;) {
         const std::optional<zo::os::FileStatus> status = zo::os::status(at);
-        if (status && status->identity == source) {
-            throw IOWriteError(
-                message(QStringLiteral("Copy file error: %1 cannot be copied into itself, at %2"),
-                    _src, _dst));
-        }
+        if (status && status->identity == ancestor)
+            return true;
         UniqueFd next = zo::os::openPlaceAt(at, "..");
         const std::optional<zo::os::FileStatus> nextStatus
             = next ? zo::os::status(next.get()) : std::nullopt;
         if (!status || !nextStatus || nextStatus->identity == status->identity)
-            return; // the root
+            return false; // the root
         above = std::move(next);
         at = above.get();
+    }
+}
+
+// Refused before anything is made: a copy into itself would copy itself, deeper and deeper, and
+// one over a directory that holds it would delete itself as an entry the source lacks.
+void TreeCopy::refuseCopyOntoItself(const Source& source, int sourceDirectory, int directory,
+    const std::optional<zo::os::FileStatus>& existing) const
+{
+    const zo::os::FileIdentity& identity = source.status.identity;
+    if (source.status.type == EntryType::Directory && liesWithin(directory, identity)) {
+        throw IOWriteError(message(
+            QStringLiteral("Copy file error: %1 cannot be copied into itself, at %2"), _src, _dst));
+    }
+    if (!existing || existing->type != EntryType::Directory || existing->identity == identity)
+        return;
+    const UniqueFd above = source.status.type == EntryType::Directory
+        ? zo::os::openPlaceAt(source.fd.get(), "..")
+        : UniqueFd();
+    if (liesWithin(sourceDirectory, existing->identity)
+        || (above && liesWithin(above.get(), existing->identity))) {
+        throw IOWriteError(
+            message(QStringLiteral("Copy file error: %1 lies inside %2, which cannot be replaced "
+                                   "by it"),
+                _src, _dst));
     }
 }
 
@@ -742,8 +766,7 @@ EntryType TreeCopy::run()
         = to.directory ? zo::os::status(to.directory.get()) : std::nullopt;
     if (!place)
         throw failure(errno);
-    if (type == EntryType::Directory)
-        refuseCopyIntoItself(source.status.identity, to.directory.get());
+    refuseCopyOntoItself(source, from.directory.get(), to.directory.get(), to.status(false));
     const std::optional<zo::os::FileStatus> existing
         = lookUpDestination(to.directory.get(), to.name.c_str());
     if (type == EntryType::File) {
@@ -927,7 +950,12 @@ void move(const QString& src, const QString& dst, const bool& overwrite)
         throw AlreadyExists(
             message(QStringLiteral("Move file error: %1 already exists"), dstInfo.filePath()));
     }
-    if (dstInfo == srcInfo) {
+    // The same file by another path too (a hard link, a bind mount): a move by copy and removal
+    // would remove it.
+    const std::optional<zo::os::FileStatus> srcStatus = Place(src).status(false);
+    const std::optional<zo::os::FileStatus> dstStatus = Place(dst).status(false);
+    if (dstInfo == srcInfo
+        || (srcStatus && dstStatus && srcStatus->identity == dstStatus->identity)) {
         throw AlreadyExists("Move file error: destination and source files/folders are the same. "
                             "On some OS a same name with a different case can be considered as "
                             "the same name.");

@@ -209,6 +209,11 @@ TEST(Copy, ThatDoesNotFitNamesThePathsAndKeepsCompleteFilesOnly)
     if (QFileInfo::exists(dst + "/small")) {
         EXPECT_EQ(readFile(dst + "/small"), "fits");
     }
+    // An overwrite that does not fit keeps the file it would have replaced.
+    const QString kept = tree.file("tiny/kept", "old");
+    EXPECT_THAT(thrownBy([&] { move(large, kept, true); }), HasSubstr("No space disk left."));
+    EXPECT_EQ(listDirectory(tree.path("tiny"), true, false, false), QStringList { "kept" });
+    EXPECT_EQ(readFile(kept), "old");
 
     // Space enough but no inode left: the attempt fails.
     const QString toNoInodes = tree.dir("no-inodes/sub") + "/f";
@@ -225,6 +230,7 @@ TEST(ReadOnlyPaths, AreRefusedNamingThemAndLoseNothing)
     Scratch tree;
     tree.file("src/x");
     const QString readOnly = tree.file("dst/read-only");
+    QFile::link(readOnly, tree.dir("t") + "/link");
     const QString readOnlyDir = tree.dir("parent/read-only");
     tree.file("parent/read-only/f");
     const ScopedMount readOnlyMount(readOnly);
@@ -240,6 +246,8 @@ TEST(ReadOnlyPaths, AreRefusedNamingThemAndLoseNothing)
     };
     for (const auto& [body, path] : rows)
         EXPECT_THAT(thrownBy(body), testing::AllOf(StartsWith("IOWriteError: "), HasSubstr(path)));
+    // A link goes with its directory, whatever holds its target.
+    remove(tree.path("t"));
     EXPECT_EQ(entriesBelow(tree.path()),
         (QStringList { "dst", "dst/read-only", "dst/x", "parent", "parent/read-only",
             "parent/read-only/f", "src", "src/x" }));

@@ -7,7 +7,7 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -17,6 +17,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
@@ -65,6 +66,7 @@ namespace zo::project {
 namespace {
 
 using test::thrownBy;
+using testing::HasSubstr;
 using Snapshot = std::map<std::string, std::string>;
 
 // Each entry below name of the open directory by path: mode, then content or link target;
@@ -241,11 +243,13 @@ TEST(TreeOps, CopyMoveAndRemoveDoWhatTheToolsDoOnAdversarialTrees)
 }
 
 // A fifo goes like a file, and a copy whose source is one makes nothing; slashes after a name
-// name its entry; a directory is not copied into itself, through a link either.
+// name its entry; a directory is not copied into itself, nor anything over a directory that
+// holds it, through a link either.
 TEST(TreeOps, SpecialFilesSlashesAndCopiesIntoThemselves)
 {
     const Scratch s;
     test::writeFile("t/pg/f", "f");
+    test::writeFile("t/pg/pg/g", "g");
     QFile::link("pg", "t/link");
     ::mkfifo("t/pg/p", 0644);
     ::mkfifo("p", 0644);
@@ -255,12 +259,23 @@ TEST(TreeOps, SpecialFilesSlashesAndCopiesIntoThemselves)
     EXPECT_EQ(thrownBy([] { move("t/pg", "t/pg/bar", false); }),
         "IOWriteError: Move file error: an exception occurred during the move from t/pg to "
         "t/pg/bar (Copy file error: t/pg cannot be copied into itself, at t/pg/bar)");
+    for (const char* over : { "t", "t/link/..", "t/pg/pg/../.." })
+        EXPECT_THAT(thrownBy([&] { copy("t/pg/pg", over, true); }), HasSubstr("pg lies inside"));
+    EXPECT_THAT(thrownBy([] { move("t/pg/f", "t", true); }), HasSubstr("f lies inside t,"));
     EXPECT_EQ(snapshot("t"), before);
     EXPECT_EQ(thrownBy([] { copy("p", "copied", false); }), "nothing thrown");
     EXPECT_EQ(thrownBy([] { remove("p"); }), "nothing thrown");
     EXPECT_EQ(thrownBy([] { remove("t/pg"); }), "nothing thrown");
     EXPECT_EQ(thrownBy([] { remove("t///"); }), "nothing thrown");
     EXPECT_FALSE(anyExists({ "t", "p", "copied" }));
+
+    // The same file through a bind mount is refused as the same path is.
+    test::writeFile("b/d/f", "f");
+    if (!QDir().mkdir("view") || ::mount("b", "view", nullptr, MS_BIND, nullptr) != 0)
+        GTEST_SKIP() << "cannot bind a directory here";
+    for (const QString same : { "d/f", "d" })
+        EXPECT_THAT(thrownBy([&] { move("b/" + same, "view/" + same, true); }), HasSubstr("same"));
+    ::umount2("view", MNT_DETACH);
 }
 
 // A directory swapped for a link to another one while the operation is inside it: the

@@ -279,17 +279,21 @@ enum class CopyTarget {
     Visible,
     /// By no one yet, because to's directory is being built under a hidden name: the content is
     /// written under to directly, which costs a journalled file system less.
-    Unseen
+    Unseen,
+    /// By anyone, over what name holds already (anything but a directory): the content is
+    /// written to a hidden file from hiddenTemplateBeside beside it, renamed over name once
+    /// complete, so that a failed copy (a full disk) leaves name as it was.
+    Replacing
 };
 
-/// Copies the regular file from to the new name to, which must not exist (EEXIST), with from's
-/// permissions, so that no partial file is ever seen under to; what a failed copy wrote is
-/// removed, though a crash can leave a hidden file of purpose "copy" beside to. Blocks are
-/// shared where the file system can (a reflink), else copied inside the kernel. Nothing is
-/// synced: a caller that copies many files syncs once at the end (syncFileSystem).
+/// Copies the regular file from to the name to, which must not exist (EEXIST) unless target is
+/// Replacing, with from's permissions, so that no partial file is ever seen under to; what a
+/// failed copy wrote is removed, though a crash can leave a hidden file of purpose "copy" beside
+/// to. Blocks are shared where the file system can (a reflink), else copied inside the kernel.
+/// Nothing is synced: a caller that copies many files syncs once at the end (syncFileSystem).
 ZO_EXPORT bool copyFile(const char* from, const char* to, CopyTarget target = CopyTarget::Visible);
 /// copyFile from the open regular file from (from its start, its position left as it was) to the
-/// new name in the open directory; nothing is resolved by path.
+/// name in the open directory; nothing is resolved by path.
 ZO_EXPORT bool copyFileAt(int from, int directory, const char* name, CopyTarget target);
 
 // The durability steps of an atomic replacement. Each but syncFileSystem can be made to fail on
@@ -303,6 +307,9 @@ ZO_EXPORT bool syncFile(int descriptor);
 ZO_EXPORT bool syncDirectory(const char* path);
 /// Renames from to to, replacing what to names (a link there is replaced, never followed).
 ZO_EXPORT bool rename(const char* from, const char* to);
+/// rename from the name from in the open directory fromDirectory to the name to in the open
+/// directory toDirectory.
+ZO_EXPORT bool renameAt(int fromDirectory, const char* from, int toDirectory, const char* to);
 /// Swaps what the two paths name in one step, so that a directory replaces another one
 /// atomically; fails where the file system cannot (then nothing changed). A fault set for
 /// Rename applies to it too.

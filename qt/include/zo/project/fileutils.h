@@ -112,22 +112,28 @@ ZOPROJECTQT_EXPORT void remove(const QString& path);
 /// that is one copies nothing. Each directory is held open while it is copied, so that one
 /// replaced by a link meanwhile is never followed, and depth is no limit. Overwriting a
 /// directory leaves it mirroring the source: entries only it had are deleted; a link in the
-/// destination is replaced, never written through. No partial file is ever seen under a
+/// destination is replaced, never written through; with overwrite, a file copied onto a
+/// directory replaces that whole directory tree. No partial file is ever seen under a
 /// destination name: a new directory is built under a hidden name beside it and named when
 /// complete (or when the copy fails, with the complete files copied so far), and a file written
-/// into an existing directory takes its name once complete. What was copied is on the disk when
-/// this returns; nothing is rolled back.
+/// into an existing directory takes its name once complete, so that a file it overwrites stays
+/// as it was when the copy fails. What was copied is on the disk when this returns; nothing is
+/// rolled back.
 /// @throws PathNotFound when src does not exist.
 /// @throws AlreadyExists when dst exists and overwrite is false.
-/// @throws IOWriteError when a directory would be copied into itself (naming both paths, before
-/// anything is made), or a destination entry cannot be created or replaced.
+/// @throws IOWriteError when a directory would be copied into itself or src over a directory
+/// that holds it, by any path (naming both paths, before anything is made), or a destination
+/// entry cannot be created or replaced.
 /// @throws std::runtime_error when the destination's volume lacks the room, or a read, a
 /// write or the final flush fails.
 ZOPROJECTQT_EXPORT void copy(const QString& src, const QString& dst, const bool& overwrite);
 
-/// Renames src to dst, or, across volumes, copies it (as copy does) and then removes src.
+/// Renames src to dst, or, across volumes, copies it (as copy does) and then removes src: what
+/// copy leaves out (fifos, sockets, devices, dangling links) is then gone, and links within
+/// become copies of what they point to.
 /// @throws PathNotFound, AlreadyExists, IOReadError, IOWriteError or std::runtime_error as
-/// copy and remove do, the message naming both paths; AlreadyExists also when dst is src.
+/// copy and remove do, the message naming both paths; AlreadyExists also when dst is src, by
+/// its path or as the same file reached by another (a hard link, a bind mount).
 /// A failure leaves what was done: after a failed copy src is untouched.
 ZOPROJECTQT_EXPORT void move(const QString& src, const QString& dst, const bool& overwrite);
 
