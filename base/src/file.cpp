@@ -405,7 +405,7 @@ bool linkAt(int fromDirectory, const char* fromName, int toDirectory, const char
 
 bool remove(const char* path)
 {
-    return ::unlink(path) == 0;
+    return !failsOnPurpose(fault::Step::Remove) && ::unlink(path) == 0;
 }
 
 bool removeAt(int directory, const char* name)

@@ -3,7 +3,10 @@
 // the project finds all eight old or all eight new, and nothing left behind but the edits to
 // recover.
 
+#include <zo/fault.h>
+#include <zo/project/exceptions.h>
 #include <zo/project/projectvfs.h>
+#include <zo/project/vfsfile.h>
 #include <zo/test/support.h>
 
 #include <QCoreApplication>
@@ -232,6 +235,31 @@ TEST_F(SaveCrash, SaveOfALiveProcessIsLeftToIt)
     ProjectVFS { project };
     ASSERT_EQ(::chown(lentPath, 0, 0), 0);
     EXPECT_EQ(expectWholeSave(project, project), "new");
+}
+
+// A save stopped short by a rename, whose journal then cannot be removed: no later open commits
+// what the error left pending.
+TEST(SaveJournal, OfASaveStoppedShortRedoesNothingWhenItCannotBeRemoved)
+{
+    const QTemporaryDir project;
+    for (const QString name : { "a.txt", "b.txt" })
+        writeFile(project.filePath(name), "old " + name.toUtf8());
+    writeFile(project.filePath("b.txtbck/in"), "where b.txt's backup would go");
+    ProjectVFS saving(project.path());
+    for (const QString name : { "a.txt", "b.txt" })
+        saving.open(name, QIODevice::WriteOnly)->write("new " + name.toUtf8());
+    zo::os::fault::inject(zo::os::fault::Step::Remove, 1, EIO);
+    EXPECT_THROW(saving.commit(), exception::SourceFileRename);
+    zo::os::fault::clear();
+    ASSERT_TRUE(saving.isNotCommitted("b.txt"));
+    // As once this process has ended.
+    for (const QString& journal :
+        QDir(project.path()).entryList({ ".save.zo-journal-*" }, QDir::Files | QDir::Hidden))
+        QDir(project.path())
+            .rename(journal, QStringLiteral(".save.zo-journal-%1.0").arg(endedProcessId()));
+    ProjectVFS { project.path() };
+    EXPECT_EQ(readFile(project.filePath("a.txt")), "new a.txt");
+    EXPECT_EQ(readFile(project.filePath("b.txt")), "old b.txt");
 }
 
 } // namespace
