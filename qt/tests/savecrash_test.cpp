@@ -212,10 +212,9 @@ TEST_F(SaveCrash, WritesAfterTheCrashAreNotReplaced)
     EXPECT_EQ(files.value("d3/g.txt"), "OLD d3/g.txt");
     const std::vector<ProjectVFS::RecoverableInfo> left = opened.recoverableFiles();
     ASSERT_EQ(left.size(), 3u);
-    for (const ProjectVFS::RecoverableInfo& info : left)
-        EXPECT_EQ(files.value(info.swapPath), "new " + info.sourcePath.toUtf8());
-    EXPECT_TRUE(opened.inspect(left).at(0).sourceChanged);
-    EXPECT_TRUE(opened.inspect(left).at(1).sourceChanged);
+    EXPECT_EQ(files.value(left[2].swapPath), "new d3/g.txt");
+    for (const ProjectVFS::RecoverableState& state : opened.inspect({ left[0], left[1] }))
+        EXPECT_TRUE(state.sourceChanged);
 }
 
 TEST_F(SaveCrash, SaveOfALiveProcessIsLeftToIt)
