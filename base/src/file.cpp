@@ -41,7 +41,9 @@ FileStatus fileStatusOf(const struct stat& status)
         static_cast<std::int32_t>(status.st_mtim.tv_nsec),
         { static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino) },
         static_cast<std::uint32_t>(status.st_mode & 07777), status.st_uid, status.st_gid,
-        static_cast<std::uint64_t>(status.st_nlink) };
+        static_cast<std::uint64_t>(status.st_nlink),
+        static_cast<std::int64_t>(status.st_ctim.tv_sec),
+        static_cast<std::int32_t>(status.st_ctim.tv_nsec) };
 }
 
 // The armed fault: its step (-1 when none), how many calls of it still pass, and its errno.
@@ -404,7 +406,7 @@ bool linkAt(int fromDirectory, const char* fromName, int toDirectory, const char
 
 bool remove(const char* path)
 {
-    return ::unlink(path) == 0;
+    return !failsOnPurpose(fault::Step::Remove) && ::unlink(path) == 0;
 }
 
 bool removeAt(int directory, const char* name)

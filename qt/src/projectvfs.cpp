@@ -19,6 +19,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QRegularExpression>
+#include <QSet>
 
 #include <algorithm>
 #include <limits>
@@ -520,8 +521,10 @@ void ProjectVFS::abandonFile(const RecoverableInfo& info)
 // A commit killed between its two renames leaves no source: the old content is in the backup
 // and the new one in the swap file. The backup is put back so that abandoning the swap file
 // loses nothing; a swap file whose owner may still run may belong to a commit in progress and
-// is left to it, as is every backup while another process may be replacing files here. A file
-// that merely ends like a backup has no swap file and is never touched.
+// is left to it, as is every backup while another process may be replacing files here, and the
+// backup of a file of a save whose journal is left: completing the save renames the swap file
+// over the source, which must still be as the save found it. A file that merely ends like a
+// backup has no swap file and is never touched.
 void ProjectVFS::xRestoreInterruptedCommits()
 {
     LeftBelow left = findLeftBelow(*_impl);
@@ -540,8 +543,13 @@ void ProjectVFS::xRestoreInterruptedCommits()
                 [pid](const RecoverableInfo& info) { return info.pid == pid; });
         });
 
+    QSet<QString> saved;
+    for (const InterruptedSave& save : _impl->savesLeftWhenOpened)
+        saved.unite(QSet<QString>(save.files.begin(), save.files.end()));
     zo::os::OwnerMarks marks;
     for (const RecoverableInfo& info : _impl->foundWhenOpened) {
+        if (saved.contains(info.sourcePath))
+            continue;
         QString source;
         try {
             source = _impl->resolvedPath(info.sourcePath);

@@ -14,6 +14,7 @@
 #include <QFileInfo>
 #include <QHash>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -24,12 +25,32 @@ namespace {
 
 using zo::os::FileIdentity;
 
-constexpr char kFormatLine[] = "zo-save-journal 1\n";
+constexpr char kFormatLine[] = "zo-save-journal 2\n";
 constexpr char kSumKey[] = "sum ";
 constexpr char kFileKey[] = "file";
 constexpr char kNone[] = "-";
+constexpr char kVoid[] = "void";
 const QString kJournalName = QStringLiteral("save");
 constexpr char kJournalPurpose[] = "journal";
+// A journal that can be neither voided nor removed goes under this purpose, which no opener
+// completes and the leftovers cleanup removes.
+constexpr char kVoidedPurpose[] = "save";
+
+// The old content of a file as the save found it. The change time is the one sign of a rewrite
+// that restored size and modification time; the save's own rename to the backup sets it too.
+struct OldContent {
+    zo::os::FileVersion version;
+    std::int64_t changedSeconds = 0;
+    std::int32_t changedNanoseconds = 0;
+
+    bool shownBy(const std::optional<zo::os::FileStatus>& status, bool renamedBySave) const
+    {
+        return status && zo::os::FileVersion::of(*status) == version
+            && (renamedBySave
+                || (status->changedSeconds == changedSeconds
+                    && status->changedNanoseconds == changedNanoseconds));
+    }
+};
 
 // One line of a journal, paths relative to its directory.
 struct Entry {
@@ -37,7 +58,7 @@ struct Entry {
     QString swap;
     QString backup;
     FileIdentity newContent;
-    std::optional<FileIdentity> oldContent; // none for a new file
+    std::optional<OldContent> oldContent; // none for a new file
 };
 
 std::string errorText()
@@ -45,9 +66,14 @@ std::string errorText()
     return std::strerror(errno);
 }
 
+std::optional<zo::os::FileStatus> statusOf(const QString& path)
+{
+    return zo::os::linkStatus(encoded(path).constData());
+}
+
 std::optional<FileIdentity> identityOf(const QString& path)
 {
-    const std::optional<zo::os::FileStatus> status = zo::os::linkStatus(encoded(path).constData());
+    const std::optional<zo::os::FileStatus> status = statusOf(path);
     return status ? std::optional(status->identity) : std::nullopt;
 }
 
@@ -96,12 +122,37 @@ QByteArray identityText(const std::optional<FileIdentity>& identity)
                     : QByteArray(kNone) + ' ' + kNone;
 }
 
+QByteArray oldContentText(const std::optional<zo::os::FileStatus>& status)
+{
+    if (!status)
+        return QByteArray(kNone) + ' ' + kNone + ' ' + kNone + ' ' + kNone + ' ' + kNone + ' '
+            + kNone + ' ' + kNone;
+    return identityText(status->identity) + ' ' + QByteArray::number(qulonglong(status->size)) + ' '
+        + QByteArray::number(qlonglong(status->modifiedSeconds)) + ' '
+        + QByteArray::number(status->modifiedNanoseconds) + ' '
+        + QByteArray::number(qlonglong(status->changedSeconds)) + ' '
+        + QByteArray::number(status->changedNanoseconds);
+}
+
 std::optional<FileIdentity> identityFrom(const QByteArray& device, const QByteArray& inode)
 {
     bool deviceRead = false;
     bool inodeRead = false;
     const FileIdentity identity { device.toULongLong(&deviceRead), inode.toULongLong(&inodeRead) };
     return deviceRead && inodeRead ? std::optional(identity) : std::nullopt;
+}
+
+// From the seven words oldContentText writes; none for a new file's dashes.
+std::optional<OldContent> oldContentFrom(const QList<QByteArray>& words)
+{
+    const std::optional<FileIdentity> identity = identityFrom(words[0], words[1]);
+    bool read[5] = {};
+    const OldContent old { { identity.value_or(FileIdentity {}), words[2].toULongLong(&read[0]),
+                               words[3].toLongLong(&read[1]), words[4].toInt(&read[2]) },
+        words[5].toLongLong(&read[3]), words[6].toInt(&read[4]) };
+    return identity && std::all_of(std::begin(read), std::end(read), [](bool ok) { return ok; })
+        ? std::optional(old)
+        : std::nullopt;
 }
 
 // The entries of a journal's text; none when its checksum does not match or a line is not
@@ -118,7 +169,7 @@ std::optional<std::vector<Entry>> parse(const QByteArray& text)
     std::vector<Entry> entries;
     for (const QByteArray& line : qAsConst(lines)) {
         const QList<QByteArray> words = line.split(' ');
-        if (words.size() != 8 || words[0] != kFileKey)
+        if (words.size() != 13 || words[0] != kFileKey)
             return std::nullopt;
         const std::optional<FileIdentity> newContent = identityFrom(words[4], words[5]);
         if (!newContent)
@@ -126,7 +177,7 @@ std::optional<std::vector<Entry>> parse(const QByteArray& text)
         entries.push_back({ QFile::decodeName(QByteArray::fromHex(words[1])),
             QFile::decodeName(QByteArray::fromHex(words[2])),
             QFile::decodeName(QByteArray::fromHex(words[3])), *newContent,
-            identityFrom(words[6], words[7]) });
+            oldContentFrom(words.mid(6)) });
     }
     return entries;
 }
@@ -193,6 +244,18 @@ void warn(const std::string& message)
     zo::log::log(kFacadeLog, zo::log::Warning, message);
 }
 
+// Whether a file's name still shows what the save found there: its old content as it was, or,
+// once the save renamed that to the backup, nothing; nothing for a new file. Anything else was
+// written after the save began, by the user or another process, and is not replaced.
+bool untouchedSince(const SavedFile& file, const Entry& entry)
+{
+    const std::optional<zo::os::FileStatus> source = statusOf(file.source);
+    if (!entry.oldContent || !source)
+        return !source
+            && (!entry.oldContent || entry.oldContent->shownBy(statusOf(file.backup), true));
+    return entry.oldContent->shownBy(source, false);
+}
+
 } // namespace
 
 std::optional<SaveJournal> SaveJournal::write(
@@ -218,8 +281,9 @@ std::optional<SaveJournal> SaveJournal::write(
         }
         text += QByteArray(kFileKey) + ' ' + encoded(source).toHex() + ' ' + encoded(swap).toHex()
             + ' ' + encoded(backup).toHex() + ' ' + identityText(newContent) + ' '
-            + identityText(identityOf(file.source)) + '\n';
+            + oldContentText(statusOf(file.source)) + '\n';
     }
+    const auto checksumAt = static_cast<off_t>(text.size() + qstrlen(kSumKey));
     text += kSumKey + checksumOf(text) + '\n';
 
     std::string path = zo::os::hiddenTemplateBeside(
@@ -232,22 +296,37 @@ std::optional<SaveJournal> SaveJournal::write(
     // Readable by others, who may complete the save once this process has ended.
     if (!zo::os::setPermissions(out.get(), 0644)
         || !zo::os::writeAll(out.get(), text.constData(), static_cast<std::size_t>(text.size()), 0)
-        || !zo::os::syncFile(out.get()) || !out.close()
-        || !zo::os::syncDirectory(encoded(root).constData())) {
+        || !zo::os::syncFile(out.get()) || !zo::os::syncDirectory(encoded(root).constData())) {
         failure = QString::fromStdString(errorText());
         zo::os::remove(path.c_str());
         return std::nullopt;
     }
-    return SaveJournal(decodedPath(path));
+    return SaveJournal(decodedPath(path), std::move(out), checksumAt);
 }
 
-bool SaveJournal::remove(bool durably) const
+bool SaveJournal::remove(bool durably)
 {
-    if (zo::os::remove(encoded(_path).constData())
-        && (!durably || zo::os::syncDirectory(encoded(QFileInfo(_path).path()).constData())))
+    const std::string path = encoded(_path).toStdString();
+    // A save that stopped short voids its journal first, through the descriptor it still
+    // holds: one whose removal then fails, or is lost in a crash, redoes nothing.
+    const bool voided = durably && zo::os::writeAll(_file.get(), kVoid, qstrlen(kVoid), _checksumAt)
+        && zo::os::syncFile(_file.get());
+    if (zo::os::remove(path.c_str())
+        && (!durably || voided
+            || zo::os::syncDirectory(encoded(QFileInfo(_path).path()).constData())))
         return true;
+    const std::string cause = errorText();
+    // Neither voided nor removed: under a name that no opener completes, if it can be moved.
+    const std::string moved = zo::os::unusedHiddenPathBeside(
+        encoded(QFileInfo(_path).path() + QLatin1Char('/') + kJournalName).toStdString(),
+        kVoidedPurpose);
+    const bool harmless
+        = voided || (durably && zo::os::renameToFreeName(path.c_str(), moved.c_str()));
     zo::log::log(kEngineLog, zo::log::Warning,
-        "Can not remove the save journal '" + utf8(_path) + "': " + errorText());
+        "Can not remove the save journal '" + utf8(_path) + "': " + cause
+            + (harmless       ? "; it can redo nothing"
+                    : durably ? "; a later open may redo what this save left pending"
+                              : ""));
     return false;
 }
 
@@ -311,11 +390,20 @@ bool completeSave(const QString& journal)
         return true;
     }
 
-    // Every rename not done yet: the new content still lies where it was written.
+    // Every rename not done yet: the new content still lies where it was written. Where the
+    // name changed since, the swap file and the backup stay for the user to recover; the
+    // rest of the save is completed all the same, as nothing is lost that way.
+    std::vector<bool> kept(files->size());
     for (std::size_t at = 0; at < files->size(); ++at) {
         const SavedFile& file = (*files)[at];
-        if (identityOf(file.swap) == (*entries)[at].newContent
-            && !zo::os::rename(encoded(file.swap).constData(), encoded(file.source).constData()))
+        if (identityOf(file.swap) != (*entries)[at].newContent)
+            continue;
+        kept[at] = !untouchedSince(file, (*entries)[at]);
+        if (kept[at])
+            warn("'" + utf8(file.source) + "' changed after the save of the journal " + named
+                + " was interrupted; its saved content stays in '" + utf8(file.swap)
+                + "' to recover");
+        else if (!zo::os::rename(encoded(file.swap).constData(), encoded(file.source).constData()))
             warn("Can not rename '" + utf8(file.swap) + "' to '" + utf8(file.source)
                 + "' for the save journal " + named + ": " + errorText());
     }
@@ -332,13 +420,15 @@ bool completeSave(const QString& journal)
     for (std::size_t at = 0; at < files->size(); ++at) {
         const SavedFile& file = (*files)[at];
         const Entry& entry = (*entries)[at];
+        if (kept[at])
+            continue;
         if (identityOf(file.source) != entry.newContent) {
             warn("'" + utf8(file.source) + "' of the save journal " + named
                 + " no longer holds the saved content; left as it is");
             continue;
         }
         ++completed;
-        if (entry.oldContent && identityOf(file.backup) == entry.oldContent)
+        if (entry.oldContent && entry.oldContent->shownBy(statusOf(file.backup), true))
             zo::os::remove(encoded(file.backup).constData());
     }
     if (!zo::os::remove(encoded(taken).constData()))

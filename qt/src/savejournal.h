@@ -3,6 +3,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <zo/file.h>
+
 #include <optional>
 #include <string_view>
 #include <sys/types.h>
@@ -17,9 +19,12 @@
 // is done, the directories synced, the backups removed, the journal removed.
 //
 // For each file the journal names its source, swap file and backup, relative to the journal's
-// directory, with the identities (device, inode) of the new content and of the old one. What
-// lies under each name then tells whether its rename happened, and nothing that is not the
-// save's own content is ever renamed or removed, also when the journal outlived its save. The
+// directory, with the identity (device, inode) of the new content and the version (identity,
+// size, modification and change time) of the old one. What lies under each name then tells
+// whether its rename happened, and nothing that is not the save's own content is ever renamed
+// over or removed, also when the journal outlived its save: a name written to after the save
+// began keeps what was written, and the save's content stays in its swap file, with the
+// backup, for the user to recover. The
 // journal ends with a checksum of what precedes it: one that does not match was torn before it
 // became durable, so the renames never began, and it is removed with nothing else touched.
 //
@@ -45,19 +50,23 @@ public:
     static std::optional<SaveJournal> write(
         const QString& directory, const std::vector<SavedFile>& files, QString& failure);
 
-    // Durably when the save stopped short, so that no later process redoes what it undid.
-    // False (logged) when the journal stays.
-    bool remove(bool durably) const;
+    // Durably when the save stopped short, and voided first, so that no later process redoes
+    // what it undid or left pending. False (logged) when the journal stays.
+    bool remove(bool durably);
 
     const QString& path() const { return _path; }
 
 private:
-    explicit SaveJournal(QString path)
+    SaveJournal(QString path, zo::os::UniqueFd file, off_t checksumAt)
         : _path(std::move(path))
+        , _file(std::move(file))
+        , _checksumAt(checksumAt)
     {
     }
 
     QString _path;
+    zo::os::UniqueFd _file; // kept open, so that voiding needs no open
+    off_t _checksumAt;
 };
 
 // The process that wrote or took over a journal of this name (a file name); none for a name

@@ -3,7 +3,10 @@
 // the project finds all eight old or all eight new, and nothing left behind but the edits to
 // recover.
 
+#include <zo/fault.h>
+#include <zo/project/exceptions.h>
 #include <zo/project/projectvfs.h>
+#include <zo/project/vfsfile.h>
 #include <zo/test/support.h>
 
 #include <QCoreApplication>
@@ -15,8 +18,10 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <filesystem>
 #include <optional>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace zo::project {
@@ -164,25 +169,52 @@ TEST_F(SaveCrash, TornJournalIsRemovedAndNothingElseTouched)
     EXPECT_EQ(expectWholeSave(project, project), "new");
 }
 
+// Each time a new crashed save: even a hard link changes a file's change time, by which the
+// journal knows that nobody wrote to it since.
 TEST_F(SaveCrash, KillWhileCompletingASaveStillCompletesIt)
 {
-    const QString state = base.filePath("state");
-    ASSERT_FALSE(killedAtRename(state, kHalfway).isEmpty());
-    // Hard links keep every file's identity, by which the journal knows its files.
-    const QString copy = base.filePath("copy");
-    const auto copyState = [&] {
-        std::filesystem::remove_all(copy.toStdString());
-        std::filesystem::copy(state.toStdString(), copy.toStdString(),
-            std::filesystem::copy_options::recursive
-                | std::filesystem::copy_options::create_hard_links);
+    const QString project = base.filePath("p");
+    const auto crashedSave = [&] {
+        std::filesystem::remove_all(project.toStdString());
+        EXPECT_FALSE(killedAtRename(project, kHalfway).isEmpty());
     };
-    copyState();
-    for (const Call& call : callsOfStep({ "open", copy })) {
+    crashedSave();
+    for (const Call& call : callsOfStep({ "open", project })) {
         SCOPED_TRACE(call.name.toStdString() + " " + std::to_string(call.when));
-        copyState();
-        runChild({ "open", copy }, call);
-        EXPECT_EQ(expectWholeSave(copy, copy), "new");
+        crashedSave();
+        runChild({ "open", project }, call);
+        EXPECT_EQ(expectWholeSave(project, project), "new");
     }
+}
+
+// What was written at a name of the save after the crash stays, the save's content in its swap
+// file to recover and the backup beside it; the rest of the save is completed.
+TEST_F(SaveCrash, WritesAfterTheCrashAreNotReplaced)
+{
+    const QString project = base.filePath("p");
+    ASSERT_FALSE(killedAtRename(project, kHalfway).isEmpty());
+    writeFile(project + "/d2/e.txt", "made where the backup's name was"); // d2/e.txt in backup
+    writeFile(project + "/d2/f.txt", "old d2/f.txt, edited in place");
+    // Same size, its modification time put back: only its change time tells.
+    const QByteArray g = QFile::encodeName(project + "/d3/g.txt");
+    struct stat before { };
+    ASSERT_EQ(::stat(g, &before), 0);
+    writeFile(project + "/d3/g.txt", "OLD d3/g.txt");
+    const timespec times[] = { before.st_atim, before.st_mtim };
+    ASSERT_EQ(::utimensat(AT_FDCWD, g, times, 0), 0);
+
+    ProjectVFS opened(project);
+    const QMap<QString, QByteArray> files = filesBelow(project);
+    for (const QString name : { "a.txt", "b.txt", "d1/c.txt", "d1/d.txt", "d3/h.txt" })
+        EXPECT_EQ(files.value(name), "new " + name.toUtf8());
+    EXPECT_EQ(files.value("d2/e.txt"), "made where the backup's name was");
+    EXPECT_EQ(files.value("d2/e.txtbck"), "old d2/e.txt");
+    EXPECT_EQ(files.value("d3/g.txt"), "OLD d3/g.txt");
+    const std::vector<ProjectVFS::RecoverableInfo> left = opened.recoverableFiles();
+    ASSERT_EQ(left.size(), 3u);
+    EXPECT_EQ(files.value(left[2].swapPath), "new d3/g.txt");
+    for (const ProjectVFS::RecoverableState& state : opened.inspect({ left[0], left[1] }))
+        EXPECT_TRUE(state.sourceChanged);
 }
 
 TEST_F(SaveCrash, SaveOfALiveProcessIsLeftToIt)
@@ -202,6 +234,31 @@ TEST_F(SaveCrash, SaveOfALiveProcessIsLeftToIt)
     ProjectVFS { project };
     ASSERT_EQ(::chown(lentPath, 0, 0), 0);
     EXPECT_EQ(expectWholeSave(project, project), "new");
+}
+
+// A save stopped short by a rename, whose journal then cannot be removed: no later open commits
+// what the error left pending.
+TEST(SaveJournal, OfASaveStoppedShortRedoesNothingWhenItCannotBeRemoved)
+{
+    const QTemporaryDir project;
+    for (const QString name : { "a.txt", "b.txt" })
+        writeFile(project.filePath(name), "old " + name.toUtf8());
+    writeFile(project.filePath("b.txtbck/in"), "where b.txt's backup would go");
+    ProjectVFS saving(project.path());
+    for (const QString name : { "a.txt", "b.txt" })
+        saving.open(name, QIODevice::WriteOnly)->write("new " + name.toUtf8());
+    zo::os::fault::inject(zo::os::fault::Step::Remove, 1, EIO);
+    EXPECT_THROW(saving.commit(), exception::SourceFileRename);
+    zo::os::fault::clear();
+    ASSERT_TRUE(saving.isNotCommitted("b.txt"));
+    // As once this process has ended.
+    for (const QString& journal :
+        QDir(project.path()).entryList({ ".save.zo-journal-*" }, QDir::Files | QDir::Hidden))
+        QDir(project.path())
+            .rename(journal, QStringLiteral(".save.zo-journal-%1.0").arg(endedProcessId()));
+    ProjectVFS { project.path() };
+    EXPECT_EQ(readFile(project.filePath("a.txt")), "new a.txt");
+    EXPECT_EQ(readFile(project.filePath("b.txt")), "old b.txt");
 }
 
 } // namespace

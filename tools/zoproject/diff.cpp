@@ -161,14 +161,22 @@ void printDiff(const zo::project::ProjectVFS& project, const SwapFile& swap)
     printTextDiff(source, content);
 }
 
-// The one rule of recover: with two arguments, the first is the project directory.
+// The one rule of recover: with two arguments, the first is the project directory. The project
+// is opened to leave what crashes left unfinished, as status does: a save that opening would
+// complete is told, and its swap files are shown as what it puts in place.
 int diff(const QCommandLineParser& parser)
 {
     QStringList arguments = parser.positionalArguments();
     const QString directory = arguments.size() == 2 ? arguments.takeFirst() : QStringLiteral(".");
-    const zo::project::ProjectVFS project(projectDirectory(directory));
+    const zo::project::ProjectVFS project(
+        projectDirectory(directory), zo::project::ProjectVFS::Unfinished::Leave);
     const QString path = projectPath(project.path(), arguments.first());
-    bool found = false;
+    std::vector<Save> saves = savesToComplete(project);
+    saves.erase(std::remove_if(saves.begin(), saves.end(),
+                    [&](const Save& save) { return !save.files.contains(path); }),
+        saves.end());
+    printSaves(saves);
+    bool found = !saves.empty();
     for (const SwapFile& swap : scanProject(project))
         if (swap.info.sourcePath == path || swap.info.swapPath == path) {
             printDiff(project, swap);

@@ -2,6 +2,9 @@
 #include "command.h"
 #include "formats.h"
 #include "progress.h"
+#include "scan.h"
+
+#include <QFileInfo>
 
 #include <algorithm>
 
@@ -17,6 +20,23 @@ const QString kKeep = QStringLiteral("keep-old-files");
 // At most this many names in the line that tells what an unpacking kept or replaced.
 constexpr int kNamesShown = 3;
 
+// A save interrupted halfway leaves some files new and the others old: no tree to pack. The
+// project is opened to leave it, as status does.
+void refuseHalfSaved(const QString& directory)
+{
+    if (!QFileInfo(qtPath(directory)).isDir())
+        return;
+    const zo::project::ProjectVFS project(
+        projectDirectory(directory), zo::project::ProjectVFS::Unfinished::Leave);
+    for (const Save& save : savesToComplete(project))
+        if (!save.files.isEmpty())
+            throw std::runtime_error("'" + bytesOf(directory) + "': a save of "
+                + std::to_string(save.files.size()) + " files was interrupted there (journal "
+                + bytesOf(save.journalPath)
+                + "); opening the project, or \"zoproject recover\", completes it first; "
+                  "nothing was packed");
+}
+
 int pack(const QCommandLineParser& parser)
 {
     const QStringList arguments = parser.positionalArguments();
@@ -24,6 +44,7 @@ int pack(const QCommandLineParser& parser)
     for (const QString& pattern : parser.values(kExclude))
         options.exclude.push_back(bytesOf(pattern));
     const zo::project::ArchiveFormat format = requestedFormat(parser);
+    refuseHalfSaved(arguments[0]);
     withProgress(parser, arguments[1], [&](const zo::project::ProgressCallback& progress) {
         return zo::project::exportProject(
             bytesOf(arguments[0]), bytesOf(arguments[1]), format, options, progress);

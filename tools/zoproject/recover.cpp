@@ -1,7 +1,8 @@
 // The recover command: takes over or drops the swap files ended processes left below a
 // project, and never touches those of a process that still runs. Opening the project has
 // completed the interrupted saves and put the backups of interrupted commits back already (see
-// scan.h); what is recovered is committed at the end, at once.
+// scan.h); what is recovered is committed at the end, at once. A dry run opens the project to
+// leave all that, and says what opening completes and puts back.
 #include "command.h"
 #include "scan.h"
 #include "stop.h"
@@ -11,6 +12,7 @@
 
 #include <QFileInfo>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 
@@ -211,13 +213,29 @@ int recover(const QCommandLineParser& parser)
         : QStringLiteral(".");
     if (!all && arguments.isEmpty())
         throw UsageError("name what to recover, or give --all");
-    ProjectVFS project(projectDirectory(directory));
+    const bool dryRun = parser.isSet(kDryRun);
+    ProjectVFS project(projectDirectory(directory),
+        dryRun ? ProjectVFS::Unfinished::Leave : ProjectVFS::Unfinished::Complete);
     // Opening the project finished what crashes interrupted; a line tells each backup put back.
     for (const QString& source : project.restoredWhenOpened())
         print(QStringLiteral("put back %1 from its backup %2: its commit was interrupted")
                   .arg(source, project.makeBackupPath(source)));
     Selection selection(project.path(), arguments);
-    Recovery(project, parser).run(scanProject(project), selection);
+    std::vector<SwapFile> swapFiles = scanProject(project);
+    if (dryRun) {
+        std::vector<Save> saves = savesToComplete(project);
+        saves.erase(std::remove_if(saves.begin(), saves.end(),
+                        [&](const Save& save) { return !selection.selects(save.files); }),
+            saves.end());
+        printSaves(saves);
+        swapFiles = withoutSavedFiles(std::move(swapFiles), saves);
+        for (const SwapFile& swap : swapFiles)
+            if (swap.recoverable() && !swap.backupPath.isEmpty())
+                print(QStringLiteral("would put back %1 from its backup %2: its commit was "
+                                     "interrupted")
+                          .arg(swap.info.sourcePath, swap.backupPath));
+    }
+    Recovery(project, parser).run(swapFiles, selection);
     return kSuccess;
 }
 

@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QSet>
 
 #include <algorithm>
 
@@ -53,6 +54,53 @@ QString describeOwner(const Owner& owner)
     if (owner.state == Owner::State::Running && !owner.program.isEmpty())
         text += QStringLiteral(" (%1)").arg(owner.program);
     return text;
+}
+
+std::vector<Save> savesToComplete(const zo::project::ProjectVFS& project)
+{
+    std::vector<Save> saves;
+    for (const Save& save : project.interruptedSavesWhenOpened())
+        if (save.owner.state == Owner::State::Ended)
+            saves.push_back(save);
+    return saves;
+}
+
+// A save of several files stays whole: opening the project completes it, or removes the journal
+// of one that never began, once its process has ended.
+void printSaves(const std::vector<Save>& saves)
+{
+    for (const Save& save : saves) {
+        const QString owner = describeOwner(save.owner);
+        if (save.owner.state != Owner::State::Ended)
+            print(QStringLiteral("Save in progress (journal %1, %2): left to its process.")
+                      .arg(save.journalPath, owner));
+        else if (save.files.isEmpty())
+            print(QStringLiteral("Interrupted save that never began (damaged journal %1, %2): "
+                                 "opening the project removes its journal.")
+                      .arg(save.journalPath, owner));
+        else
+            print(QStringLiteral("Interrupted save of %1 files (journal %2, %3 has ended): "
+                                 "opening the project completes it.")
+                      .arg(save.files.size())
+                      .arg(save.journalPath, owner));
+        for (const QString& file : save.files)
+            print(QStringLiteral("  ") + file);
+    }
+}
+
+std::vector<SwapFile> withoutSavedFiles(
+    std::vector<SwapFile> swapFiles, const std::vector<Save>& saves)
+{
+    QSet<QString> saved;
+    for (const Save& save : saves)
+        if (save.owner.state == Owner::State::Ended)
+            saved.unite(QSet<QString>(save.files.begin(), save.files.end()));
+    swapFiles.erase(std::remove_if(swapFiles.begin(), swapFiles.end(),
+                        [&](const SwapFile& swap) {
+                            return swap.recoverable() && saved.contains(swap.info.sourcePath);
+                        }),
+        swapFiles.end());
+    return swapFiles;
 }
 
 } // namespace zo::cli

@@ -13,6 +13,7 @@
 namespace zo::cli {
 
 using Owner = zo::project::ProjectVFS::OwnerInfo;
+using Save = zo::project::ProjectVFS::InterruptedSave;
 
 struct SwapFile {
     zo::project::ProjectVFS::RecoverableInfo info;
@@ -42,5 +43,17 @@ int recoverableCount(const std::vector<SwapFile>& swapFiles);
 
 // How the owner stands, for people: "process 42 (editor)", "process 42 on host".
 QString describeOwner(const Owner& owner);
+
+// The saves of ended processes that opening the project completes; a project opened to leave
+// them still lists them.
+std::vector<Save> savesToComplete(const zo::project::ProjectVFS& project);
+
+// Each save as status shows it: left to its running process, or completed by opening.
+void printSaves(const std::vector<Save>& saves);
+
+// The swap files but those the saves of ended processes put in place when they are completed:
+// they are shown with their saves, not as files to recover.
+std::vector<SwapFile> withoutSavedFiles(
+    std::vector<SwapFile> swapFiles, const std::vector<Save>& saves);
 
 } // namespace zo::cli

@@ -12,7 +12,6 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QLocale>
-#include <QSet>
 
 #include <algorithm>
 #include <set>
@@ -20,7 +19,6 @@
 namespace zo::cli {
 namespace {
 
-using Save = zo::project::ProjectVFS::InterruptedSave;
 using zo::os::Leftover;
 
 // By OwnerInfo::State.
@@ -122,31 +120,26 @@ void printSwapFiles(
     }
 }
 
-// A save of several files stays whole: opening the project completes it, or removes the journal
-// of one that never began, once its process has ended.
-void printSaves(const std::vector<Save>& saves)
+// The last line counts what the lines above list: the saves that opening completes apart from
+// what the recover command takes by name.
+QString summary(int toComplete, int toRecover)
 {
-    for (const Save& save : saves) {
-        const QString owner = describeOwner(save.owner);
-        if (save.owner.state != Owner::State::Ended)
-            print(QStringLiteral("Save in progress (journal %1, %2): left to its process.")
-                      .arg(save.journalPath, owner));
-        else if (save.files.isEmpty())
-            print(QStringLiteral("Interrupted save that never began (damaged journal %1, %2): "
-                                 "opening the project removes its journal.")
-                      .arg(save.journalPath, owner));
-        else
-            print(QStringLiteral("Interrupted save of %1 files (journal %2, %3 has ended): "
-                                 "opening the project completes it.")
-                      .arg(save.files.size())
-                      .arg(save.journalPath, owner));
-        for (const QString& file : save.files)
-            print(QStringLiteral("  ") + file);
-    }
+    const QString saves = toComplete == 1
+        ? QStringLiteral("1 interrupted save to complete")
+        : QStringLiteral("%1 interrupted saves to complete").arg(toComplete);
+    if (toRecover == 0)
+        return toComplete == 0 ? QStringLiteral("Nothing to recover.")
+                               : saves
+                + QStringLiteral(": opening the project, or \"zoproject recover --all\", "
+                                 "completes %1.")
+                      .arg(toComplete == 1 ? QStringLiteral("it") : QStringLiteral("them"));
+    return (toComplete == 0 ? QString() : saves + QStringLiteral(" and "))
+        + QStringLiteral("%1 to recover: see \"zoproject recover --help\".").arg(toRecover);
 }
 
 void printText(const std::vector<Save>& saves, const std::vector<SwapFile>& swapFiles,
-    const Workspaces& workspaces, const std::vector<Leftover>& leftovers, int count)
+    const Workspaces& workspaces, const std::vector<Leftover>& leftovers, int toComplete,
+    int toRecover)
 {
     printSaves(saves);
     printSwapFiles(swapFiles, Owner::State::Ended,
@@ -160,9 +153,7 @@ void printText(const std::vector<Save>& saves, const std::vector<SwapFile>& swap
     printWorkspaces(workspaces.others,
         QStringLiteral("Archive workspaces of other directories (not counted here):"));
     printLeftovers(leftovers);
-    print(count == 0
-            ? QStringLiteral("Nothing to recover.")
-            : QStringLiteral("%1 to recover: see \"zoproject recover --help\".").arg(count));
+    print(summary(toComplete, toRecover));
 }
 
 QJsonObject toJson(const SwapFile& swap)
@@ -198,22 +189,12 @@ int status(const QCommandLineParser& parser)
         projectDirectory(parser.positionalArguments().value(0, QStringLiteral("."))),
         zo::project::ProjectVFS::Unfinished::Leave);
     const std::vector<Save>& saves = project.interruptedSavesWhenOpened();
-    // The swap files of an ended process's save are shown with it: opening completes them all.
-    QSet<QString> saved;
-    for (const Save& save : saves)
-        if (save.owner.state == Owner::State::Ended)
-            saved.unite(QSet<QString>(save.files.begin(), save.files.end()));
-    std::vector<SwapFile> swapFiles = scanProject(project);
-    swapFiles.erase(std::remove_if(swapFiles.begin(), swapFiles.end(),
-                        [&](const SwapFile& swap) {
-                            return swap.recoverable() && saved.contains(swap.info.sourcePath);
-                        }),
-        swapFiles.end());
+    const std::vector<SwapFile> swapFiles = withoutSavedFiles(scanProject(project), saves);
     const Workspaces workspaces = workspacesOf(project.path());
     const std::vector<Leftover> leftovers = leftoversOf(project.path());
-    const int count = static_cast<int>(std::count_if(saves.begin(), saves.end(),
-                          [](const Save& save) { return save.owner.state == Owner::State::Ended; }))
-        + recoverableCount(swapFiles) + static_cast<int>(workspaces.belonging.size());
+    const int toComplete = static_cast<int>(savesToComplete(project).size());
+    const int toRecover
+        = recoverableCount(swapFiles) + static_cast<int>(workspaces.belonging.size());
     if (jsonRequested(parser)) {
         QJsonArray savesArray;
         for (const Save& save : saves)
@@ -221,15 +202,16 @@ int status(const QCommandLineParser& parser)
         QJsonArray array;
         for (const SwapFile& swap : swapFiles)
             array.append(toJson(swap));
-        printJson(QJsonDocument(QJsonObject { { "directory", project.path() },
-            { "recoverable", count }, { "interruptedSaves", savesArray }, { "swapFiles", array },
-            { "workspaces", workspacesJson(workspaces.belonging) },
-            { "otherWorkspaces", workspacesJson(workspaces.others) },
-            { "leftovers", leftoversJson(leftovers) } }));
+        printJson(QJsonDocument(
+            QJsonObject { { "directory", project.path() }, { "recoverable", toRecover },
+                { "savesToComplete", toComplete }, { "interruptedSaves", savesArray },
+                { "swapFiles", array }, { "workspaces", workspacesJson(workspaces.belonging) },
+                { "otherWorkspaces", workspacesJson(workspaces.others) },
+                { "leftovers", leftoversJson(leftovers) } }));
     } else {
-        printText(saves, swapFiles, workspaces, leftovers, count);
+        printText(saves, swapFiles, workspaces, leftovers, toComplete, toRecover);
     }
-    return count == 0 ? kSuccess : kRecoverable;
+    return toComplete + toRecover == 0 ? kSuccess : kRecoverable;
 }
 
 } // namespace

@@ -10,8 +10,8 @@
 namespace zo::os::fault {
 
 /// The durability steps a fault can be set for. Rename covers rename, exchange and
-/// renameToFreeName.
-enum class Step { SyncFile, SyncDirectory, Rename };
+/// renameToFreeName; Remove covers remove.
+enum class Step { SyncFile, SyncDirectory, Rename, Remove };
 
 /// Makes the nth call of step from now on (1: the next one), in any thread, fail with errno set
 /// to error. Replaces any fault set before; the fault is spent once it has struck.

@@ -85,6 +85,10 @@ struct FileStatus {
     std::uint32_t owner = 0; ///< the owning user's id
     std::uint32_t group = 0; ///< the owning group's id
     std::uint64_t links = 0; ///< how many names (hard links) the file has
+    /// The status change time, which every write, rename, link or attribute change sets and no
+    /// program can set back: the one sign of a rewrite that restored size and modification time.
+    std::int64_t changedSeconds = 0;
+    std::int32_t changedNanoseconds = 0; ///< 0 to 999999999
 
     /// Rounded down, as Qt reports file times, so that a time set through Qt compares equal.
     std::int64_t modifiedMilliseconds() const

@@ -125,7 +125,8 @@ TEST_F(Cli, StatusAndRecoverSpareTheFilesOfARunningProcess)
     running.waitForFinished();
 }
 
-// A save of two new files killed between their renames: status changes nothing.
+// A save of two new files killed between their renames: status, a dry run and diff change
+// nothing and say that opening completes it; pack refuses it.
 TEST_F(Cli, StatusShowsAnInterruptedSaveThatOpeningCompletes)
 {
     const QString project = scratch.path();
@@ -137,8 +138,21 @@ TEST_F(Cli, StatusShowsAnInterruptedSaveThatOpeningCompletes)
     const QStringList left = zo::test::entriesBelow(project);
     const Outcome status = zoproject({ "status", project });
     EXPECT_EQ(status.status, 3);
-    EXPECT_TRUE(status.out.contains("opening the project completes it.\n  a.txt\n  b.txt\n"))
+    EXPECT_TRUE(status.out.endsWith("opening the project completes it.\n  a.txt\n  b.txt\n1 "
+                                    "interrupted save to complete: opening the project, or "
+                                    "\"zoproject recover --all\", completes it.\n"))
         << status.out.toStdString();
+    for (const char* arguments : { "recover --all --dry-run", "recover . b.txt --dry-run",
+             "recover --abandon --dry-run . b.txt", "diff . b.txt" }) {
+        const Outcome run = zoproject(QString(arguments).split(' '), project);
+        EXPECT_TRUE(run.out.startsWith("Interrupted save of 2 files"))
+            << arguments << run.out.toStdString();
+    }
+    const QTemporaryDir elsewhere;
+    const Outcome pack = zoproject({ "pack", project, elsewhere.filePath("p.zip") });
+    EXPECT_EQ(pack.status, 1);
+    EXPECT_TRUE(pack.err.contains("\"zoproject recover\", completes it first"))
+        << pack.err.toStdString();
     EXPECT_EQ(zo::test::entriesBelow(project), left);
     EXPECT_EQ(zoproject({ "recover", "--all" }, project).status, 0);
     EXPECT_EQ(readFile(project + "/b.txt"), "new b.txt");
