@@ -199,6 +199,8 @@ void ProjectVFS::setPath(const QString& path)
     // The unchanged path is refused on purpose: callers compare before they switch.
     if (path == _impl->path() || !_impl->exists(path))
         throw exception::ProjectPathDoesNotExists(path.toStdString());
+    // The old root's pending files are not the new root's; they stay there for recovery.
+    _impl->forgetPending();
     _impl->setPath(path);
     xRestoreInterruptedCommits();
 }
@@ -286,17 +288,25 @@ void ProjectVFS::remove(const QString& path)
 
     // Files are removed with their swap files first. The walk holds each directory open and
     // follows no symbolic link, not even one put in a directory's place meanwhile, so nothing
-    // outside the tree is reached through one; links themselves go with the tree.
+    // outside the tree is reached through one; links themselves go with the tree. Another
+    // process's swap file stops the removal before anything is removed.
     QStringList files;
+    QString othersSwap;
     zo::os::WalkOptions options;
     options.followLinks = false;
     zo::os::walkTree(
         detail::encoded(absolute).toStdString(), options, [&](const zo::os::WalkEntry& entry) {
-            if (entry.type == zo::os::EntryType::File)
-                files.append(impl->relativeFilePath(
-                    absolute + QLatin1Char('/') + detail::decodedPath(entry.path)));
-            return zo::os::WalkStep::Continue;
+            if (entry.type != zo::os::EntryType::File)
+                return zo::os::WalkStep::Continue;
+            const QString found = absolute + QLatin1Char('/') + detail::decodedPath(entry.path);
+            if (!detail::isSwapName(entry.name, impl->swapExtension()))
+                files.append(impl->relativeFilePath(found));
+            else if (!impl->isOwnSwap(found))
+                othersSwap = impl->relativeFilePath(found);
+            return othersSwap.isEmpty() ? zo::os::WalkStep::Continue : zo::os::WalkStep::Stop;
         });
+    if (!othersSwap.isEmpty())
+        throw exception::SwapFileAlreadyExists(othersSwap.toStdString());
     bool allRemoved = true;
     for (const QString& entry : qAsConst(files)) {
         try {
@@ -356,11 +366,6 @@ LeftBelow findLeftBelow(const detail::ProjectVFS_Impl& impl)
             { relativePath, relativePath.left(slash + 1) + match.captured(1),
                 fits ? static_cast<pid_t>(id) : 0 } });
     };
-    const auto isSwapName = [&suffix](std::string_view name) {
-        return name.size() > 1 && name.front() == '.'
-            && name.size() >= static_cast<size_t>(suffix.size())
-            && QLatin1String(name.data() + name.size() - suffix.size(), suffix.size()) == suffix;
-    };
     const auto scannable = [](const QString& directory) {
         const QFileInfo info(directory);
         return info.isReadable() && info.isWritable();
@@ -395,7 +400,8 @@ LeftBelow findLeftBelow(const detail::ProjectVFS_Impl& impl)
             for (const QString& name :
                 target.entryList({ QLatin1Char('*') + suffix }, QDir::Files | QDir::Hidden))
                 consider(linked + QLatin1Char('/') + name, walked);
-        } else if (directories[depth] >= 0 && isSwapName(entry.name)) {
+        } else if (directories[depth] >= 0
+            && detail::isSwapName(entry.name, impl.swapExtension())) {
             consider(detail::decodedPath(entry.path), directories[depth]);
         } else if (directories[depth] >= 0 && entry.type == zo::os::EntryType::File
             && detail::journalOwner(entry.name)) {
@@ -446,7 +452,7 @@ std::vector<ProjectVFS::RecoverableState> ProjectVFS::inspect(
         const QString swap = _impl->absoluteFilePath(info.swapPath);
         const std::string swapBytes = detail::encoded(swap).toStdString();
         RecoverableState state;
-        state.owner = detail::ownerInfoOf(marks.judge(swapBytes, info.pid), info.pid);
+        state.owner = detail::ownerInfoOf(detail::judgeOwner(marks, swap, info.pid), info.pid);
         QString source = _impl->absoluteFilePath(info.sourcePath);
         try {
             source = _impl->resolvedPath(info.sourcePath);
@@ -475,7 +481,8 @@ void ProjectVFS::recoverFile(const RecoverableInfo& info)
     const std::string swapBytes = detail::encoded(swap).toStdString();
     const QString newSwap = impl->absoluteFilePath(impl->makeSwapPath(info.sourcePath));
     zo::os::OwnerMarks marks;
-    const OwnerInfo owner = detail::ownerInfoOf(marks.judge(swapBytes, info.pid), info.pid);
+    const OwnerInfo owner
+        = detail::ownerInfoOf(detail::judgeOwner(marks, swap, info.pid), info.pid);
     const auto noted = marks.notedSource(swapBytes, info.pid);
     // This process's mark before its swap file.
     impl->ownerMark();

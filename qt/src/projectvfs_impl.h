@@ -95,6 +95,16 @@ public:
     // Where the path's current content lives: its pending swap file, else the file itself.
     QString currentPath(const QString& path) const;
 
+    // A swap file on disk that is not in the table is another process's (of the same id in
+    // another pid namespace, or an earlier one): never written, renamed or removed.
+    // exception::SwapFileAlreadyExists when swap (absolute) is such a file (a directory or a link
+    // there is no swap file).
+    void requireOwnSwap(const QString& path, const QString& swap) const;
+    // Whether swap (absolute) is the swap file of an entry.
+    bool isOwnSwap(const QString& swap) const;
+    // Leaves every pending file for recovery, as destruction does: for a new root.
+    void forgetPending();
+
     void addEntry(const QString& path, const QString& swapPath);
     void removeEntry(const QString& path);
     void moveEntry(const VFSFile& file, const QString& oldPath);
@@ -123,20 +133,29 @@ private:
     using Entries = QMap<QString, QString>;
 
     Entries::iterator removeEntry(const Entries::iterator& it);
-    // One file's commit, from its durable swap file to its renames. All paths absolute; source
-    // is where the content goes, a link's target.
+    // One file's commit, from its durable swap file to its renames. The paths are absolute,
+    // for messages and the journal; source is where the content goes, a link's target. The
+    // renames go through the directories opened when the commit was prepared, so that a
+    // directory replaced by a link meanwhile leads nowhere else.
     struct StagedCommit {
         QString source;
         QString swap;
         QString backup;
+        zo::os::UniqueFd sourceDirectory;
+        zo::os::UniqueFd swapDirectory;
         bool backedUp = false;
         bool swapRenamed = false;
+        QByteArray sourceName() const;
+        QByteArray backupName() const;
+        QByteArray swapName() const;
     };
     // Checks the file and makes its swap file durable; nothing is renamed yet.
     StagedCommit prepareCommit(const QString& source, const QString& swap);
     // Renames the source to its backup and the swap file to the source; a failure undoes both.
     void renameCommit(StagedCommit& staged);
     void undoCommit(const StagedCommit& staged);
+    // Syncs the directories of a commit once each; false at the first that fails.
+    static bool madeDurable(const StagedCommit& staged, std::vector<zo::os::FileIdentity>& synced);
     void commitFile(const QString& source, const QString& swap);
 
     void throwIfDamaged(const QString& path) const;
@@ -147,6 +166,8 @@ private:
 
     // Key: the file's path as given; value: its swap file, absolute.
     Entries _entries;
+    // The swap files of the entries.
+    QSet<QString> _swaps;
     QSet<QString> _damaged;
     QHash<QString, std::optional<zo::os::FileVersion>> _sources;
     QSet<VFSFile*> _openOnSwap;

@@ -64,6 +64,42 @@ TEST_F(Safety, OwnerIsKnownHoweverStartedAndNotAfterItsIdIsReused)
     }
 }
 
+// Another process of this id (in another pid namespace, or an earlier one) left swap files
+// under the names this one would give; they are not this engine's to write, move or remove.
+TEST_F(Safety, SwapFilesOfThisIdThatTheEngineDidNotMakeAreNeverTouched)
+{
+    const Files before { { "a.txt", "a" }, { "t.txt", "t" }, { "d/a.txt", "a" },
+        { vfs.makeSwapPath("a.txt"), "theirs" }, { vfs.makeSwapPath("d/a.txt"), "theirs" } };
+    for (auto it = before.begin(); it != before.end(); ++it)
+        writeFile(abs(it.key()), it.value());
+    for (const auto& step : std::vector<std::function<void()>> {
+             [&] { vfs.copy("t.txt", "a.txt", true); }, [&] { vfs.remove("a.txt"); },
+             [&] { vfs.remove("d"); }, [&] { vfs.move("a.txt", "b.txt", false); },
+             [&] { vfs.move("t.txt", "a.txt", true); } }) {
+        EXPECT_THROW(step(), exception::SwapFileAlreadyExists);
+        vfs.discard();
+        EXPECT_EQ(filesBelow(dir.path()), before);
+    }
+}
+
+// Only a file is put in place; a directory or a link in the swap file's place is none.
+TEST_F(Safety, SwapFileReplacedByADirectoryOrALinkIsNotCommitted)
+{
+    writeFile(abs("out/t.txt"), "outside");
+    for (const bool link : { false, true }) {
+        writeFile(abs("a.txt"), "old");
+        vfs.open("a.txt", QIODevice::WriteOnly)->write("new");
+        const QString swap = abs(vfs.makeSwapPath("a.txt"));
+        ASSERT_TRUE(QFile::remove(swap));
+        ASSERT_TRUE(link ? QFile::link(abs("out/t.txt"), swap) : QDir().mkdir(swap));
+        EXPECT_THROW(vfs.commit(), exception::SwapFileMissing) << link;
+        EXPECT_EQ(readFile(abs("a.txt")), "old");
+        vfs.discard();
+        QDir().rmdir(swap);
+    }
+    EXPECT_EQ(filesBelow(dir.path()), (Files { { "a.txt", "old" }, { "out/t.txt", "outside" } }));
+}
+
 TEST_F(Safety, OpeningRestoresTheSourceOfAnInterruptedCommit)
 {
     const QString deadSwap
