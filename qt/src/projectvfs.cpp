@@ -484,8 +484,9 @@ void ProjectVFS::recoverFile(const RecoverableInfo& info)
     const OwnerInfo owner
         = detail::ownerInfoOf(detail::judgeOwner(marks, swap, info.pid), info.pid);
     const auto noted = marks.notedSource(swapBytes, info.pid);
-    // This process's mark before its swap file.
+    // This process's marks before its swap file.
     impl->ownerMark();
+    impl->markBeside(info.sourcePath, newSwap);
 
     bool transferred;
     if (mayStillRun(owner, info)) {

@@ -18,6 +18,8 @@
 #include <QSet>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <optional>
 #include <vector>
@@ -137,13 +139,27 @@ std::shared_ptr<zo::os::OwnerMark> ProjectVFS_Impl::ownerMark()
     return _marks[root] = holdOwnerMark(root);
 }
 
+std::shared_ptr<zo::os::OwnerMark> ProjectVFS_Impl::markBeside(
+    const QString& path, const QString& swap)
+{
+    const QString directory = directoryOf(swap);
+    std::shared_ptr<zo::os::OwnerMark>& mark = _marks[directory];
+    if (!mark)
+        mark = holdOwnerMark(directory);
+    if (!mark)
+        throw exception::CreateSwapFile(utf8(path),
+            "can not mark '" + utf8(directory)
+                + "' as used by this process: " + std::strerror(errno));
+    return mark;
+}
+
 void ProjectVFS_Impl::recordSource(
     const QString& path, const std::optional<zo::os::FileVersion>& source)
 {
     _sources.insert(path, source);
     const auto swap = _entries.constFind(path);
-    if (const auto mark = ownerMark(); mark && swap != _entries.cend())
-        mark->noteSource(encoded(swap.value()).toStdString(), source);
+    if (swap != _entries.cend())
+        markBeside(path, swap.value())->noteSource(encoded(swap.value()).toStdString(), source);
 }
 
 void ProjectVFS_Impl::recordCurrentSource(const QString& path)
@@ -300,9 +316,11 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
     if (QFile::exists(swap))
         throw exception::SwapFileAlreadyExists(utf8(path));
 
-    // The mark first, so that no swap file of this process is ever found without it. Seen
-    // before the copy, a change made during it shows at commit.
+    // The marks first, so that no swap file of this process is ever found without one in its
+    // own directory (all a sandbox that sees only that directory can see). Seen before the
+    // copy, a change made during it shows at commit.
     ownerMark();
+    markBeside(path, swap);
     const std::optional<zo::os::FileVersion> version
         = zo::os::versionOf(encoded(source).constData());
     if (version) {
@@ -626,6 +644,7 @@ void ProjectVFS_Impl::copy(VFSFile& file, const QString& newPath, bool overwrite
     const std::optional<zo::os::FileVersion> version
         = zo::os::versionOf(encoded(resolvedPath(newPath)).constData());
     ownerMark();
+    markBeside(newPath, to);
     zo::project::copy(from, to, overwrite);
     addEntry(newPath, to);
     recordSource(newPath, version);

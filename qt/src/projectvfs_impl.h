@@ -80,6 +80,10 @@ public:
     // This process's owner mark of the root, made before its first swap file there and let go
     // when nothing is pending any more; null (and logged) where the root refuses it.
     std::shared_ptr<zo::os::OwnerMark> ownerMark();
+    // This process's owner mark in the directory of swap, the swap file of path, made before
+    // the swap file and let go with the root's: a swap file is never made without one.
+    // exception::CreateSwapFile naming path where the directory refuses it.
+    std::shared_ptr<zo::os::OwnerMark> markBeside(const QString& path, const QString& swap);
     // The source version a pending path's swap file was made from (none for a new file), kept
     // here and noted in the owner mark for whoever recovers it after a crash.
     void recordSource(const QString& path, const std::optional<zo::os::FileVersion>& source);
@@ -171,7 +175,8 @@ private:
     QSet<QString> _damaged;
     QHash<QString, std::optional<zo::os::FileVersion>> _sources;
     QSet<VFSFile*> _openOnSwap;
-    // By root, absolute; null where the root refused a mark.
+    // By directory, absolute: the root's (null where it refused a mark) and those of the swap
+    // files' directories.
     std::map<QString, std::shared_ptr<zo::os::OwnerMark>> _marks;
     QString _swapExt;
     QString _bckExt;

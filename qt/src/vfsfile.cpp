@@ -106,8 +106,10 @@ void VFSFile::move(const QString& newPath, bool overwrite)
     _impl->requireOwnSwap(oldName, _impl->absoluteFilePath(swapName()));
     _impl->requireOwnSwap(newPath, _impl->absoluteFilePath(newSwap));
     const bool swapMoved = _impl->isNotCommitted(oldName) && _impl->exists(swapName());
-    if (swapMoved)
+    if (swapMoved) {
+        _impl->markBeside(newPath, _impl->absoluteFilePath(newSwap));
         zo::project::move(_impl->filePath(swapName()), _impl->filePath(newSwap), overwrite);
+    }
     const bool sourceMoved = _impl->exists(fileName());
     if (sourceMoved)
         zo::project::move(_impl->filePath(fileName()), _impl->filePath(newPath), overwrite);
