@@ -659,6 +659,16 @@ bool OwnerMarks::othersMayBeReplacing(const std::string& directory)
     return false;
 }
 
+std::vector<std::pair<std::string, std::optional<FileVersion>>> OwnerMarks::notesOfEnded(
+    const std::string& directory)
+{
+    std::vector<std::pair<std::string, std::optional<FileVersion>>> notes;
+    for (Mark& mark : directoryOf(realPath(directory).value_or(directory), Clock::now()).marks)
+        if (livenessOf(mark) == Liveness::Ended)
+            notes.insert(notes.end(), mark.notes.begin(), mark.notes.end());
+    return notes;
+}
+
 void OwnerMarks::removeEndedMarks(
     const std::string& directory, const std::function<bool(int)>& namedAfter)
 {

@@ -19,6 +19,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QRegularExpression>
+#include <QSet>
 
 #include <algorithm>
 #include <limits>
@@ -333,6 +334,8 @@ namespace {
 struct LeftBelow {
     std::vector<ProjectVFS::RecoverableInfo> swapFiles;
     QStringList journals;
+    // The directories (absolute) that hold owner marks.
+    QStringList markDirectories;
 };
 
 // Swap files are looked for in the root and in every directory below it that is neither hidden
@@ -406,6 +409,11 @@ LeftBelow findLeftBelow(const detail::ProjectVFS_Impl& impl)
         } else if (directories[depth] >= 0 && entry.type == zo::os::EntryType::File
             && detail::journalOwner(entry.name)) {
             left.journals << root + QLatin1Char('/') + detail::decodedPath(entry.path);
+        } else if (directories[depth] >= 0 && zo::os::isOwnerMarkName(entry.name)) {
+            const QString directory
+                = QFileInfo(root + QLatin1Char('/') + detail::decodedPath(entry.path)).path();
+            if (left.markDirectories.isEmpty() || left.markDirectories.last() != directory)
+                left.markDirectories << directory;
         }
         return zo::os::WalkStep::Continue;
     });
@@ -525,6 +533,51 @@ void ProjectVFS::abandonFile(const RecoverableInfo& info)
         throw exception::SwapFileRemove(info.swapPath.toStdString());
 }
 
+namespace {
+
+// A commit killed after its renames, before it removed the backup: the dead owner's mark noted
+// the source's version when the swap file was made, and a backup that is still that version
+// beside a source in place, with the swap file gone, is that commit's and holds nothing else.
+void removeBackupsOfCompletedCommits(
+    const detail::ProjectVFS_Impl& impl, zo::os::OwnerMarks& marks, const QStringList& directories)
+{
+    // The files of a save left to its journal are that save's.
+    QSet<QString> saved;
+    for (const ProjectVFS::InterruptedSave& save : impl.savesLeftWhenOpened)
+        for (const QString& file : save.files)
+            saved.insert(impl.absoluteFilePath(file));
+    const QString suffix = QLatin1Char('.') + impl.swapExtension();
+    for (const QString& directory : directories)
+        for (const auto& [pending, version] :
+            marks.notesOfEnded(detail::encoded(directory).toStdString())) {
+            const QString swap = directory + QLatin1Char('/') + detail::decodedPath(pending);
+            const QFileInfo swapInfo(swap);
+            QString name = swapInfo.fileName();
+            if (!version || detail::isOnDisk(swap) || !name.endsWith(suffix))
+                continue;
+            name.chop(suffix.size());
+            name = name.left(name.lastIndexOf(QLatin1Char('.'))).mid(1);
+            QString source;
+            try {
+                source = impl.resolvedPath(
+                    impl.relativeFilePath(swapInfo.path() + QLatin1Char('/') + name));
+            } catch (const exception::PathOutsideProject&) {
+                continue;
+            }
+            const QString backup = impl.makeBackupPath(source);
+            if (detail::isOnDisk(source) && !saved.contains(source)
+                && zo::os::versionOf(detail::encoded(backup).constData()) == version
+                && !marks.othersMayBeReplacing(
+                    detail::encoded(QFileInfo(source).absolutePath()).toStdString())
+                && QFile::remove(backup))
+                zo::log::log(detail::kFacadeLog, zo::log::Info,
+                    "Removed the backup '" + impl.relativeFilePath(backup).toStdString()
+                        + "' of a completed commit");
+        }
+}
+
+} // namespace
+
 // A commit killed between its two renames leaves no source: the old content is in the backup
 // and the new one in the swap file. The backup is put back so that abandoning the swap file
 // loses nothing; a swap file whose owner may still run may belong to a commit in progress and
@@ -539,16 +592,19 @@ void ProjectVFS::xRestoreInterruptedCommits()
     _impl->restoredWhenOpened.clear();
     if (_impl->unfinished == Unfinished::Leave)
         return;
-    // The marks crashed editors left in the root, once every swap file they mark is gone.
-    // Hidden temporaries stay for status to list and the next save beside them to remove.
-    zo::os::removeEndedLeftovers(detail::encoded(_impl->absolutePath()).toStdString(),
-        zo::os::Cleanup::OwnerMarks, [this](int pid) {
-            const auto& found = _impl->foundWhenOpened;
-            return std::any_of(found.begin(), found.end(),
-                [pid](const RecoverableInfo& info) { return info.pid == pid; });
-        });
-
     zo::os::OwnerMarks marks;
+    removeBackupsOfCompletedCommits(*_impl, marks, left.markDirectories);
+    // The marks crashed editors left, once every swap file they mark is gone. Hidden
+    // temporaries stay for status to list and the next save beside them to remove.
+    left.markDirectories << _impl->absolutePath();
+    for (const QString& directory : qAsConst(left.markDirectories))
+        zo::os::removeEndedLeftovers(
+            detail::encoded(directory).toStdString(), zo::os::Cleanup::OwnerMarks, [this](int pid) {
+                const auto& found = _impl->foundWhenOpened;
+                return std::any_of(found.begin(), found.end(),
+                    [pid](const RecoverableInfo& info) { return info.pid == pid; });
+            });
+
     for (const RecoverableInfo& info : _impl->foundWhenOpened) {
         QString source;
         try {
@@ -557,7 +613,11 @@ void ProjectVFS::xRestoreInterruptedCommits()
             continue;
         }
         const QString backup = _impl->makeBackupPath(source);
-        if (detail::isOnDisk(source) || !detail::isOnDisk(backup)
+        const QString swap = _impl->absoluteFilePath(info.swapPath);
+        // Only where the dead owner noted that the file had a source when its swap file was
+        // made: a user's own file that merely ends like a backup stays where it is.
+        const auto noted = marks.notedSource(detail::encoded(swap).toStdString(), info.pid);
+        if (detail::isOnDisk(source) || !detail::isOnDisk(backup) || !noted || !*noted
             || detail::judgeOwner(marks, _impl->absoluteFilePath(info.swapPath), info.pid).liveness
                 != zo::os::Liveness::Ended
             || marks.othersMayBeReplacing(

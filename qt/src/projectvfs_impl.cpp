@@ -450,7 +450,9 @@ void ProjectVFS_Impl::commitFile(const QString& source, const QString& swap)
         undoCommit(staged);
         throw exception::SwapFileRename(utf8(relativeFilePath(source)));
     }
-    zo::os::removeAt(staged.sourceDirectory.get(), staged.backupName().constData());
+    // Only the backup this commit made: a new file's commit has none.
+    if (staged.backedUp)
+        zo::os::removeAt(staged.sourceDirectory.get(), staged.backupName().constData());
 }
 
 void ProjectVFS_Impl::commit(VFSFile& file, ProjectVFS::SourceChanges changes)
@@ -553,7 +555,8 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
     if (journal && !complete)
         journal->remove(true);
     for (auto committed = batch.begin(); committed != durable; ++committed) {
-        zo::os::removeAt(committed->sourceDirectory.get(), committed->backupName().constData());
+        if (committed->backedUp)
+            zo::os::removeAt(committed->sourceDirectory.get(), committed->backupName().constData());
         const QString path = _entries.firstKey();
         closeHandles(path);
         _sources.remove(path);

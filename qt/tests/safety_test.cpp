@@ -2,6 +2,7 @@
 // steps that fail and a full disk (savecrash_test.cpp kills a save at every step).
 
 #include <zo/fault.h>
+#include <zo/file.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/project.h>
@@ -11,6 +12,7 @@
 
 #include <QCoreApplication>
 #include <QMap>
+#include <QSysInfo>
 #include <QTemporaryDir>
 
 #include <gmock/gmock.h>
@@ -100,25 +102,38 @@ TEST_F(Safety, SwapFileReplacedByADirectoryOrALinkIsNotCommitted)
     EXPECT_EQ(filesBelow(dir.path()), (Files { { "a.txt", "old" }, { "out/t.txt", "outside" } }));
 }
 
-TEST_F(Safety, OpeningRestoresTheSourceOfAnInterruptedCommit)
+// By what the dead owner's mark noted: a commit killed between its renames gets its source back,
+// one killed after them loses its backup; a new file's swap file leaves a user's file that
+// merely ends like a backup alone, and so does everyone else.
+TEST_F(Safety, OpeningCompletesTheCommitsOfEndedOwnersByTheirNotes)
 {
-    const QString deadSwap
-        = QStringLiteral("/.a.txt.%1.csp").arg(std::numeric_limits<pid_t>::max());
-    for (const QString sub : { "d", "e" }) {
+    const pid_t dead = std::numeric_limits<pid_t>::max();
+    const QString swap = QStringLiteral(".a.txt.%1.csp").arg(dead);
+    const auto note = [&](const QString& backup) {
+        const auto version = zo::os::versionOf(QFile::encodeName(backup).constData());
+        const auto number = [](auto value) { return ' ' + QByteArray::number(qulonglong(value)); };
+        return "locked 1\nsource " + swap.toUtf8().toHex()
+            + (version ? number(version->identity.device) + number(version->identity.inode)
+                        + number(version->size) + number(version->modifiedSeconds)
+                        + number(version->modifiedNanoseconds)
+                       : QByteArray(" none"))
+            + '\n';
+    };
+    for (const QString sub : { "between", "after", "new" }) {
         writeFile(abs(sub + "/a.txtbck"), "old");
-        writeFile(abs(sub + deadSwap), "new");
+        if (sub == "after")
+            writeFile(abs(sub + "/a.txt"), "new");
+        if (sub != "after")
+            writeFile(abs(sub + '/' + swap), "new");
+        writeEndedOwnerMark(abs(sub), dead, QSysInfo::machineHostName().toUtf8(),
+            firstLineOf("/proc/sys/kernel/random/boot_id"),
+            std::chrono::system_clock::now() - std::chrono::minutes(1),
+            note(sub == "new" ? QString() : abs(sub + "/a.txtbck")));
+        ProjectVFS { abs(sub) };
     }
-    writeFile(abs("d/notes.txtbck"), "a user's file");
-    LogCapture log;
-    ProjectVFS project(abs("d"));
-    project.setPath(abs("e"));
     EXPECT_EQ(filesBelow(dir.path()),
-        (Files { { "d/a.txt", "old" }, { "d" + deadSwap, "new" },
-            { "d/notes.txtbck", "a user's file" }, { "e/a.txt", "old" },
-            { "e" + deadSwap, "new" } }));
-    const LogCapture::Line restored(
-        "ProjectVFS", 4, "Renamed the backup 'a.txtbck' to 'a.txt' after an interrupted commit");
-    EXPECT_EQ(log.lines, (std::vector { restored, restored }));
+        (Files { { "between/a.txt", "old" }, { "between/" + swap, "new" }, { "after/a.txt", "new" },
+            { "new/a.txtbck", "old" }, { "new/" + swap, "new" } }));
 }
 
 // A commit killed after the swap file took the source's place leaves the old content as a backup

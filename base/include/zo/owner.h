@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 /// @file
@@ -148,6 +149,12 @@ public:
     /// The version of the source that file was made from, as its owner's mark noted it (see
     /// judge for which marks): none when no mark noted it, an empty version for a new file.
     std::optional<std::optional<FileVersion>> notedSource(const std::string& file, int pid);
+
+    /// What the marks among directory's own entries whose process is proven ended noted: each
+    /// pending file (relative to directory) with the version of its source when it was made,
+    /// none for a new file.
+    std::vector<std::pair<std::string, std::optional<FileVersion>>> notesOfEnded(
+        const std::string& directory);
 
     /// Whether another process may be replacing files in directory or below it right now (its
     /// mark shows it, or cannot tell): a backup found there may be that process's.

@@ -111,12 +111,14 @@ TEST_F(Cli, StatusAndRecoverSpareTheFilesOfARunningProcess)
     EXPECT_EQ(abandon.status, 0) << abandon.err.toStdString();
     EXPECT_TRUE(abandon.out.contains(runningSwap.toUtf8() + " alone")) << abandon.out.toStdString();
 
+    // Without its owner's note of a source, notes.txtbck is no backup of notes.txt.
     const Outcome recover = zoproject({ "recover", "--all" }, project);
     EXPECT_EQ(recover.status, 0) << recover.err.toStdString();
     EXPECT_EQ(zo::test::filesBelow(project),
         (QMap<QString, QByteArray> { { "notes.txt", "unsaved work\n" },
-            { "a.txt", "unsaved work\n" }, { "b.txt", "unsaved work\n" },
-            { runningSwap, "work in progress\n" }, { "docs/main.xmlbck", "saved\n" } }));
+            { "notes.txtbck", "saved\n" }, { "a.txt", "unsaved work\n" },
+            { "b.txt", "unsaved work\n" }, { runningSwap, "work in progress\n" },
+            { "docs/main.xmlbck", "saved\n" } }));
 
     status = zoproject({ "status", "--json" }, project);
     EXPECT_EQ(status.status, 0);
