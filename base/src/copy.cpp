@@ -1,4 +1,5 @@
 #include <zo/file.h>
+#include <zo/owner.h>
 #include <zo/path.h>
 
 #include <algorithm>
@@ -50,12 +51,18 @@ bool copyByReadWrite(int from, int to)
 }
 
 // An unnamed file in the directory, which cannot be seen at all until it is linked in; where the
-// file system has none, a file with a hidden name beside name, returned in hidden.
-UniqueFd openUnnamedIn(int directory, const char* name, mode_t mode, std::string& hidden)
+// file system has none, a file with a hidden name beside name, returned in hidden, made only
+// once this process's owner mark is there (held in mark until the name is gone), so that what
+// a crash leaves is judged by it.
+UniqueFd openUnnamedIn(int directory, const char* name, mode_t mode, std::string& hidden,
+    std::shared_ptr<OwnerMark>& mark)
 {
     UniqueFd fd = createUnnamedFile(directory, ".", mode);
     if (fd || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
         return fd;
+    mark = OwnerMark::hold("/proc/self/fd/" + std::to_string(directory));
+    if (!mark)
+        return UniqueFd();
     hidden = hiddenTemplateBeside(name, "copy");
     return createUniqueFileAt(directory, hidden, mode);
 }
@@ -127,13 +134,14 @@ bool copyFileAt(int from, int directory, const char* name, CopyTarget target)
     // The name the content is written under, removed again when the copy fails; none for an
     // unnamed file.
     std::string written;
+    std::shared_ptr<OwnerMark> mark;
     UniqueFd out;
     if (target == CopyTarget::Unseen) {
         out = createFileAt(directory, name, mode);
         if (out)
             written = name;
     } else {
-        out = openUnnamedIn(directory, name, mode, written);
+        out = openUnnamedIn(directory, name, mode, written, mark);
     }
     if (!out)
         return false;
