@@ -602,7 +602,12 @@ OwnerVerdict OwnerMarks::judge(const std::string& file, int pid)
             return verdict;
         _directories.clear();
     }
-    return { Liveness::Unknown, std::nullopt };
+    // Gone or still changing: its owner is busy with it (a commit loop) or gone with it. What
+    // the marks say of its owner is reported, but never that it ended.
+    OwnerVerdict verdict = judgeAsOf(file, pid, Clock::now());
+    if (verdict.liveness == Liveness::Ended)
+        verdict.liveness = Liveness::Unknown;
+    return verdict;
 }
 
 OwnerVerdict OwnerMarks::judgeAsOf(const std::string& file, int pid, Clock::time_point lastWrite)

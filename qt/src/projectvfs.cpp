@@ -164,6 +164,7 @@ void ProjectVFS::discard(const QString& path)
 std::unique_ptr<VFSFile> ProjectVFS::open(const QString& path, QIODevice::OpenMode mode)
 {
     auto handle = file(path);
+    _impl->requireInside(path, true);
     if (!handle->open(mode)) {
         // Qt refuses such a mode before it sets an error, and then says "Unknown error".
         const std::string reason = (mode & QIODevice::ReadWrite)

@@ -638,6 +638,8 @@ bool ProjectVFS_Impl::isOwnSwap(const QString& swap) const
 
 void ProjectVFS_Impl::copy(VFSFile& file, const QString& newPath, bool overwrite)
 {
+    // What is read is the link's target, which must not leave the project.
+    requireInside(file.fileName(), true);
     const QString from = currentPath(file.fileName());
     if (!overwrite && hasFile(newPath))
         throw AlreadyExists(utf8(newPath));

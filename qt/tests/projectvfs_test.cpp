@@ -192,11 +192,17 @@ TEST_F(Facade, PathsStayInsideTheProject)
         [&] { project.mkpath("../made"); },
         [&] { directory.writeFile("../out.txt", "x"); },
         [&] { model.writeFile("../escape", "x"); },
+        [&] { directory.readFile("out"); },
+        [&] { project.copy("out", "copied.txt", true); },
+        [&] { project.file("out")->copy("copied.txt"); },
     };
+    writeFile(abs("out.txt"), "outside");
     for (const auto& write : writes)
         EXPECT_THAT(thrownBy(write), HasSubstr("leads outside the project"));
-    EXPECT_EQ(
-        QDir(dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList { "p" });
+    EXPECT_THAT(thrownBy([&] { directory.readFile("out"); }), HasSubstr("PathOutsideProject"));
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+        (QStringList { "out.txt", "p" }));
+    EXPECT_FALSE(project.isNotCommitted());
 }
 
 TEST(FacadeLifetime, HandlesOutliveTheFacade)

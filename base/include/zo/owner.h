@@ -142,8 +142,8 @@ public:
     /// one is undecided. A file without such a mark (made by an older version) is judged by /proc
     /// in this pid namespace: running while a process of that id exists that started before
     /// the write. A file replaced while it is judged (its owner
-    /// committed it and made it anew) is judged again, and unknown if it keeps changing; so is
-    /// a file that is gone.
+    /// committed it and made it anew) is judged again; one that keeps changing or is gone is
+    /// judged by the marks as they are now, and never ended.
     OwnerVerdict judge(const std::string& file, int pid);
 
     /// The version of the source that file was made from, as its owner's mark noted it (see
