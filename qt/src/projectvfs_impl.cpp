@@ -81,19 +81,29 @@ ProjectVFS_Impl::ProjectVFS_Impl(const QString& path)
 {
 }
 
+// The handler is not told: what it would tell may be gone already. No handle is left, as each
+// one keeps the engine.
 ProjectVFS_Impl::~ProjectVFS_Impl()
 {
-    forgetPending();
+    leavePending();
 }
 
 void ProjectVFS_Impl::forgetPending()
 {
     if (_entries.isEmpty())
         return;
-    for (auto& [root, mark] : _marks)
-        zo::os::OwnerMark::keepUntilExit(std::move(mark));
     for (const QString& path : _entries.keys())
         closeHandles(path);
+    leavePending();
+    notCommittedChanged(false);
+}
+
+void ProjectVFS_Impl::leavePending()
+{
+    if (_entries.isEmpty())
+        return;
+    for (auto& [directory, mark] : _marks)
+        zo::os::OwnerMark::keepUntilExit(std::move(mark));
     for (const QString& swap : qAsConst(_entries))
         leftForRecovery(swap);
     _entries.clear();
@@ -101,7 +111,6 @@ void ProjectVFS_Impl::forgetPending()
     _damaged.clear();
     _sources.clear();
     _marks.clear();
-    notCommittedChanged(false);
 }
 
 QString ProjectVFS_Impl::resolvedPath(const QString& path) const
@@ -263,6 +272,13 @@ void ProjectVFS_Impl::moveEntry(const VFSFile& file, const QString& oldPath)
         = source != _sources.cend() ? std::optional(source.value()) : std::nullopt;
     removeEntry(oldPath);
     addEntry(file.fileName(), absoluteFilePath(file.swapName()));
+    // Their descriptors follow the renamed swap file; their names must too, so that the commit
+    // of the new path writes them out and closes them.
+    for (VFSFile* handle : qAsConst(_openOnSwap))
+        if (handle->_fileName == oldPath) {
+            handle->_fileName = file.fileName();
+            handle->_swapName = file.swapName();
+        }
     if (damaged)
         _damaged.insert(file.fileName());
     if (recorded)

@@ -162,6 +162,9 @@ private:
     static bool madeDurable(const StagedCommit& staged, std::vector<zo::os::FileIdentity>& synced);
     void commitFile(const QString& source, const QString& swap);
 
+    // forgetPending without closing handles or telling the handler.
+    void leavePending();
+
     void throwIfDamaged(const QString& path) const;
     void throwIfSourcesChanged(const QStringList& paths) const;
     // Writes out what the handles open on path's swap file buffer; a failure damages the entry.

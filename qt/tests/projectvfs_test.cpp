@@ -130,6 +130,14 @@ TEST_F(Facade, CommitWritesOutOpenHandlesAndClosesThem)
     EXPECT_FALSE(handle->isOpen());
     EXPECT_EQ(handle->write("late"), -1);
     EXPECT_EQ(readFile(abs("a.txt")), "new");
+
+    // Also a handle whose file another handle moved.
+    const auto moved = vfs.open("b.txt", QIODevice::WriteOnly);
+    moved->write("buffered");
+    vfs.move("b.txt", "c.txt", false);
+    vfs.commit("c.txt");
+    EXPECT_FALSE(moved->isOpen());
+    EXPECT_EQ(readFile(abs("c.txt")), "buffered");
 }
 
 // A swap file removed behind the engine's back stops the commit; the source was never renamed.
