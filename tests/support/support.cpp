@@ -154,10 +154,9 @@ void writeEndedOwnerMark(const QString& directory, pid_t pid, const QByteArray& 
         "zo-owner 1\nhost " + host + "\nmachine " + firstLineOf("/etc/machine-id") + "\nboot "
             + boot + "\npidns "
             + QByteArray::fromStdString(zo::os::readLink("/proc/self/ns/pid").value_or(""))
-            + "\npid " + QByteArray::number(pid) + "\nstarted " + when + "\ninode "
-            + QByteArray::number(qulonglong(made->identity.device)) + ' '
-            + QByteArray::number(qulonglong(made->identity.inode)) + "\nprogram \nmarked " + when
-            + '\n' + lock);
+            + "\npid " + QByteArray::number(pid) + "\nstarted " + when
+            + QString("\ninode %1 %2").arg(made->identity.device).arg(made->identity.inode).toUtf8()
+            + "\nprogram \nmarked " + when + '\n' + lock);
 }
 
 LiveInstance::LiveInstance()
