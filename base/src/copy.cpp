@@ -1,4 +1,5 @@
 #include <zo/file.h>
+#include <zo/owner.h>
 #include <zo/path.h>
 
 #include <algorithm>
@@ -49,21 +50,28 @@ bool copyByReadWrite(int from, int to)
     }
 }
 
-// A new file with a hidden name beside name, returned in hidden.
-UniqueFd createHiddenBeside(int directory, const char* name, mode_t mode, std::string& hidden)
+// A new file with a hidden name beside name, returned in hidden, made only once this process's
+// owner mark is there (held in mark until the name is gone), so that what a crash leaves is
+// judged by it.
+UniqueFd createHiddenBeside(int directory, const char* name, mode_t mode, std::string& hidden,
+    std::shared_ptr<OwnerMark>& mark)
 {
+    mark = OwnerMark::hold("/proc/self/fd/" + std::to_string(directory));
+    if (!mark)
+        return UniqueFd();
     hidden = hiddenTemplateBeside(name, "copy");
     return createUniqueFileAt(directory, hidden, mode);
 }
 
 // An unnamed file in the directory, which cannot be seen at all until it is linked in; where the
-// file system has none, a file with a hidden name beside name, returned in hidden.
-UniqueFd openUnnamedIn(int directory, const char* name, mode_t mode, std::string& hidden)
+// file system has none, a hidden file as createHiddenBeside makes it.
+UniqueFd openUnnamedIn(int directory, const char* name, mode_t mode, std::string& hidden,
+    std::shared_ptr<OwnerMark>& mark)
 {
     UniqueFd fd = createUnnamedFile(directory, ".", mode);
     if (fd || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
         return fd;
-    return createHiddenBeside(directory, name, mode, hidden);
+    return createHiddenBeside(directory, name, mode, hidden, mark);
 }
 
 // Gives the new file the source's exact mode, which the umask may have narrowed. A change of
@@ -133,6 +141,7 @@ bool copyFileAt(int from, int directory, const char* name, CopyTarget target)
     // The name the content is written under, removed again when the copy fails; none for an
     // unnamed file.
     std::string written;
+    std::shared_ptr<OwnerMark> mark;
     UniqueFd out;
     if (target == CopyTarget::Unseen) {
         out = createFileAt(directory, name, mode);
@@ -140,9 +149,9 @@ bool copyFileAt(int from, int directory, const char* name, CopyTarget target)
             written = name;
     } else if (target == CopyTarget::Replacing) {
         // Named at once: the rename that puts it in place needs a name to rename.
-        out = createHiddenBeside(directory, name, mode, written);
+        out = createHiddenBeside(directory, name, mode, written, mark);
     } else {
-        out = openUnnamedIn(directory, name, mode, written);
+        out = openUnnamedIn(directory, name, mode, written, mark);
     }
     if (!out)
         return false;

@@ -288,6 +288,25 @@ UniqueFd openDirectoryAt(int directory, const char* name, bool followLink)
     return UniqueFd(::openat(directory, name, directoryFlags | (followLink ? 0 : O_NOFOLLOW)));
 }
 
+UniqueFd openDirectoryBeneath(const std::string& root, const std::string& directory)
+{
+    const std::optional<std::string> top = resolvePhysically(root);
+    const bool below = top && directory.compare(0, top->size(), *top) == 0
+        && (directory.size() == top->size() || *top == "/" || directory[top->size()] == '/');
+    if (!below) {
+        errno = EXDEV;
+        return UniqueFd();
+    }
+    UniqueFd at = openDirectory(top->c_str());
+    std::vector<std::string> components;
+    pushComponents(components, directory.substr(top->size()));
+    while (at && !components.empty()) {
+        at = openDirectoryAt(at.get(), components.back().c_str());
+        components.pop_back();
+    }
+    return at;
+}
+
 UniqueFd openPlace(const char* path)
 {
     return openPlaceAt(AT_FDCWD, path);
@@ -528,6 +547,11 @@ bool syncFile(int descriptor)
 bool syncDirectory(const char* path)
 {
     return !failsOnPurpose(fault::Step::SyncDirectory) && syncPath(path);
+}
+
+bool syncDirectory(int descriptor)
+{
+    return !failsOnPurpose(fault::Step::SyncDirectory) && ::fsync(descriptor) == 0;
 }
 
 bool rename(const char* from, const char* to)

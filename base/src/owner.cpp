@@ -122,6 +122,8 @@ std::string recordText(const OwnerRecord& record)
     return std::string(kFormatLine) + "\nhost " + record.host + "\nmachine " + record.machine
         + "\nboot " + record.boot + "\npidns " + record.pidNamespace + "\npid "
         + std::to_string(record.pid) + "\nstarted " + std::to_string(nanosecondsOf(record.started))
+        + "\nticks " + std::to_string(record.startTicks) + "\ninode "
+        + std::to_string(record.file.device) + ' ' + std::to_string(record.file.inode)
         + "\nprogram " + hexOf(record.program) + "\nmarked "
         + std::to_string(nanosecondsOf(record.marked)) + "\nlocked " + (record.locked ? "1" : "0")
         + "\n";
@@ -202,6 +204,10 @@ std::optional<OwnerRecord> parseMark(std::string_view text, Notes& notes)
             record.program = bytesOfHex(value).value_or(std::string());
         else if (key == "locked")
             record.locked = value == "1";
+        else if (key == "ticks")
+            parseNumber(std::string_view(value), record.startTicks);
+        else if (key == "inode" && words.size() == 3)
+            parseNumber(words[1], record.file.device) && parseNumber(words[2], record.file.inode);
         else if (key == "started" || key == "marked") {
             timesKnown = timesKnown && parseNumber(std::string_view(value), nanoseconds);
             (key == "started" ? record.started : record.marked) = timeOfNanoseconds(nanoseconds);
@@ -300,13 +306,11 @@ bool isOurs(const FileIdentity& markFile)
         });
 }
 
-// A process of that id that started then, give or take the clocks' disagreement, runs in this
-// pid namespace.
-bool runsHere(int pid, Clock::time_point started)
+// A process of that id that started at that clock tick since boot runs in this pid namespace.
+bool runsHere(int pid, std::uint64_t startTicks)
 {
     const std::optional<Process> process = findProcess(pid);
-    return process && process->started <= started + kClockSlack
-        && process->started + kClockSlack >= started;
+    return process && process->startTicks == startTicks;
 }
 
 int rank(Liveness liveness)
@@ -374,9 +378,13 @@ std::shared_ptr<OwnerMark> OwnerMark::hold(const std::string& directory)
     if (process.first != self)
         process = { self, findProcess(self) };
     const ThisSystem& system = thisSystem();
-    const OwnerRecord record { system.host, system.machine, system.boot, currentPidNamespace(),
-        self, process.second ? process.second->started : Clock::time_point(),
-        process.second ? process.second->program : std::string(), modificationTime(*made),
+    // A process that cannot see itself in /proc (a pid namespace without its own) records no
+    // start, which leaves it undecided rather than ended.
+    const std::optional<Process> seen
+        = readLink("/proc/self") == std::to_string(self) ? process.second : std::nullopt;
+    OwnerRecord record { system.host, system.machine, system.boot, currentPidNamespace(), self,
+        seen ? seen->started : Clock::time_point(), seen ? seen->startTicks : 0, made->identity,
+        seen ? seen->program : std::string(), modificationTime(*made),
         setLock(file.get(), F_WRLCK, kLifeByte) };
     const std::string text = recordText(record);
     // Others must be able to read the record to judge this process.
@@ -560,7 +568,8 @@ Liveness OwnerMarks::livenessOf(Mark& mark)
     read(mark);
     if (mark.life == LockState::Held)
         return Liveness::Running;
-    if (!mark.record)
+    // A copy of a mark (a sync tool's copy and rename) holds no lock and proves nothing.
+    if (!mark.record || mark.record->file != mark.identity)
         return Liveness::Unknown;
     const OwnerRecord& record = *mark.record;
     const ThisSystem& system = thisSystem();
@@ -568,9 +577,9 @@ Liveness OwnerMarks::livenessOf(Mark& mark)
         // The same kernel: its lock table answers, unless the owner could not lock.
         if (record.locked && mark.life == LockState::Free)
             return Liveness::Ended;
-        if (record.pidNamespace != currentPidNamespace())
+        if (record.pidNamespace != currentPidNamespace() || record.startTicks == 0)
             return Liveness::Unknown;
-        return runsHere(record.pid, record.started) ? Liveness::Running : Liveness::Ended;
+        return runsHere(record.pid, record.startTicks) ? Liveness::Running : Liveness::Ended;
     }
     // An earlier boot of this host; a host of the same name and id that made the mark after
     // this one booted is another host.
@@ -593,7 +602,12 @@ OwnerVerdict OwnerMarks::judge(const std::string& file, int pid)
             return verdict;
         _directories.clear();
     }
-    return { Liveness::Unknown, std::nullopt };
+    // Gone or still changing: its owner is busy with it (a commit loop) or gone with it. What
+    // the marks say of its owner is reported, but never that it ended.
+    OwnerVerdict verdict = judgeAsOf(file, pid, Clock::now());
+    if (verdict.liveness == Liveness::Ended)
+        verdict.liveness = Liveness::Unknown;
+    return verdict;
 }
 
 OwnerVerdict OwnerMarks::judgeAsOf(const std::string& file, int pid, Clock::time_point lastWrite)
@@ -606,7 +620,7 @@ OwnerVerdict OwnerMarks::judgeAsOf(const std::string& file, int pid, Clock::time
         const ThisSystem& system = thisSystem();
         return { Liveness::Running,
             OwnerRecord { system.host, system.machine, system.boot, currentPidNamespace(), pid,
-                process->started, process->program, {}, false } };
+                process->started, process->startTicks, {}, process->program, {}, false } };
     }
     OwnerVerdict verdict { Liveness::Ended, marks.front()->record };
     for (Mark* mark : marks) {
@@ -648,6 +662,16 @@ bool OwnerMarks::othersMayBeReplacing(const std::string& directory)
             return true;
     }
     return false;
+}
+
+std::vector<std::pair<std::string, std::optional<FileVersion>>> OwnerMarks::notesOfEnded(
+    const std::string& directory)
+{
+    std::vector<std::pair<std::string, std::optional<FileVersion>>> notes;
+    for (Mark& mark : directoryOf(realPath(directory).value_or(directory), Clock::now()).marks)
+        if (livenessOf(mark) == Liveness::Ended)
+            notes.insert(notes.end(), mark.notes.begin(), mark.notes.end());
+    return notes;
 }
 
 void OwnerMarks::removeEndedMarks(

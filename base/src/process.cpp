@@ -46,8 +46,8 @@ std::chrono::nanoseconds sinceEpochOf(clockid_t clock)
     return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
-// Field 22 of /proc/<pid>/stat, the start in clock ticks since boot, in the system clock.
-std::optional<std::chrono::system_clock::time_point> startOf(pid_t pid)
+// Field 22 of /proc/<pid>/stat, the start in clock ticks since boot.
+std::optional<unsigned long long> startTicksOf(pid_t pid)
 {
     std::ifstream in(procFile(pid, "stat"));
     const std::string stat((std::istreambuf_iterator<char>(in)), {});
@@ -63,6 +63,12 @@ std::optional<std::chrono::system_clock::time_point> startOf(pid_t pid)
     unsigned long long ticks = 0;
     if (!(fields >> ticks))
         return std::nullopt;
+    return ticks;
+}
+
+// A start in clock ticks since boot, in the system clock.
+std::chrono::system_clock::time_point timeOfStart(unsigned long long ticks)
+{
     const auto ticksPerSecond = static_cast<unsigned long long>(::sysconf(_SC_CLK_TCK));
     const std::chrono::nanoseconds sinceBoot = std::chrono::seconds(ticks / ticksPerSecond)
         + std::chrono::nanoseconds(ticks % ticksPerSecond * 1000000000ULL / ticksPerSecond);
@@ -91,10 +97,10 @@ std::optional<Process> findProcess(pid_t pid)
     if (pid <= 0)
         return std::nullopt;
     std::optional<std::string> program = programOf(pid);
-    const auto started = program ? startOf(pid) : std::nullopt;
-    if (!started)
+    const auto ticks = program ? startTicksOf(pid) : std::nullopt;
+    if (!ticks)
         return std::nullopt;
-    return Process { std::move(*program), *started };
+    return Process { std::move(*program), timeOfStart(*ticks), *ticks };
 }
 
 pid_t runAndKill(const std::function<void()>& body)

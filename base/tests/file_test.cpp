@@ -114,6 +114,17 @@ TEST(HiddenName, ParserReadsOnlyItsOwnPattern)
 
 // Whatever step fails, the target holds the old content or, once renamed, the new one, and
 // no hidden file is left; the new file stands in for the old one's permissions and owner.
+// A directory replaced by a link after it was resolved is refused, not followed.
+TEST(Directory, OpenedBeneathARootNeverThroughALink)
+{
+    const ScratchDirectory root, outside;
+    const std::string sub = root.path + "/sub";
+    ASSERT_TRUE(zo::os::makeDirectoryAt(AT_FDCWD, sub.c_str(), 0755));
+    EXPECT_TRUE(zo::os::openDirectoryBeneath(root.path, sub));
+    ASSERT_TRUE(::rmdir(sub.c_str()) == 0 && ::symlink(outside.path.c_str(), sub.c_str()) == 0);
+    EXPECT_FALSE(zo::os::openDirectoryBeneath(root.path, sub));
+}
+
 TEST(DurableReplace, FailsWholeAtEveryStepAndKeepsPermissionsAndOwner)
 {
     const QTemporaryDir dir;

@@ -19,6 +19,13 @@ std::shared_ptr<zo::os::OwnerMark> holdOwnerMark(const QString& directory);
 // The owner of the file at path (absolute) named after process pid.
 zo::os::OwnerVerdict judgeOwner(zo::os::OwnerMarks& marks, const QString& path, pid_t pid);
 
+// A swap file that this process leaves pending when its engine forgets it (destroyed, or given
+// another root): no engine of this process holds it any more, so this process may take it over
+// like one of an ended process.
+void leftForRecovery(const QString& swap);
+// The swap file is held again (taken over, or made anew under that name).
+void takenBack(const QString& swap);
+
 // A verdict as the library reports it.
 ProjectVFS::OwnerInfo ownerInfoOf(const zo::os::OwnerVerdict& verdict, pid_t pid);
 

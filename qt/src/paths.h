@@ -36,6 +36,14 @@ inline std::string utf8(const QString& text)
     return text.toStdString();
 }
 
+// Whether name (a last component) ends as a swap file's name, ".<...>.<extension>".
+inline bool isSwapName(std::string_view name, const QString& extension)
+{
+    const auto size = static_cast<std::size_t>(extension.size());
+    return name.size() > size + 2 && name.front() == '.' && name[name.size() - size - 1] == '.'
+        && QLatin1String(name.data() + name.size() - size, static_cast<int>(size)) == extension;
+}
+
 // Anything under that name, a dangling link included.
 inline bool isOnDisk(const QString& path)
 {

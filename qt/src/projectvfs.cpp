@@ -164,6 +164,7 @@ void ProjectVFS::discard(const QString& path)
 std::unique_ptr<VFSFile> ProjectVFS::open(const QString& path, QIODevice::OpenMode mode)
 {
     auto handle = file(path);
+    _impl->requireInside(path, true);
     if (!handle->open(mode)) {
         // Qt refuses such a mode before it sets an error, and then says "Unknown error".
         const std::string reason = (mode & QIODevice::ReadWrite)
@@ -200,6 +201,8 @@ void ProjectVFS::setPath(const QString& path)
     // The unchanged path is refused on purpose: callers compare before they switch.
     if (path == _impl->path() || !_impl->exists(path))
         throw exception::ProjectPathDoesNotExists(path.toStdString());
+    // The old root's pending files are not the new root's; they stay there for recovery.
+    _impl->forgetPending();
     _impl->setPath(path);
     xRestoreInterruptedCommits();
 }
@@ -287,17 +290,25 @@ void ProjectVFS::remove(const QString& path)
 
     // Files are removed with their swap files first. The walk holds each directory open and
     // follows no symbolic link, not even one put in a directory's place meanwhile, so nothing
-    // outside the tree is reached through one; links themselves go with the tree.
+    // outside the tree is reached through one; links themselves go with the tree. Another
+    // process's swap file stops the removal before anything is removed.
     QStringList files;
+    QString othersSwap;
     zo::os::WalkOptions options;
     options.followLinks = false;
     zo::os::walkTree(
         detail::encoded(absolute).toStdString(), options, [&](const zo::os::WalkEntry& entry) {
-            if (entry.type == zo::os::EntryType::File)
-                files.append(impl->relativeFilePath(
-                    absolute + QLatin1Char('/') + detail::decodedPath(entry.path)));
-            return zo::os::WalkStep::Continue;
+            if (entry.type != zo::os::EntryType::File)
+                return zo::os::WalkStep::Continue;
+            const QString found = absolute + QLatin1Char('/') + detail::decodedPath(entry.path);
+            if (!detail::isSwapName(entry.name, impl->swapExtension()))
+                files.append(impl->relativeFilePath(found));
+            else if (!impl->isOwnSwap(found))
+                othersSwap = impl->relativeFilePath(found);
+            return othersSwap.isEmpty() ? zo::os::WalkStep::Continue : zo::os::WalkStep::Stop;
         });
+    if (!othersSwap.isEmpty())
+        throw exception::SwapFileAlreadyExists(othersSwap.toStdString());
     bool allRemoved = true;
     for (const QString& entry : qAsConst(files)) {
         try {
@@ -324,6 +335,8 @@ namespace {
 struct LeftBelow {
     std::vector<ProjectVFS::RecoverableInfo> swapFiles;
     QStringList journals;
+    // The directories (absolute) that hold owner marks.
+    QStringList markDirectories;
 };
 
 // Swap files are looked for in the root and in every directory below it that is neither hidden
@@ -356,11 +369,6 @@ LeftBelow findLeftBelow(const detail::ProjectVFS_Impl& impl)
         found.push_back({ directory,
             { relativePath, relativePath.left(slash + 1) + match.captured(1),
                 fits ? static_cast<pid_t>(id) : 0 } });
-    };
-    const auto isSwapName = [&suffix](std::string_view name) {
-        return name.size() > 1 && name.front() == '.'
-            && name.size() >= static_cast<size_t>(suffix.size())
-            && QLatin1String(name.data() + name.size() - suffix.size(), suffix.size()) == suffix;
     };
     const auto scannable = [](const QString& directory) {
         const QFileInfo info(directory);
@@ -396,11 +404,17 @@ LeftBelow findLeftBelow(const detail::ProjectVFS_Impl& impl)
             for (const QString& name :
                 target.entryList({ QLatin1Char('*') + suffix }, QDir::Files | QDir::Hidden))
                 consider(linked + QLatin1Char('/') + name, walked);
-        } else if (directories[depth] >= 0 && isSwapName(entry.name)) {
+        } else if (directories[depth] >= 0
+            && detail::isSwapName(entry.name, impl.swapExtension())) {
             consider(detail::decodedPath(entry.path), directories[depth]);
         } else if (directories[depth] >= 0 && entry.type == zo::os::EntryType::File
             && detail::journalOwner(entry.name)) {
             left.journals << root + QLatin1Char('/') + detail::decodedPath(entry.path);
+        } else if (directories[depth] >= 0 && zo::os::isOwnerMarkName(entry.name)) {
+            const QString directory
+                = QFileInfo(root + QLatin1Char('/') + detail::decodedPath(entry.path)).path();
+            if (left.markDirectories.isEmpty() || left.markDirectories.last() != directory)
+                left.markDirectories << directory;
         }
         return zo::os::WalkStep::Continue;
     });
@@ -447,7 +461,7 @@ std::vector<ProjectVFS::RecoverableState> ProjectVFS::inspect(
         const QString swap = _impl->absoluteFilePath(info.swapPath);
         const std::string swapBytes = detail::encoded(swap).toStdString();
         RecoverableState state;
-        state.owner = detail::ownerInfoOf(marks.judge(swapBytes, info.pid), info.pid);
+        state.owner = detail::ownerInfoOf(detail::judgeOwner(marks, swap, info.pid), info.pid);
         QString source = _impl->absoluteFilePath(info.sourcePath);
         try {
             source = _impl->resolvedPath(info.sourcePath);
@@ -476,10 +490,12 @@ void ProjectVFS::recoverFile(const RecoverableInfo& info)
     const std::string swapBytes = detail::encoded(swap).toStdString();
     const QString newSwap = impl->absoluteFilePath(impl->makeSwapPath(info.sourcePath));
     zo::os::OwnerMarks marks;
-    const OwnerInfo owner = detail::ownerInfoOf(marks.judge(swapBytes, info.pid), info.pid);
+    const OwnerInfo owner
+        = detail::ownerInfoOf(detail::judgeOwner(marks, swap, info.pid), info.pid);
     const auto noted = marks.notedSource(swapBytes, info.pid);
-    // This process's mark before its swap file.
+    // This process's marks before its swap file.
     impl->ownerMark();
+    impl->markBeside(info.sourcePath, newSwap);
 
     bool transferred;
     if (mayStillRun(owner, info)) {
@@ -518,6 +534,51 @@ void ProjectVFS::abandonFile(const RecoverableInfo& info)
         throw exception::SwapFileRemove(info.swapPath.toStdString());
 }
 
+namespace {
+
+// A commit killed after its renames, before it removed the backup: the dead owner's mark noted
+// the source's version when the swap file was made, and a backup that is still that version
+// beside a source in place, with the swap file gone, is that commit's and holds nothing else.
+void removeBackupsOfCompletedCommits(
+    const detail::ProjectVFS_Impl& impl, zo::os::OwnerMarks& marks, const QStringList& directories)
+{
+    // The files of a save left to its journal are that save's.
+    QSet<QString> saved;
+    for (const ProjectVFS::InterruptedSave& save : impl.savesLeftWhenOpened)
+        for (const QString& file : save.files)
+            saved.insert(impl.absoluteFilePath(file));
+    const QString suffix = QLatin1Char('.') + impl.swapExtension();
+    for (const QString& directory : directories)
+        for (const auto& [pending, version] :
+            marks.notesOfEnded(detail::encoded(directory).toStdString())) {
+            const QString swap = directory + QLatin1Char('/') + detail::decodedPath(pending);
+            const QFileInfo swapInfo(swap);
+            QString name = swapInfo.fileName();
+            if (!version || detail::isOnDisk(swap) || !name.endsWith(suffix))
+                continue;
+            name.chop(suffix.size());
+            name = name.left(name.lastIndexOf(QLatin1Char('.'))).mid(1);
+            QString source;
+            try {
+                source = impl.resolvedPath(
+                    impl.relativeFilePath(swapInfo.path() + QLatin1Char('/') + name));
+            } catch (const exception::PathOutsideProject&) {
+                continue;
+            }
+            const QString backup = impl.makeBackupPath(source);
+            if (detail::isOnDisk(source) && !saved.contains(source)
+                && zo::os::versionOf(detail::encoded(backup).constData()) == version
+                && !marks.othersMayBeReplacing(
+                    detail::encoded(QFileInfo(source).absolutePath()).toStdString())
+                && QFile::remove(backup))
+                zo::log::log(detail::kFacadeLog, zo::log::Info,
+                    "Removed the backup '" + impl.relativeFilePath(backup).toStdString()
+                        + "' of a completed commit");
+        }
+}
+
+} // namespace
+
 // A commit killed between its two renames leaves no source: the old content is in the backup
 // and the new one in the swap file. The backup is put back so that abandoning the swap file
 // loses nothing; a swap file whose owner may still run may belong to a commit in progress and
@@ -534,19 +595,22 @@ void ProjectVFS::xRestoreInterruptedCommits()
     _impl->restoredWhenOpened.clear();
     if (_impl->unfinished == Unfinished::Leave)
         return;
-    // The marks crashed editors left in the root, once every swap file they mark is gone.
-    // Hidden temporaries stay for status to list and the next save beside them to remove.
-    zo::os::removeEndedLeftovers(detail::encoded(_impl->absolutePath()).toStdString(),
-        zo::os::Cleanup::OwnerMarks, [this](int pid) {
-            const auto& found = _impl->foundWhenOpened;
-            return std::any_of(found.begin(), found.end(),
-                [pid](const RecoverableInfo& info) { return info.pid == pid; });
-        });
-
     QSet<QString> saved;
     for (const InterruptedSave& save : _impl->savesLeftWhenOpened)
         saved.unite(QSet<QString>(save.files.begin(), save.files.end()));
     zo::os::OwnerMarks marks;
+    removeBackupsOfCompletedCommits(*_impl, marks, left.markDirectories);
+    // The marks crashed editors left, once every swap file they mark is gone. Hidden
+    // temporaries stay for status to list and the next save beside them to remove.
+    left.markDirectories << _impl->absolutePath();
+    for (const QString& directory : qAsConst(left.markDirectories))
+        zo::os::removeEndedLeftovers(
+            detail::encoded(directory).toStdString(), zo::os::Cleanup::OwnerMarks, [this](int pid) {
+                const auto& found = _impl->foundWhenOpened;
+                return std::any_of(found.begin(), found.end(),
+                    [pid](const RecoverableInfo& info) { return info.pid == pid; });
+            });
+
     for (const RecoverableInfo& info : _impl->foundWhenOpened) {
         if (saved.contains(info.sourcePath))
             continue;
@@ -557,7 +621,11 @@ void ProjectVFS::xRestoreInterruptedCommits()
             continue;
         }
         const QString backup = _impl->makeBackupPath(source);
-        if (detail::isOnDisk(source) || !detail::isOnDisk(backup)
+        const QString swap = _impl->absoluteFilePath(info.swapPath);
+        // Only where the dead owner noted that the file had a source when its swap file was
+        // made: a user's own file that merely ends like a backup stays where it is.
+        const auto noted = marks.notedSource(detail::encoded(swap).toStdString(), info.pid);
+        if (detail::isOnDisk(source) || !detail::isOnDisk(backup) || !noted || !*noted
             || detail::judgeOwner(marks, _impl->absoluteFilePath(info.swapPath), info.pid).liveness
                 != zo::os::Liveness::Ended
             || marks.othersMayBeReplacing(

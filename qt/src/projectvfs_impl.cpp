@@ -17,6 +17,9 @@
 #include <QSaveFile>
 #include <QSet>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <optional>
 #include <vector>
@@ -27,19 +30,9 @@ namespace {
 const QString kSwapExtension = QStringLiteral("csp");
 const QString kBackupExtension = QStringLiteral("bck");
 
-bool syncFile(const QString& path)
-{
-    return zo::os::syncFile(encoded(path).constData());
-}
-
 QString directoryOf(const QString& path)
 {
     return QFileInfo(path).absolutePath();
-}
-
-bool renameFile(const QString& from, const QString& to)
-{
-    return zo::os::rename(encoded(from).constData(), encoded(to).constData());
 }
 
 constexpr qint64 kCopyBlockSize = 1024 * 1024;
@@ -88,11 +81,36 @@ ProjectVFS_Impl::ProjectVFS_Impl(const QString& path)
 {
 }
 
+// The handler is not told: what it would tell may be gone already. No handle is left, as each
+// one keeps the engine.
 ProjectVFS_Impl::~ProjectVFS_Impl()
 {
-    if (!_entries.isEmpty())
-        for (auto& [root, mark] : _marks)
-            zo::os::OwnerMark::keepUntilExit(std::move(mark));
+    leavePending();
+}
+
+void ProjectVFS_Impl::forgetPending()
+{
+    if (_entries.isEmpty())
+        return;
+    for (const QString& path : _entries.keys())
+        closeHandles(path);
+    leavePending();
+    notCommittedChanged(false);
+}
+
+void ProjectVFS_Impl::leavePending()
+{
+    if (_entries.isEmpty())
+        return;
+    for (auto& [directory, mark] : _marks)
+        zo::os::OwnerMark::keepUntilExit(std::move(mark));
+    for (const QString& swap : qAsConst(_entries))
+        leftForRecovery(swap);
+    _entries.clear();
+    _swaps.clear();
+    _damaged.clear();
+    _sources.clear();
+    _marks.clear();
 }
 
 QString ProjectVFS_Impl::resolvedPath(const QString& path) const
@@ -130,13 +148,27 @@ std::shared_ptr<zo::os::OwnerMark> ProjectVFS_Impl::ownerMark()
     return _marks[root] = holdOwnerMark(root);
 }
 
+std::shared_ptr<zo::os::OwnerMark> ProjectVFS_Impl::markBeside(
+    const QString& path, const QString& swap)
+{
+    const QString directory = directoryOf(swap);
+    std::shared_ptr<zo::os::OwnerMark>& mark = _marks[directory];
+    if (!mark)
+        mark = holdOwnerMark(directory);
+    if (!mark)
+        throw exception::CreateSwapFile(utf8(path),
+            "can not mark '" + utf8(directory)
+                + "' as used by this process: " + std::strerror(errno));
+    return mark;
+}
+
 void ProjectVFS_Impl::recordSource(
     const QString& path, const std::optional<zo::os::FileVersion>& source)
 {
     _sources.insert(path, source);
     const auto swap = _entries.constFind(path);
-    if (const auto mark = ownerMark(); mark && swap != _entries.cend())
-        mark->noteSource(encoded(swap.value()).toStdString(), source);
+    if (swap != _entries.cend())
+        markBeside(path, swap.value())->noteSource(encoded(swap.value()).toStdString(), source);
 }
 
 void ProjectVFS_Impl::recordCurrentSource(const QString& path)
@@ -204,6 +236,8 @@ QString ProjectVFS_Impl::makeBackupPath(const QString& path) const
 void ProjectVFS_Impl::addEntry(const QString& path, const QString& swapPath)
 {
     _entries.insert(path, swapPath);
+    _swaps.insert(swapPath);
+    takenBack(swapPath);
     if (_entries.size() == 1)
         notCommittedChanged(true);
 }
@@ -211,6 +245,7 @@ void ProjectVFS_Impl::addEntry(const QString& path, const QString& swapPath)
 ProjectVFS_Impl::Entries::iterator ProjectVFS_Impl::removeEntry(const Entries::iterator& it)
 {
     if (it != _entries.end()) {
+        _swaps.remove(it.value());
         _damaged.remove(it.key());
         _sources.remove(it.key());
     }
@@ -237,6 +272,13 @@ void ProjectVFS_Impl::moveEntry(const VFSFile& file, const QString& oldPath)
         = source != _sources.cend() ? std::optional(source.value()) : std::nullopt;
     removeEntry(oldPath);
     addEntry(file.fileName(), absoluteFilePath(file.swapName()));
+    // Their descriptors follow the renamed swap file; their names must too, so that the commit
+    // of the new path writes them out and closes them.
+    for (VFSFile* handle : qAsConst(_openOnSwap))
+        if (handle->_fileName == oldPath) {
+            handle->_fileName = file.fileName();
+            handle->_swapName = file.swapName();
+        }
     if (damaged)
         _damaged.insert(file.fileName());
     if (recorded)
@@ -290,9 +332,11 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
     if (QFile::exists(swap))
         throw exception::SwapFileAlreadyExists(utf8(path));
 
-    // The mark first, so that no swap file of this process is ever found without it. Seen
-    // before the copy, a change made during it shows at commit.
+    // The marks first, so that no swap file of this process is ever found without one in its
+    // own directory (all a sandbox that sees only that directory can see). Seen before the
+    // copy, a change made during it shows at commit.
     ownerMark();
+    markBeside(path, swap);
     const std::optional<zo::os::FileVersion> version
         = zo::os::versionOf(encoded(source).constData());
     if (version) {
@@ -310,6 +354,21 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
     return swap;
 }
 
+QByteArray ProjectVFS_Impl::StagedCommit::sourceName() const
+{
+    return encoded(QFileInfo(source).fileName());
+}
+
+QByteArray ProjectVFS_Impl::StagedCommit::backupName() const
+{
+    return encoded(QFileInfo(backup).fileName());
+}
+
+QByteArray ProjectVFS_Impl::StagedCommit::swapName() const
+{
+    return encoded(QFileInfo(swap).fileName());
+}
+
 // Commit protocol. Until the swap file has replaced the source, the old content is always on
 // disk as the source or as its backup, and the new content as the swap file; the backup is
 // removed only once the new content is in place and the renames are durable (the directory is
@@ -318,35 +377,54 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
 ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(
     const QString& source, const QString& swap)
 {
-    StagedCommit staged { source, swap, makeBackupPath(source) };
+    StagedCommit staged { source, swap, makeBackupPath(source), {}, {} };
+    const std::string root = encoded(absolutePath()).toStdString();
+    const std::optional<std::string> swapDirectory
+        = zo::os::resolveBeneath(root, encoded(directoryOf(swap)).toStdString());
+    staged.sourceDirectory
+        = zo::os::openDirectoryBeneath(root, encoded(directoryOf(source)).toStdString());
+    if (swapDirectory)
+        staged.swapDirectory = zo::os::openDirectoryBeneath(root, *swapDirectory);
+    if (!staged.sourceDirectory || !staged.swapDirectory)
+        throw exception::SwapFileRename(utf8(relativeFilePath(source)));
 
-    // Without its swap file there is nothing to put in place; the source stays.
-    if (!isOnDisk(swap))
+    // Only a file is put in place: a directory or a link in the swap file's place (not made by
+    // this process) would replace the source with something else. The source stays.
+    const std::optional<zo::os::FileStatus> swapFound
+        = zo::os::statusAt(staged.swapDirectory.get(), staged.swapName().constData(), false);
+    if (!swapFound || swapFound->type != zo::os::EntryType::File)
         throw exception::SwapFileMissing(utf8(relativeFilePath(swap)));
 
     // A leftover backup of an interrupted commit whose source is back in place. Removing it
     // stops this commit on purpose; an unremovable one is tolerated. One that may belong to
     // another process's commit in progress is not touched, and stops this commit too.
-    if (QFileInfo::exists(staged.backup) && QFileInfo::exists(source)
+    const int at = staged.sourceDirectory.get();
+    if (zo::os::statusAt(at, staged.backupName().constData(), false)
+        && zo::os::statusAt(at, staged.sourceName().constData(), false)
         && (zo::os::OwnerMarks().othersMayBeReplacing(encoded(directoryOf(source)).toStdString())
-            || QFile::remove(staged.backup)))
+            || zo::os::removeAt(at, staged.backupName().constData())))
         throw exception::SourceFileBackupRemove(utf8(relativeFilePath(staged.backup)));
 
     // The swap data must reach the disk before the rename does: otherwise a crash could leave
     // the new name on an empty or partial file while the backup is already gone.
-    if (!syncFile(swap))
+    const zo::os::UniqueFd swapFile
+        = zo::os::openForReadingAt(staged.swapDirectory.get(), staged.swapName().constData());
+    if (!swapFile || !zo::os::syncFile(swapFile.get()))
         throw exception::SwapFileRename(utf8(relativeFilePath(source)));
     return staged;
 }
 
 void ProjectVFS_Impl::renameCommit(StagedCommit& staged)
 {
-    if (isOnDisk(staged.source)) {
-        if (!renameFile(staged.source, staged.backup))
+    const int at = staged.sourceDirectory.get();
+    if (zo::os::statusAt(at, staged.sourceName().constData(), false)) {
+        if (!zo::os::renameAt(
+                at, staged.sourceName().constData(), at, staged.backupName().constData()))
             throw exception::SourceFileRename(utf8(staged.source));
         staged.backedUp = true;
     }
-    if (!renameFile(staged.swap, staged.source)) {
+    if (!zo::os::renameAt(staged.swapDirectory.get(), staged.swapName().constData(), at,
+            staged.sourceName().constData())) {
         undoCommit(staged);
         throw exception::SwapFileRename(utf8(relativeFilePath(staged.source)));
     }
@@ -355,23 +433,42 @@ void ProjectVFS_Impl::renameCommit(StagedCommit& staged)
 
 void ProjectVFS_Impl::undoCommit(const StagedCommit& staged)
 {
+    const int at = staged.sourceDirectory.get();
     if (staged.swapRenamed)
-        renameFile(staged.source, staged.swap);
+        zo::os::renameAt(at, staged.sourceName().constData(), staged.swapDirectory.get(),
+            staged.swapName().constData());
     if (staged.backedUp)
-        renameFile(staged.backup, staged.source);
+        zo::os::renameAt(at, staged.backupName().constData(), at, staged.sourceName().constData());
 }
 
 // The swap file leaves its own directory, which differs from the source's when the source is
 // reached through a link; both renames must be durable.
+bool ProjectVFS_Impl::madeDurable(
+    const StagedCommit& staged, std::vector<zo::os::FileIdentity>& synced)
+{
+    for (const int directory : { staged.sourceDirectory.get(), staged.swapDirectory.get() }) {
+        const std::optional<zo::os::FileStatus> found = zo::os::status(directory);
+        if (found && std::find(synced.begin(), synced.end(), found->identity) != synced.end())
+            continue;
+        if (!found || !zo::os::syncDirectory(directory))
+            return false;
+        synced.push_back(found->identity);
+    }
+    return true;
+}
+
 void ProjectVFS_Impl::commitFile(const QString& source, const QString& swap)
 {
     StagedCommit staged = prepareCommit(source, swap);
     renameCommit(staged);
-    if (!DirectorySyncs().madeDurable(staged.source, staged.swap)) {
+    std::vector<zo::os::FileIdentity> synced;
+    if (!madeDurable(staged, synced)) {
         undoCommit(staged);
         throw exception::SwapFileRename(utf8(relativeFilePath(source)));
     }
-    QFile::remove(staged.backup);
+    // Only the backup this commit made: a new file's commit has none.
+    if (staged.backedUp)
+        zo::os::removeAt(staged.sourceDirectory.get(), staged.backupName().constData());
 }
 
 void ProjectVFS_Impl::commit(VFSFile& file, ProjectVFS::SourceChanges changes)
@@ -456,9 +553,9 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
 
     // 4. The directories; from the first entry whose directories cannot be synced on, the
     // renames are undone.
-    DirectorySyncs syncs;
+    std::vector<zo::os::FileIdentity> synced;
     auto durable = batch.begin();
-    while (durable != renamed && syncs.madeDurable(durable->source, durable->swap))
+    while (durable != renamed && madeDurable(*durable, synced))
         ++durable;
     if (durable != renamed) {
         failure = std::make_exception_ptr(
@@ -474,10 +571,12 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
     if (journal && !complete)
         journal->remove(true);
     for (auto committed = batch.begin(); committed != durable; ++committed) {
-        QFile::remove(committed->backup);
+        if (committed->backedUp)
+            zo::os::removeAt(committed->sourceDirectory.get(), committed->backupName().constData());
         const QString path = _entries.firstKey();
         closeHandles(path);
         _sources.remove(path);
+        _swaps.remove(_entries.first());
         _entries.erase(_entries.begin());
     }
     if (journal && complete)
@@ -495,6 +594,7 @@ void ProjectVFS_Impl::discardAll()
     for (const QString& swap : qAsConst(_entries))
         QFile::remove(swap);
     _entries.clear();
+    _swaps.clear();
     _damaged.clear();
     _sources.clear();
     _marks.clear();
@@ -526,28 +626,46 @@ void ProjectVFS_Impl::discard(VFSFile& file)
 void ProjectVFS_Impl::remove(VFSFile& file)
 {
     const QString name = file.fileName();
+    requireOwnSwap(name, absoluteFilePath(file.swapName()));
     // A link goes as a link: QFile::remove unlinks the name, never what it points to.
     if (isOnDisk(absoluteFilePath(name)) && !QFile::remove(absoluteFilePath(name)))
         throw IOWriteError(utf8(QStringLiteral("Can not remove file %1").arg(name)));
 
-    const QString swap = file.swapName();
-    if (!exists(swap))
+    const auto swap = _entries.find(name);
+    if (swap == _entries.end())
         return;
-    if (!QFile::remove(absoluteFilePath(swap)))
-        throw IOWriteError(utf8(QStringLiteral("Can not remove swap file %1").arg(swap)));
-    removeEntry(name);
+    if (isOnDisk(swap.value()) && !QFile::remove(swap.value()))
+        throw IOWriteError(
+            utf8(QStringLiteral("Can not remove swap file %1").arg(file.swapName())));
+    removeEntry(swap);
+}
+
+void ProjectVFS_Impl::requireOwnSwap(const QString& path, const QString& swap) const
+{
+    const std::optional<zo::os::FileStatus> found = zo::os::linkStatus(encoded(swap).constData());
+    if (!_entries.contains(path) && found && found->type == zo::os::EntryType::File)
+        throw exception::SwapFileAlreadyExists(utf8(path));
+}
+
+bool ProjectVFS_Impl::isOwnSwap(const QString& swap) const
+{
+    return _swaps.contains(swap);
 }
 
 void ProjectVFS_Impl::copy(VFSFile& file, const QString& newPath, bool overwrite)
 {
+    // What is read is the link's target, which must not leave the project.
+    requireInside(file.fileName(), true);
     const QString from = currentPath(file.fileName());
     if (!overwrite && hasFile(newPath))
         throw AlreadyExists(utf8(newPath));
 
     const QString to = absoluteFilePath(makeSwapPath(newPath));
+    requireOwnSwap(newPath, to);
     const std::optional<zo::os::FileVersion> version
         = zo::os::versionOf(encoded(resolvedPath(newPath)).constData());
     ownerMark();
+    markBeside(newPath, to);
     zo::project::copy(from, to, overwrite);
     addEntry(newPath, to);
     recordSource(newPath, version);

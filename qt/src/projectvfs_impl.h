@@ -80,6 +80,10 @@ public:
     // This process's owner mark of the root, made before its first swap file there and let go
     // when nothing is pending any more; null (and logged) where the root refuses it.
     std::shared_ptr<zo::os::OwnerMark> ownerMark();
+    // This process's owner mark in the directory of swap, the swap file of path, made before
+    // the swap file and let go with the root's: a swap file is never made without one.
+    // exception::CreateSwapFile naming path where the directory refuses it.
+    std::shared_ptr<zo::os::OwnerMark> markBeside(const QString& path, const QString& swap);
     // The source version a pending path's swap file was made from (none for a new file), kept
     // here and noted in the owner mark for whoever recovers it after a crash.
     void recordSource(const QString& path, const std::optional<zo::os::FileVersion>& source);
@@ -94,6 +98,16 @@ public:
     QString pendingSwap(const QString& path) const { return _entries.value(path); }
     // Where the path's current content lives: its pending swap file, else the file itself.
     QString currentPath(const QString& path) const;
+
+    // A swap file on disk that is not in the table is another process's (of the same id in
+    // another pid namespace, or an earlier one): never written, renamed or removed.
+    // exception::SwapFileAlreadyExists when swap (absolute) is such a file (a directory or a link
+    // there is no swap file).
+    void requireOwnSwap(const QString& path, const QString& swap) const;
+    // Whether swap (absolute) is the swap file of an entry.
+    bool isOwnSwap(const QString& swap) const;
+    // Leaves every pending file for recovery, as destruction does: for a new root.
+    void forgetPending();
 
     void addEntry(const QString& path, const QString& swapPath);
     void removeEntry(const QString& path);
@@ -123,21 +137,33 @@ private:
     using Entries = QMap<QString, QString>;
 
     Entries::iterator removeEntry(const Entries::iterator& it);
-    // One file's commit, from its durable swap file to its renames. All paths absolute; source
-    // is where the content goes, a link's target.
+    // One file's commit, from its durable swap file to its renames. The paths are absolute,
+    // for messages and the journal; source is where the content goes, a link's target. The
+    // renames go through the directories opened when the commit was prepared, so that a
+    // directory replaced by a link meanwhile leads nowhere else.
     struct StagedCommit {
         QString source;
         QString swap;
         QString backup;
+        zo::os::UniqueFd sourceDirectory;
+        zo::os::UniqueFd swapDirectory;
         bool backedUp = false;
         bool swapRenamed = false;
+        QByteArray sourceName() const;
+        QByteArray backupName() const;
+        QByteArray swapName() const;
     };
     // Checks the file and makes its swap file durable; nothing is renamed yet.
     StagedCommit prepareCommit(const QString& source, const QString& swap);
     // Renames the source to its backup and the swap file to the source; a failure undoes both.
     void renameCommit(StagedCommit& staged);
     void undoCommit(const StagedCommit& staged);
+    // Syncs the directories of a commit once each; false at the first that fails.
+    static bool madeDurable(const StagedCommit& staged, std::vector<zo::os::FileIdentity>& synced);
     void commitFile(const QString& source, const QString& swap);
+
+    // forgetPending without closing handles or telling the handler.
+    void leavePending();
 
     void throwIfDamaged(const QString& path) const;
     void throwIfSourcesChanged(const QStringList& paths) const;
@@ -147,10 +173,13 @@ private:
 
     // Key: the file's path as given; value: its swap file, absolute.
     Entries _entries;
+    // The swap files of the entries.
+    QSet<QString> _swaps;
     QSet<QString> _damaged;
     QHash<QString, std::optional<zo::os::FileVersion>> _sources;
     QSet<VFSFile*> _openOnSwap;
-    // By root, absolute; null where the root refused a mark.
+    // By directory, absolute: the root's (null where it refused a mark) and those of the swap
+    // files' directories.
     std::map<QString, std::shared_ptr<zo::os::OwnerMark>> _marks;
     QString _swapExt;
     QString _bckExt;

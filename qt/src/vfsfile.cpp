@@ -102,9 +102,14 @@ void VFSFile::move(const QString& newPath, bool overwrite)
     // A source that this move carries along stays the version its swap file was made from.
     const bool sourceUnchanged = _impl->isNotCommitted(oldName) && !_impl->sourceChanged(oldName);
 
-    const bool swapMoved = _impl->exists(swapName());
-    if (swapMoved)
+    // Only this process's own swap files move; another's under either name stops the move.
+    _impl->requireOwnSwap(oldName, _impl->absoluteFilePath(swapName()));
+    _impl->requireOwnSwap(newPath, _impl->absoluteFilePath(newSwap));
+    const bool swapMoved = _impl->isNotCommitted(oldName) && _impl->exists(swapName());
+    if (swapMoved) {
+        _impl->markBeside(newPath, _impl->absoluteFilePath(newSwap));
         zo::project::move(_impl->filePath(swapName()), _impl->filePath(newSwap), overwrite);
+    }
     const bool sourceMoved = _impl->exists(fileName());
     if (sourceMoved)
         zo::project::move(_impl->filePath(fileName()), _impl->filePath(newPath), overwrite);

@@ -22,8 +22,8 @@ using zo::test::writeFile;
 using Files = QMap<QString, QByteArray>;
 
 const QStringList kCalls = { "openat", "mkdir", "mkdirat", "write", "pwrite64", "fsync", "syncfs",
-    "fchmod", "fchown", "utimensat", "ftruncate", "linkat", "symlinkat", "rename", "renameat2",
-    "unlink", "unlinkat", "rmdir" };
+    "fchmod", "fchown", "utimensat", "ftruncate", "linkat", "symlinkat", "rename", "renameat",
+    "renameat2", "unlink", "unlinkat", "rmdir" };
 
 class KillAtEveryCall : public testing::Test {
 protected:

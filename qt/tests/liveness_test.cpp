@@ -2,6 +2,7 @@
 // other pid namespaces, ids reused by other processes and threads, earlier boots, other hosts.
 // Nothing of an owner that may still run is ever moved or deleted.
 #include <zo/fault.h>
+#include <zo/process.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/projectmodel.h>
 #include <zo/project/projectvfs.h>
@@ -38,15 +39,18 @@ bool canUnsharePids()
 }
 
 // Runs project_child; given sandboxPid, in a sandbox: a pid namespace of its own, where it has
-// that id. An id that no process here has keeps a wrong verdict from passing by luck.
-void startChild(QProcess& process, const QStringList& arguments, pid_t sandboxPid = 0)
+// that id. An id that no process here has keeps a wrong verdict from passing by luck. Given
+// seenOnly, the sandbox sees that directory in place of the directory it lies in.
+void startChild(QProcess& process, const QStringList& arguments, pid_t sandboxPid = 0,
+    const QString& seenOnly = {})
 {
     const QString child = QCoreApplication::applicationDirPath() + "/project_child";
     if (sandboxPid != 0)
         process.start("unshare",
-            QStringList { "--pid", "--fork", "--mount-proc", "--kill-child", "sh", "-c",
-                "echo $(($0 - 1)) >/proc/sys/kernel/ns_last_pid && \"$@\"; exit $?",
-                QString::number(sandboxPid), child }
+            QStringList { "--mount", "--pid", "--fork", "--mount-proc", "--kill-child", "sh", "-c",
+                "{ [ -z \"$1\" ] || mount --bind \"$1\" \"${1%/*}\"; } && shift && echo $(($0 - "
+                "1)) >/proc/sys/kernel/ns_last_pid && \"$@\"; exit $?",
+                QString::number(sandboxPid), seenOnly, child }
                 + arguments);
     else
         process.start(child, arguments);
@@ -69,27 +73,39 @@ TEST(Liveness, OwnersAreJudgedByTheirMarksWhateverHoldsTheirIdNow)
     const auto before = Clock::now() - std::chrono::minutes(1);
     const auto beforeBoot = Clock::time_point(std::chrono::hours(1));
 
-    const std::tuple<const char*, pid_t, QByteArray, QByteArray, Clock::time_point, State> rows[]
-        = {
-              { "id reused by another program", pid_t(otherProgram.processId()), kHost, kBoot,
-                  before, State::Ended },
-              { "id reused by this program", thisProgram.pid, kHost, kBoot, before, State::Ended },
-              { "id reused by a thread", aThread, kHost, kBoot, before, State::Ended },
-              { "owner of an earlier boot", ended, kHost, "an-earlier-boot", beforeBoot,
-                  State::Ended },
-              { "owner on another host", ended, "elsewhere", "its-boot", before,
-                  State::InUseElsewhere },
-              { "mark without a record", ended, "", "", before, State::InUseElsewhere },
-              { "running, no mark", thisProgram.pid, "", "", {}, State::Running },
-              { "ended, no mark", ended, "", "", {}, State::Ended },
-          };
-    for (const auto& [what, pid, host, boot, marked, state] : rows) {
+    const QByteArray locked = "locked 1\n";
+    // Without locks, by its start in ticks since boot, whatever the wall clock says.
+    const QByteArray unlocked = "locked 0\nticks "
+        + QByteArray::number(qulonglong(zo::os::findProcess(thisProgram.pid)->startTicks));
+    const std::tuple<const char*, pid_t, QByteArray, QByteArray, Clock::time_point, State,
+        QByteArray>
+        rows[] = {
+            { "id reused by another program", pid_t(otherProgram.processId()), kHost, kBoot, before,
+                State::Ended, locked },
+            { "id reused by this program", thisProgram.pid, kHost, kBoot, before, State::Ended,
+                locked },
+            { "id reused by a thread", aThread, kHost, kBoot, before, State::Ended, locked },
+            { "owner of an earlier boot", ended, kHost, "an-earlier-boot", beforeBoot, State::Ended,
+                locked },
+            { "owner on another host", ended, "elsewhere", "its-boot", before,
+                State::InUseElsewhere, locked },
+            { "mark without a record", ended, "", "", before, State::InUseElsewhere, locked },
+            { "a copy of a mark", ended, kHost, kBoot, before, State::InUseElsewhere,
+                locked + "inode 1 1\n" },
+            { "no locks, running", thisProgram.pid, kHost, kBoot, before, State::Running,
+                unlocked },
+            { "no locks, no start", thisProgram.pid, kHost, kBoot, before, State::InUseElsewhere,
+                "locked 0\n" },
+            { "running, no mark", thisProgram.pid, "", "", {}, State::Running, locked },
+            { "ended, no mark", ended, "", "", {}, State::Ended, locked },
+        };
+    for (const auto& [what, pid, host, boot, marked, state, lock] : rows) {
         const QTemporaryDir dir;
         ProjectVFS project(dir.path());
         const Info info { QString(".a.txt.%1.csp").arg(pid), "a.txt", pid };
         writeFile(dir.filePath(info.swapPath), "work");
         if (marked != Clock::time_point())
-            writeEndedOwnerMark(dir.path(), pid, host, boot, marked);
+            writeEndedOwnerMark(dir.path(), pid, host, boot, marked, lock);
         EXPECT_EQ(project.ownerOf(info).state, state) << what;
         project.abandonFile(info);
         EXPECT_EQ(QFile::exists(dir.filePath(info.swapPath)), state != State::Ended) << what;
@@ -107,21 +123,25 @@ TEST(Liveness, OwnersAreJudgedByTheirMarksWhateverHoldsTheirIdNow)
 // sandbox, where the judge has no QCoreApplication either.
 TEST(Liveness, LiveOwnersRunInEveryPidNamespace)
 {
-    for (const auto& [ownerSandboxed, judgeSandboxed] :
-        { std::pair { false, false }, { true, false }, { false, true } }) {
+    for (const auto& [ownerSandboxed, judgeSandboxed, seesSub] :
+        { std::tuple { false, false, false }, { true, false, false }, { false, true, false },
+            { false, true, true } }) {
         if ((ownerSandboxed || judgeSandboxed) && !canUnsharePids())
             continue;
-        SCOPED_TRACE(testing::Message() << ownerSandboxed << judgeSandboxed);
+        SCOPED_TRACE(testing::Message() << ownerSandboxed << judgeSandboxed << seesSub);
         const QTemporaryDir dir;
+        QDir(dir.path()).mkdir("sub");
         QProcess owner;
-        startChild(owner, { "hold", dir.path(), "a.txt" }, ownerSandboxed ? endedProcessId() : 0);
+        startChild(
+            owner, { "hold", dir.path(), "sub/a.txt" }, ownerSandboxed ? endedProcessId() : 0);
         ASSERT_TRUE(owner.waitForReadyRead(20000)) << owner.readAllStandardError().toStdString();
         ProjectVFS project(dir.path());
         const auto found = project.recoverableFiles();
         ASSERT_EQ(found.size(), 1u);
         if (judgeSandboxed) {
             QProcess judge;
-            startChild(judge, { "abandon", dir.path() }, endedProcessId());
+            startChild(judge, { "abandon", dir.path() }, endedProcessId(),
+                seesSub ? dir.filePath("sub") : QString());
             ASSERT_TRUE(judge.waitForFinished(20000));
             EXPECT_EQ(judge.readAllStandardOutput(), "0\n")
                 << judge.readAllStandardError().toStdString();

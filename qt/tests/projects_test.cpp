@@ -128,6 +128,27 @@ TEST_F(DirectoryProject, SavedFlagFollowsWritesSavesOutsideChangesAndMoves)
     EXPECT_EQ(moved.path(), dir.path());
 }
 
+// Another project loaded leaves the first one's edits there, for this same process to recover.
+TEST_F(DirectoryProject, LoadingAnotherProjectLeavesThePendingEditsOfTheFirst)
+{
+    using Files = QMap<QString, QByteArray>;
+    writeFile(at("two/old.txt"), "two");
+    QDir(dir.path()).mkdir("one");
+    ProjectDir project(at("one"));
+    project.writeFile("new.txt", "draft");
+    project.writeFile("old.txt", "edited");
+    project.load(at("two"));
+    EXPECT_TRUE(project.isSaved());
+    project.writeFile("readme.txt", "r");
+    project.save();
+    EXPECT_EQ(filesBelow(at("two")), (Files { { "old.txt", "two" }, { "readme.txt", "r" } }));
+    project.load(at("one"));
+    for (const auto& info : project.recoverableFiles())
+        project.recoverFile(info);
+    project.save();
+    EXPECT_EQ(filesBelow(at("one")), (Files { { "new.txt", "draft" }, { "old.txt", "edited" } }));
+}
+
 // Nothing is read or written relative to the working directory.
 TEST_F(DirectoryProject, WithoutAPathFileOperationsThrowUntilOneIsSet)
 {

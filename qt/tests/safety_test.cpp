@@ -2,6 +2,7 @@
 // steps that fail and a full disk (savecrash_test.cpp kills a save at every step).
 
 #include <zo/fault.h>
+#include <zo/file.h>
 #include <zo/project/exceptions.h>
 #include <zo/project/fileutils.h>
 #include <zo/project/project.h>
@@ -11,6 +12,7 @@
 
 #include <QCoreApplication>
 #include <QMap>
+#include <QSysInfo>
 #include <QTemporaryDir>
 
 #include <gmock/gmock.h>
@@ -64,25 +66,68 @@ TEST_F(Safety, OwnerIsKnownHoweverStartedAndNotAfterItsIdIsReused)
     }
 }
 
-TEST_F(Safety, OpeningRestoresTheSourceOfAnInterruptedCommit)
+// Another process of this id (in another pid namespace, or an earlier one) left swap files
+// under the names this one would give; they are not this engine's to write, move or remove.
+TEST_F(Safety, SwapFilesOfThisIdThatTheEngineDidNotMakeAreNeverTouched)
 {
-    const QString deadSwap
-        = QStringLiteral("/.a.txt.%1.csp").arg(std::numeric_limits<pid_t>::max());
-    for (const QString sub : { "d", "e" }) {
-        writeFile(abs(sub + "/a.txtbck"), "old");
-        writeFile(abs(sub + deadSwap), "new");
+    const Files before { { "a.txt", "a" }, { "t.txt", "t" }, { "d/a.txt", "a" },
+        { vfs.makeSwapPath("a.txt"), "theirs" }, { vfs.makeSwapPath("d/a.txt"), "theirs" } };
+    for (auto it = before.begin(); it != before.end(); ++it)
+        writeFile(abs(it.key()), it.value());
+    for (const auto& step : std::vector<std::function<void()>> {
+             [&] { vfs.copy("t.txt", "a.txt", true); }, [&] { vfs.remove("a.txt"); },
+             [&] { vfs.remove("d"); }, [&] { vfs.move("a.txt", "b.txt", false); },
+             [&] { vfs.move("t.txt", "a.txt", true); } }) {
+        EXPECT_THROW(step(), exception::SwapFileAlreadyExists);
+        vfs.discard();
+        EXPECT_EQ(filesBelow(dir.path()), before);
     }
-    writeFile(abs("d/notes.txtbck"), "a user's file");
-    LogCapture log;
-    ProjectVFS project(abs("d"));
-    project.setPath(abs("e"));
+}
+
+// Only a file is put in place; a directory or a link in the swap file's place is none.
+TEST_F(Safety, SwapFileReplacedByADirectoryOrALinkIsNotCommitted)
+{
+    writeFile(abs("a.txt"), "old");
+    for (const bool link : { true, false }) {
+        vfs.open("a.txt", QIODevice::WriteOnly)->write("new");
+        const QString swap = abs(vfs.makeSwapPath("a.txt"));
+        ASSERT_TRUE(QFile::remove(swap) && (link ? QFile::link("/", swap) : QDir().mkdir(swap)));
+        EXPECT_THROW(vfs.commit(), exception::SwapFileMissing) << link;
+        EXPECT_EQ(readFile(abs("a.txt")), "old");
+        vfs.discard();
+    }
+}
+
+// By what the dead owner's mark noted: a commit killed between its renames gets its source back,
+// one killed after them loses its backup; a new file's swap file leaves a user's file that
+// merely ends like a backup alone, and so does everyone else.
+TEST_F(Safety, OpeningCompletesTheCommitsOfEndedOwnersByTheirNotes)
+{
+    const pid_t dead = std::numeric_limits<pid_t>::max();
+    const QString swap = QStringLiteral(".a.txt.%1.csp").arg(dead);
+    const auto note = [&](const QString& backup) {
+        const auto v = zo::os::versionOf(QFile::encodeName(backup).constData());
+        const QString noted = v ? QString(" %1 %2 %3 %4 %5")
+                                      .arg(v->identity.device)
+                                      .arg(v->identity.inode)
+                                      .arg(v->size)
+                                      .arg(v->modifiedSeconds)
+                                      .arg(v->modifiedNanoseconds)
+                                : " none";
+        return "locked 1\nsource " + swap.toUtf8().toHex() + noted.toUtf8() + '\n';
+    };
+    for (const QString sub : { "between", "after", "new" }) {
+        writeFile(abs(sub + "/a.txtbck"), "old");
+        writeFile(abs(sub + '/' + (sub == "after" ? "a.txt" : swap)), "new");
+        writeEndedOwnerMark(abs(sub), dead, QSysInfo::machineHostName().toUtf8(),
+            firstLineOf("/proc/sys/kernel/random/boot_id"),
+            std::chrono::system_clock::now() - std::chrono::minutes(1),
+            note(sub == "new" ? QString() : abs(sub + "/a.txtbck")));
+        ProjectVFS { abs(sub) };
+    }
     EXPECT_EQ(filesBelow(dir.path()),
-        (Files { { "d/a.txt", "old" }, { "d" + deadSwap, "new" },
-            { "d/notes.txtbck", "a user's file" }, { "e/a.txt", "old" },
-            { "e" + deadSwap, "new" } }));
-    const LogCapture::Line restored(
-        "ProjectVFS", 4, "Renamed the backup 'a.txtbck' to 'a.txt' after an interrupted commit");
-    EXPECT_EQ(log.lines, (std::vector { restored, restored }));
+        (Files { { "between/a.txt", "old" }, { "between/" + swap, "new" }, { "after/a.txt", "new" },
+            { "new/a.txtbck", "old" }, { "new/" + swap, "new" } }));
 }
 
 // A commit killed after the swap file took the source's place leaves the old content as a backup

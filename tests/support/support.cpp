@@ -1,5 +1,7 @@
 #include <zo/test/support.h>
 
+#include <zo/file.h>
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QDirIterator>
@@ -140,14 +142,21 @@ QByteArray firstLineOf(const char* path)
 }
 
 void writeEndedOwnerMark(const QString& directory, pid_t pid, const QByteArray& host,
-    const QByteArray& boot, std::chrono::system_clock::time_point marked)
+    const QByteArray& boot, std::chrono::system_clock::time_point marked, const QByteArray& lock)
 {
     const QByteArray when = QByteArray::number(static_cast<qint64>(
         std::chrono::duration_cast<std::chrono::nanoseconds>(marked.time_since_epoch()).count()));
-    writeFile(directory + QStringLiteral("/.zo-owner-%1.written").arg(pid),
+    const QString path = directory + QStringLiteral("/.zo-owner-%1.written").arg(pid);
+    writeFile(path, "");
+    const auto made = zo::os::linkStatus(QFile::encodeName(path).constData());
+    // Written in place, so that it stays the file its record names.
+    writeFile(path,
         "zo-owner 1\nhost " + host + "\nmachine " + firstLineOf("/etc/machine-id") + "\nboot "
-            + boot + "\npidns pid:[1]\npid " + QByteArray::number(pid) + "\nstarted " + when
-            + "\nprogram \nmarked " + when + "\nlocked 1\n");
+            + boot + "\npidns "
+            + QByteArray::fromStdString(zo::os::readLink("/proc/self/ns/pid").value_or(""))
+            + "\npid " + QByteArray::number(pid) + "\nstarted " + when
+            + QString("\ninode %1 %2").arg(made->identity.device).arg(made->identity.inode).toUtf8()
+            + "\nprogram \nmarked " + when + '\n' + lock);
 }
 
 LiveInstance::LiveInstance()

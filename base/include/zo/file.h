@@ -163,6 +163,10 @@ ZO_EXPORT UniqueFd openDirectoryAt(int directory, const char* name, bool followL
 /// descriptor serves the "At" calls and status but cannot be read or synced, and search
 /// permission suffices (O_PATH).
 ZO_EXPORT UniqueFd openPlace(const char* path);
+/// Opens directory (an absolute path that resolveBeneath gave for root) by descending from root
+/// one component at a time without following any link, so that a directory replaced by a link
+/// since it was resolved is refused (ELOOP or ENOTDIR) instead of followed.
+ZO_EXPORT UniqueFd openDirectoryBeneath(const std::string& root, const std::string& directory);
 /// openPlace for the directory name of the open directory.
 ZO_EXPORT UniqueFd openPlaceAt(int directory, const char* name);
 /// A second descriptor of the same open file (close-on-exec), which outlives the first.
@@ -309,10 +313,12 @@ ZO_EXPORT bool syncFile(const char* path);
 ZO_EXPORT bool syncFile(int descriptor);
 /// Flushes a directory, so that the renames and removals in it survive a crash.
 ZO_EXPORT bool syncDirectory(const char* path);
+/// syncDirectory for an open directory.
+ZO_EXPORT bool syncDirectory(int descriptor);
 /// Renames from to to, replacing what to names (a link there is replaced, never followed).
 ZO_EXPORT bool rename(const char* from, const char* to);
 /// rename from the name from in the open directory fromDirectory to the name to in the open
-/// directory toDirectory.
+/// directory toDirectory. A fault set for Rename applies to it too.
 ZO_EXPORT bool renameAt(int fromDirectory, const char* from, int toDirectory, const char* to);
 /// Swaps what the two paths name in one step, so that a directory replaces another one
 /// atomically; fails where the file system cannot (then nothing changed). A fault set for

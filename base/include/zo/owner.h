@@ -4,6 +4,7 @@
 #include <zo/zo_export.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -11,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 /// @file
@@ -36,6 +38,11 @@ struct OwnerRecord {
     std::string pidNamespace; ///< its pid namespace, as /proc/self/ns/pid reads ("pid:[...]")
     int pid = 0; ///< its id in that namespace
     std::chrono::system_clock::time_point started; ///< when it started
+    /// When it started, in clock ticks since boot (field 22 of its stat in /proc); 0 when unknown.
+    std::uint64_t startTicks = 0;
+    /// The mark file itself: a file at the mark's name that is not this one (a copy) proves
+    /// nothing of the process.
+    FileIdentity file;
     std::string program; ///< the first word of its command line
     std::chrono::system_clock::time_point marked; ///< when it made the mark, by the file system
     bool locked = false; ///< whether it holds the mark's lock (the file system may refuse)
@@ -133,16 +140,25 @@ public:
     /// The owner of file (an absolute path) named after process pid. Its candidates are the
     /// marks of pid in the file's directory and above made before the file's last write (a
     /// later process of the same id cannot have written it): running when any of them runs,
-    /// unknown when any is undecided, ended when all are gone. A file without such a mark (made
-    /// by an older version) is judged by /proc in this pid namespace: running while a process
-    /// of that id exists that started before the write. A file replaced while it is judged (its
-    /// owner committed it and made it anew) is judged again, and unknown if it keeps changing;
-    /// so is a file that is gone.
+    /// unknown when any is undecided, ended when all are gone. A mark that is not the file its
+    /// record names (a copy) is undecided. Without a lock, a process is proven gone only by
+    /// /proc of its own pid namespace and boot, by its start in clock ticks; a record without
+    /// one is undecided. A file without such a mark (made by an older version) is judged by /proc
+    /// in this pid namespace: running while a process of that id exists that started before
+    /// the write. A file replaced while it is judged (its owner
+    /// committed it and made it anew) is judged again; one that keeps changing or is gone is
+    /// judged by the marks as they are now, and never ended.
     OwnerVerdict judge(const std::string& file, int pid);
 
     /// The version of the source that file was made from, as its owner's mark noted it (see
     /// judge for which marks): none when no mark noted it, an empty version for a new file.
     std::optional<std::optional<FileVersion>> notedSource(const std::string& file, int pid);
+
+    /// What the marks among directory's own entries whose process is proven ended noted: each
+    /// pending file (relative to directory) with the version of its source when it was made,
+    /// none for a new file.
+    std::vector<std::pair<std::string, std::optional<FileVersion>>> notesOfEnded(
+        const std::string& directory);
 
     /// Whether another process may be replacing files in directory or below it right now (its
     /// mark shows it, or cannot tell): a backup found there may be that process's.

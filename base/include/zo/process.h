@@ -3,6 +3,7 @@
 #include <zo/zo_export.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <optional>
@@ -23,6 +24,9 @@ struct Process {
     std::string program;
     /// When it started, by the system clock, to the kernel's clock tick.
     std::chrono::system_clock::time_point started;
+    /// When it started, in clock ticks since its kernel booted: unlike started, untouched by a
+    /// change of the system clock.
+    std::uint64_t startTicks = 0;
 };
 
 /// The process with this id, as /proc shows it; none when there is none (or it cannot be read).

@@ -160,6 +160,7 @@ public:
     /// Drops the pending change of path, as VFSFile::discard().
     void discard(const QString& path);
     /// A handle on path opened with mode, as VFSFile::open().
+    /// @throws exception::PathOutsideProject when path, links followed, leads outside the root.
     /// @throws exception::OpenSwapFile when the file cannot be opened.
     std::unique_ptr<VFSFile> open(const QString& path, QIODevice::OpenMode mode);
     /// A C stream on path that the caller owns, as VFSFile::fopen().

@@ -38,7 +38,10 @@ public:
     void close() override;
 
     /// The same choice as open(), as a C stream the caller owns and closes; mode as for
-    /// std::fopen. A "w" mode truncates the swap file, never the file itself.
+    /// std::fopen. A "w" mode truncates the swap file, never the file itself. The engine cannot
+    /// see into the stream: flush or close it before the commit or discard of its file. A
+    /// commit leaves it open on the committed file, where what it writes afterwards lands
+    /// unseen by the engine; after a discard its writes go to an unlinked file.
     /// @return null on failure.
     FILE* fopen(const QString& mode);
 
@@ -85,6 +88,9 @@ protected:
     qint64 writeData(const char* data, qint64 length) override;
 
 private:
+    // The engine carries the handles open on a swap file along when another handle moves it.
+    friend class detail::ProjectVFS_Impl;
+
     std::shared_ptr<detail::ProjectVFS_Impl> _impl;
     QString _fileName;
     QString _swapName;

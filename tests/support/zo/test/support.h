@@ -100,9 +100,11 @@ struct LiveInstance {
 QByteArray firstLineOf(const char* path);
 
 // An owner mark as a process that ended left it, nobody holding its lock: the record of process
-// pid on host, booted as boot, marked then (since 1970), with this host's machine id.
+// pid on host, booted as boot, marked then (since 1970), with this host's machine id and pid
+// namespace, and lock: the "locked" line and any more (its start in ticks, its notes).
 void writeEndedOwnerMark(const QString& directory, pid_t pid, const QByteArray& host,
-    const QByteArray& boot, std::chrono::system_clock::time_point marked);
+    const QByteArray& boot, std::chrono::system_clock::time_point marked,
+    const QByteArray& lock = "locked 1\n");
 
 // Runs body in a forked child under the unprivileged uid "nobody"; the child's exit code is
 // body's result (0 for success). Root ignores permission bits, so tests of refused access
