@@ -496,13 +496,15 @@ std::vector<ProjectModel::RecoverableWorkspace> ProjectModel::recoverableWorkspa
         if (pid <= 0)
             continue;
         RecoverableWorkspace workspace { temp.filePath(name), QString(), ArchiveFormat::Native, pid,
-            QDateTime() };
+            QDateTime(), false };
         workspace.lastModified = detail::lastModifiedOf(workspace.path);
         if (!hasEnded(workspace))
             continue;
         if (const auto record = detail::readRecord(workspace.path)) {
             workspace.sourcePath = record->sourcePath;
             workspace.format = record->format;
+            workspace.sourceChanged = !record->sourcePath.isEmpty()
+                && versionOf(record->sourcePath) != record->sourceVersion;
         }
         found.push_back(workspace);
     }

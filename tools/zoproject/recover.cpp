@@ -199,7 +199,7 @@ int recover(const QCommandLineParser& parser)
         if (parser.isSet(kAll) || arguments.size() > 1)
             throw UsageError("--workspace takes at most one PATH to save to");
         recoverWorkspace(parser.value(kWorkspace), arguments.value(0), parser.isSet(kAbandon),
-            parser.isSet(kDryRun));
+            parser.isSet(kDryRun), parser.isSet(kForce));
         return kSuccess;
     }
     // The one rule: DIR is the first argument when it names a directory, and the only

@@ -69,7 +69,8 @@ QJsonArray workspacesJson(const std::vector<Workspace>& workspaces)
     return array;
 }
 
-void recoverWorkspace(const QString& name, const QString& target, bool abandon, bool dryRun)
+void recoverWorkspace(
+    const QString& name, const QString& target, bool abandon, bool dryRun, bool force)
 {
     const std::vector<Workspace> workspaces = ProjectModel::recoverableWorkspaces();
     const auto found
@@ -89,6 +90,13 @@ void recoverWorkspace(const QString& name, const QString& target, bool abandon, 
     if (destination.isEmpty())
         throw UsageError(
             workspaceName.toStdString() + " has no source archive; name where to save it");
+    const bool toSource = QFileInfo(destination).absoluteFilePath()
+        == QFileInfo(found->sourcePath).absoluteFilePath();
+    if (toSource && found->sourceChanged && !force)
+        throw std::runtime_error("'" + destination.toStdString()
+            + "': changed by another program since " + workspaceName.toStdString()
+            + " was loaded from it; nothing was saved: --force saves over it, a PATH saves "
+              "elsewhere");
     if (!dryRun)
         save(*found, QFileInfo(destination).absoluteFilePath(), target.isEmpty());
     print(QString::fromLatin1(dryRun ? "would save %1 to %2" : "saved %1 to %2")

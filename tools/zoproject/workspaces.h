@@ -27,8 +27,9 @@ void printWorkspaces(const std::vector<Workspace>& workspaces, const QString& he
 QJsonArray workspacesJson(const std::vector<Workspace>& workspaces);
 
 // Saves the workspace named by its directory's name or path to target (its source archive
-// when empty), then removes it; with abandon only removes it; with dryRun says what it would
-// do.
-void recoverWorkspace(const QString& name, const QString& target, bool abandon, bool dryRun);
+// when empty, which another program must not have changed since, unless force), then removes
+// it; with abandon only removes it; with dryRun says what it would do.
+void recoverWorkspace(
+    const QString& name, const QString& target, bool abandon, bool dryRun, bool force);
 
 } // namespace zo::cli

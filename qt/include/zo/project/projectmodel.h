@@ -58,6 +58,9 @@ public:
         ArchiveFormat format; ///< of the source; Native when unknown
         int pid; ///< of the process that made it
         QDateTime lastModified; ///< the newest modification in the workspace and its record
+        /// Whether the source is no longer the version the workspace was loaded from or last
+        /// saved to: saving over it would replace another program's changes.
+        bool sourceChanged = false;
     };
 
     /// A new, empty, unsaved project: an empty workspace with its record.
