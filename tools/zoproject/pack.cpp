@@ -22,10 +22,11 @@ constexpr int kNamesShown = 3;
 
 // A save interrupted halfway leaves some files new and the others old: no tree to pack. The
 // project is opened to leave it, as status does.
-void refuseHalfSaved(const QString& directory)
+// @return how many swap files of ended editors, unsaved work that no pack holds, lie there
+int refuseHalfSaved(const QString& directory)
 {
     if (!QFileInfo(qtPath(directory)).isDir())
-        return;
+        return 0;
     const zo::project::ProjectVFS project(
         projectDirectory(directory), zo::project::ProjectVFS::Unfinished::Leave);
     for (const Save& save : savesToComplete(project))
@@ -35,6 +36,7 @@ void refuseHalfSaved(const QString& directory)
                 + bytesOf(save.journalPath)
                 + "); opening the project, or \"zoproject recover\", completes it first; "
                   "nothing was packed");
+    return recoverableCount(scanProject(project));
 }
 
 int pack(const QCommandLineParser& parser)
@@ -44,11 +46,16 @@ int pack(const QCommandLineParser& parser)
     for (const QString& pattern : parser.values(kExclude))
         options.exclude.push_back(bytesOf(pattern));
     const zo::project::ArchiveFormat format = requestedFormat(parser);
-    refuseHalfSaved(arguments[0]);
+    const int unsaved = refuseHalfSaved(arguments[0]);
     withProgress(parser, arguments[1], [&](const zo::project::ProgressCallback& progress) {
         return zo::project::exportProject(
             bytesOf(arguments[0]), bytesOf(arguments[1]), format, options, progress);
     });
+    if (unsaved > 0 && options.leaveOutEditingFiles)
+        print(QStringLiteral("left out %1 of ended editors, unsaved work that \"zoproject "
+                             "recover\" saves into the project")
+                  .arg(unsaved == 1 ? QStringLiteral("1 swap file")
+                                    : QStringLiteral("%1 swap files").arg(unsaved)));
     return kSuccess;
 }
 

@@ -62,7 +62,8 @@ echo only >"$project/lost.txtbck"
 echo mark >"$project/.zo-owner-$$.Xy12Zw"
 echo log >"$project/build/out.log"
 ln -s docs/main.xml "$project/latest"
-"$zoproject" -C "$scratch" pack --exclude build project project.tar
+echo unsaved >"$project/.lost.txt.4999999.csp"
+[[ $("$zoproject" -C "$scratch" pack --exclude build project project.tar) == "left out 1 swap file of ended editors"* ]]
 [[ $(tar -tf "$scratch/project.tar" 2>/dev/null | sort | tr '\n' ' ') == "docs/ docs/main.xml latest lost.txtbck " ]] ||
   fail "packed: $(tar -tf "$scratch/project.tar")"
 [[ $("$zoproject" ls "$scratch/project.tar") == *$'\n -  latest -> docs/main.xml\n'*"2 files, 1 link, 11 bytes" ]]
