@@ -255,6 +255,7 @@ void ProjectVFS::exportFile(const QString& path, const QString& destination, boo
 {
     const auto handle = file(path);
     _impl->requireInside(path, true);
+    _impl->writeOutHandles(path);
     zo::project::copy(_impl->filePath(handle->openedPath()), destination, overwrite);
 }
 

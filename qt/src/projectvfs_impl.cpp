@@ -200,6 +200,12 @@ void ProjectVFS_Impl::flushHandles(const QString& path)
             markDamaged(path);
 }
 
+void ProjectVFS_Impl::writeOutHandles(const QString& path)
+{
+    flushHandles(path);
+    throwIfDamaged(path);
+}
+
 void ProjectVFS_Impl::closeHandles(const QString& path)
 {
     const QSet<VFSFile*> open = _openOnSwap;
@@ -656,6 +662,7 @@ void ProjectVFS_Impl::copy(VFSFile& file, const QString& newPath, bool overwrite
 {
     // What is read is the link's target, which must not leave the project.
     requireInside(file.fileName(), true);
+    writeOutHandles(file.fileName());
     const QString from = currentPath(file.fileName());
     if (!overwrite && hasFile(newPath))
         throw AlreadyExists(utf8(newPath));

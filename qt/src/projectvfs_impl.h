@@ -44,6 +44,10 @@ public:
     bool isNotCommitted() const;
     bool isNotCommitted(const QString& path) const;
 
+    // Before what reads path's swap file: what its open handles buffer is written out.
+    // @throws the error of a handle whose write failed, as a commit would
+    void writeOutHandles(const QString& path);
+
     QString makeSwapPath(const QString& path) const;
     QString makeBackupPath(const QString& path) const;
     const QString& swapExtension() const { return _swapExt; }

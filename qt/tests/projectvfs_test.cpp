@@ -131,9 +131,12 @@ TEST_F(Facade, CommitWritesOutOpenHandlesAndClosesThem)
     EXPECT_EQ(handle->write("late"), -1);
     EXPECT_EQ(readFile(abs("a.txt")), "new");
 
-    // Also a handle whose file another handle moved.
+    // Also a handle whose file another handle moved, and copied and exported before.
     const auto moved = vfs.open("b.txt", QIODevice::WriteOnly);
     moved->write("buffered");
+    vfs.copy("b.txt", "d.txt", false);
+    vfs.exportFile("b.txt", abs("e.txt"), false);
+    EXPECT_EQ(readFile(swapOf("d.txt")) + readFile(abs("e.txt")), "bufferedbuffered");
     vfs.move("b.txt", "c.txt", false);
     vfs.commit("c.txt");
     EXPECT_EQ(readFile(abs("c.txt")), "buffered");
