@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -227,6 +228,32 @@ std::optional<FileVersion> versionOf(const char* path)
 {
     const std::optional<FileStatus> found = status(path);
     return found ? std::optional(FileVersion::of(*found)) : std::nullopt;
+}
+
+std::string versionText(const FileVersion& version)
+{
+    return std::to_string(version.identity.device) + ' ' + std::to_string(version.identity.inode)
+        + ' ' + std::to_string(version.size) + ' ' + std::to_string(version.modifiedSeconds) + ' '
+        + std::to_string(version.modifiedNanoseconds);
+}
+
+std::optional<FileVersion> versionFromText(std::string_view text)
+{
+    FileVersion version;
+    const char* at = text.data();
+    const char* const end = text.data() + text.size();
+    // Each number ends at the next space, the last one at the end of the text.
+    const auto read = [&](auto& number, bool last) {
+        const auto [after, error] = std::from_chars(at, end, number);
+        const bool ended = last ? after == end : after != end && *after == ' ';
+        at = after + 1;
+        return error == std::errc() && ended;
+    };
+    if (read(version.identity.device, false) && read(version.identity.inode, false)
+        && read(version.size, false) && read(version.modifiedSeconds, false)
+        && read(version.modifiedNanoseconds, true))
+        return version;
+    return std::nullopt;
 }
 
 std::optional<std::string> readLink(const char* path)

@@ -133,13 +133,7 @@ using Notes = std::map<std::string, std::optional<FileVersion>>;
 
 std::string noteText(const std::string& file, const std::optional<FileVersion>& source)
 {
-    std::string text = "source " + hexOf(file);
-    if (!source)
-        return text + " none\n";
-    return text + ' ' + std::to_string(source->identity.device) + ' '
-        + std::to_string(source->identity.inode) + ' ' + std::to_string(source->size) + ' '
-        + std::to_string(source->modifiedSeconds) + ' '
-        + std::to_string(source->modifiedNanoseconds) + '\n';
+    return "source " + hexOf(file) + ' ' + (source ? versionText(*source) : "none") + '\n';
 }
 
 std::vector<std::string_view> wordsOf(std::string_view line)
@@ -153,20 +147,18 @@ std::vector<std::string_view> wordsOf(std::string_view line)
     return words;
 }
 
-void parseNote(const std::vector<std::string_view>& words, Notes& notes)
+// A note's value: the file in hexadecimal, then "none" or its source's version.
+void parseNote(std::string_view value, Notes& notes)
 {
-    const std::optional<std::string> file = words.size() > 1 ? bytesOfHex(words[1]) : std::nullopt;
+    const std::size_t space = value.find(' ');
+    const std::optional<std::string> file
+        = space == std::string_view::npos ? std::nullopt : bytesOfHex(value.substr(0, space));
     if (!file)
         return;
-    if (words.size() == 3 && words[2] == "none") {
+    const std::string_view source = value.substr(space + 1);
+    if (source == "none")
         notes[*file] = std::nullopt;
-        return;
-    }
-    FileVersion version;
-    if (words.size() == 7 && parseNumber(words[2], version.identity.device)
-        && parseNumber(words[3], version.identity.inode) && parseNumber(words[4], version.size)
-        && parseNumber(words[5], version.modifiedSeconds)
-        && parseNumber(words[6], version.modifiedNanoseconds))
+    else if (const std::optional<FileVersion> version = versionFromText(source))
         notes[*file] = version;
 }
 
@@ -212,7 +204,7 @@ std::optional<OwnerRecord> parseMark(std::string_view text, Notes& notes)
             timesKnown = timesKnown && parseNumber(std::string_view(value), nanoseconds);
             (key == "started" ? record.started : record.marked) = timeOfNanoseconds(nanoseconds);
         } else if (key == "source")
-            parseNote(words, notes);
+            parseNote(value, notes);
     }
     if (!formatKnown || !pidKnown || !timesKnown || record.host.empty())
         return std::nullopt;

@@ -487,8 +487,7 @@ void ProjectVFS_Impl::commit(VFSFile& file, ProjectVFS::SourceChanges changes)
     }
     // Closing flushes, which may still fail and damage the entry; so may the other handles.
     file.close();
-    flushHandles(name);
-    throwIfDamaged(name);
+    writeOutHandles(name);
     if (changes == ProjectVFS::SourceChanges::Refuse)
         throwIfSourcesChanged({ name });
     {

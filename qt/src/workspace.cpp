@@ -51,13 +51,8 @@ bool writeRecord(const QString& workspace, const WorkspaceRecord& record)
         { QStringLiteral("format"), static_cast<int>(record.format) } };
     if (const auto& version = record.sourceVersion)
         // As text: JSON numbers do not hold 64 bits.
-        fields.insert(QStringLiteral("version"),
-            QStringLiteral("%1 %2 %3 %4 %5")
-                .arg(version->identity.device)
-                .arg(version->identity.inode)
-                .arg(version->size)
-                .arg(version->modifiedSeconds)
-                .arg(version->modifiedNanoseconds));
+        fields.insert(
+            QStringLiteral("version"), QString::fromStdString(zo::os::versionText(*version)));
     const QByteArray text = QJsonDocument(fields).toJson(QJsonDocument::Compact);
     zo::os::ReplaceStep failed {};
     return zo::os::replaceFile(encoded(recordPathOf(workspace)).toStdString(), "record",
@@ -78,12 +73,8 @@ std::optional<WorkspaceRecord> readRecord(const QString& workspace)
         static_cast<ArchiveFormat>(
             fields.value(QStringLiteral("format")).toInt(static_cast<int>(ArchiveFormat::Native))),
         std::nullopt };
-    const QStringList version
-        = fields.value(QStringLiteral("version")).toString().split(QLatin1Char(' '));
-    if (version.size() == 5)
-        record.sourceVersion
-            = zo::os::FileVersion { { version[0].toULongLong(), version[1].toULongLong() },
-                  version[2].toULongLong(), version[3].toLongLong(), version[4].toInt() };
+    record.sourceVersion
+        = zo::os::versionFromText(fields.value(QStringLiteral("version")).toString().toStdString());
     return record;
 }
 

@@ -21,9 +21,9 @@ const QString kKeep = QStringLiteral("keep-old-files");
 constexpr int kNamesShown = 3;
 
 // A save interrupted halfway leaves some files new and the others old: no tree to pack. The
-// project is opened to leave it, as status does.
-// @return how many swap files of ended editors, unsaved work that no pack holds, lie there
-int refuseHalfSaved(const QString& directory)
+// project is opened to leave it, as status does. Returns how many swap files of ended editors,
+// unsaved work that no pack holds, lie there.
+int countUnsavedRefusingHalfSaved(const QString& directory)
 {
     if (!QFileInfo(qtPath(directory)).isDir())
         return 0;
@@ -46,7 +46,7 @@ int pack(const QCommandLineParser& parser)
     for (const QString& pattern : parser.values(kExclude))
         options.exclude.push_back(bytesOf(pattern));
     const zo::project::ArchiveFormat format = requestedFormat(parser);
-    const int unsaved = refuseHalfSaved(arguments[0]);
+    const int unsaved = countUnsavedRefusingHalfSaved(arguments[0]);
     withProgress(parser, arguments[1], [&](const zo::project::ProgressCallback& progress) {
         return zo::project::exportProject(
             bytesOf(arguments[0]), bytesOf(arguments[1]), format, options, progress);

@@ -135,6 +135,11 @@ ZO_EXPORT bool ownedByThisUser(const FileStatus& status);
 ZO_EXPORT std::optional<FileStatus> statusAt(int directory, const char* name, bool followLinks);
 /// The version of what path names, links followed; none when nothing is there.
 ZO_EXPORT std::optional<FileVersion> versionOf(const char* path);
+/// version as records keep it: device, inode, size, and the seconds and nanoseconds of its
+/// modification time, in decimal, separated by single spaces.
+ZO_EXPORT std::string versionText(const FileVersion& version);
+/// The version versionText wrote; none when text is anything else.
+ZO_EXPORT std::optional<FileVersion> versionFromText(std::string_view text);
 /// The target a symbolic link holds, as it is written in the link; none when path is no link.
 ZO_EXPORT std::optional<std::string> readLink(const char* path);
 /// path (relative to root, or absolute) as the system resolves it: every symbolic link followed,
