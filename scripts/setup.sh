@@ -10,6 +10,8 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build
   qtbase5-dev libboost-filesystem-dev libarchive-dev
+  # the content hash that tells a torn swap file
+  libxxhash-dev
   # the edit script of zoproject diff
   libdtl-dev
 )

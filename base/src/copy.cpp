@@ -14,6 +14,10 @@
 #include <unistd.h>
 #include <vector>
 
+// The hash is compiled in, so that no library of it is needed at run time.
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
 namespace zo::os {
 namespace {
 
@@ -121,6 +125,36 @@ bool haveSameContent(int first, int second)
             return false;
         offset += firstRead;
     }
+}
+
+std::optional<ContentSeal> sealOf(int descriptor)
+{
+    // Small enough for the heap's quick path: most sealed files fit in one block.
+    constexpr std::size_t kSealBlock = 64 * 1024;
+    XXH3_state_t state;
+    XXH3_INITSTATE(&state);
+    if (XXH3_64bits_reset(&state) != XXH_OK)
+        return std::nullopt;
+    std::vector<char> block(kSealBlock);
+    ContentSeal seal;
+    for (;;) {
+        const ssize_t count
+            = readBlock(descriptor, block.data(), block.size(), static_cast<off_t>(seal.size));
+        if (count < 0)
+            return std::nullopt;
+        if (count == 0)
+            break;
+        XXH3_64bits_update(&state, block.data(), static_cast<std::size_t>(count));
+        seal.size += static_cast<std::uint64_t>(count);
+    }
+    seal.hash = XXH3_64bits_digest(&state);
+    return seal;
+}
+
+std::optional<ContentSeal> sealOf(const char* path)
+{
+    const UniqueFd file = openForReading(path);
+    return file ? sealOf(file.get()) : std::nullopt;
 }
 
 bool copyFile(const char* from, const char* to, CopyTarget target)

@@ -621,7 +621,12 @@ bool renameToFreeNameAt(int fromDirectory, const char* from, int toDirectory, co
 bool syncFileSystem(const char* path)
 {
     const UniqueFd fd = openForReading(path);
-    return fd && ::syncfs(fd.get()) == 0;
+    return fd && syncFileSystem(fd.get());
+}
+
+bool syncFileSystem(int descriptor)
+{
+    return ::syncfs(descriptor) == 0;
 }
 
 namespace fault {

@@ -126,14 +126,21 @@ std::string recordText(const OwnerRecord& record)
         + std::to_string(record.file.device) + ' ' + std::to_string(record.file.inode)
         + "\nprogram " + hexOf(record.program) + "\nmarked "
         + std::to_string(nanosecondsOf(record.marked)) + "\nlocked " + (record.locked ? "1" : "0")
-        + "\n";
+        + "\nseals " + (record.sealsContent ? "1" : "0") + "\n";
 }
 
 using Notes = std::map<std::string, std::optional<FileVersion>>;
+using Seals = std::map<std::string, ContentSeal>;
 
 std::string noteText(const std::string& file, const std::optional<FileVersion>& source)
 {
     return "source " + hexOf(file) + ' ' + (source ? versionText(*source) : "none") + '\n';
+}
+
+std::string sealText(const std::string& file, const ContentSeal& content)
+{
+    return "content " + hexOf(file) + ' ' + std::to_string(content.size) + ' '
+        + std::to_string(content.hash) + '\n';
 }
 
 std::vector<std::string_view> wordsOf(std::string_view line)
@@ -162,9 +169,18 @@ void parseNote(std::string_view value, Notes& notes)
         notes[*file] = version;
 }
 
+// A content note's value: the file in hexadecimal, its size and its hash.
+void parseSeal(const std::vector<std::string_view>& words, Seals& seals)
+{
+    const std::optional<std::string> file = words.size() == 4 ? bytesOfHex(words[1]) : std::nullopt;
+    ContentSeal seal;
+    if (file && parseNumber(words[2], seal.size) && parseNumber(words[3], seal.hash))
+        seals[*file] = seal;
+}
+
 // The record and the notes of a mark; no record unless its first line and its essential
 // fields are there.
-std::optional<OwnerRecord> parseMark(std::string_view text, Notes& notes)
+std::optional<OwnerRecord> parseMark(std::string_view text, Notes& notes, Seals& seals)
 {
     OwnerRecord record;
     bool formatKnown = false;
@@ -196,6 +212,8 @@ std::optional<OwnerRecord> parseMark(std::string_view text, Notes& notes)
             record.program = bytesOfHex(value).value_or(std::string());
         else if (key == "locked")
             record.locked = value == "1";
+        else if (key == "seals")
+            record.sealsContent = value == "1";
         else if (key == "ticks")
             parseNumber(std::string_view(value), record.startTicks);
         else if (key == "inode" && words.size() == 3)
@@ -205,6 +223,8 @@ std::optional<OwnerRecord> parseMark(std::string_view text, Notes& notes)
             (key == "started" ? record.started : record.marked) = timeOfNanoseconds(nanoseconds);
         } else if (key == "source")
             parseNote(value, notes);
+        else if (key == "content")
+            parseSeal(words, seals);
     }
     if (!formatKnown || !pidKnown || !timesKnown || record.host.empty())
         return std::nullopt;
@@ -377,7 +397,7 @@ std::shared_ptr<OwnerMark> OwnerMark::hold(const std::string& directory)
     OwnerRecord record { system.host, system.machine, system.boot, currentPidNamespace(), self,
         seen ? seen->started : Clock::time_point(), seen ? seen->startTicks : 0, made->identity,
         seen ? seen->program : std::string(), modificationTime(*made),
-        setLock(file.get(), F_WRLCK, kLifeByte) };
+        setLock(file.get(), F_WRLCK, kLifeByte), true };
     const std::string text = recordText(record);
     // Others must be able to read the record to judge this process.
     if (!setPermissions(file.get(), 0644) || !writeAll(file.get(), text.data(), text.size(), 0)
@@ -429,6 +449,23 @@ OwnerMark::~OwnerMark()
 
 bool OwnerMark::noteSource(const std::string& pendingFile, const std::optional<FileVersion>& source)
 {
+    const std::optional<std::string> relative = relativeName(pendingFile);
+    return relative && writeNote(noteText(*relative, source));
+}
+
+bool OwnerMark::noteContent(const std::string& pendingFile, const ContentSeal& content)
+{
+    const std::optional<std::string> relative = relativeName(pendingFile);
+    return relative && writeNote(sealText(*relative, content));
+}
+
+bool OwnerMark::writeNote(const std::string& text)
+{
+    return writeAll(_descriptor.get(), text.data(), text.size(), 0);
+}
+
+std::optional<std::string> OwnerMark::relativeName(const std::string& pendingFile) const
+{
     const std::size_t slash = pendingFile.rfind('/');
     const std::optional<std::string> directory
         = slash == std::string::npos ? std::nullopt : realPath(pendingFile.substr(0, slash + 1));
@@ -437,13 +474,12 @@ bool OwnerMark::noteSource(const std::string& pendingFile, const std::optional<F
             || (*directory)[_directory.size()] == '/');
     if (!below) {
         errno = EINVAL;
-        return false;
+        return std::nullopt;
     }
     std::string relative
         = (*directory == "/" ? "" : *directory) + '/' + pendingFile.substr(slash + 1);
     relative.erase(0, _directory == "/" ? 1 : _directory.size() + 1);
-    const std::string text = noteText(relative, source);
-    return writeAll(_descriptor.get(), text.data(), text.size(), 0);
+    return relative;
 }
 
 OwnerMark::Replacing::Replacing(std::shared_ptr<OwnerMark> mark)
@@ -472,6 +508,7 @@ struct OwnerMarks::Mark {
     bool read = false;
     std::optional<OwnerRecord> record;
     Notes notes;
+    Seals seals;
     LockState life = LockState::Unknown;
     LockState replacing = LockState::Unknown;
     FileIdentity identity;
@@ -550,7 +587,7 @@ void OwnerMarks::read(Mark& mark)
     if (!found || !readAll(file.get(), text))
         return;
     mark.identity = found->identity;
-    mark.record = parseMark(text, mark.notes);
+    mark.record = parseMark(text, mark.notes, mark.seals);
     mark.life = lockState(file.get(), kLifeByte);
     mark.replacing = lockState(file.get(), kReplacingByte);
 }
@@ -612,7 +649,7 @@ OwnerVerdict OwnerMarks::judgeAsOf(const std::string& file, int pid, Clock::time
         const ThisSystem& system = thisSystem();
         return { Liveness::Running,
             OwnerRecord { system.host, system.machine, system.boot, currentPidNamespace(), pid,
-                process->started, process->startTicks, {}, process->program, {}, false } };
+                process->started, process->startTicks, {}, process->program, {}, false, false } };
     }
     OwnerVerdict verdict { Liveness::Ended, marks.front()->record };
     for (Mark* mark : marks) {
@@ -623,20 +660,54 @@ OwnerVerdict OwnerMarks::judgeAsOf(const std::string& file, int pid, Clock::time
     return verdict;
 }
 
-std::optional<std::optional<FileVersion>> OwnerMarks::notedSource(const std::string& file, int pid)
+std::vector<std::pair<OwnerMarks::Mark*, std::string>> OwnerMarks::candidatesOf(
+    const std::string& file, int pid)
 {
     const std::optional<FileStatus> found = linkStatus(file.c_str());
     const Clock::time_point lastWrite = found ? modificationTime(*found) : Clock::now();
     const std::string directory = resolvedDirectoryOf(file);
     const std::string resolved
         = directory + (directory == "/" ? "" : "/") + file.substr(file.rfind('/') + 1);
+    std::vector<std::pair<Mark*, std::string>> named;
     for (Mark* mark : candidates(directory, pid, lastWrite)) {
         const std::size_t start = mark->directory == "/" ? 1 : mark->directory.size() + 1;
-        const auto note = mark->notes.find(resolved.substr(std::min(start, resolved.size())));
+        named.emplace_back(mark, resolved.substr(std::min(start, resolved.size())));
+    }
+    return named;
+}
+
+std::optional<std::optional<FileVersion>> OwnerMarks::notedSource(const std::string& file, int pid)
+{
+    for (const auto& [mark, name] : candidatesOf(file, pid)) {
+        const auto note = mark->notes.find(name);
         if (note != mark->notes.end())
             return note->second;
     }
     return std::nullopt;
+}
+
+bool OwnerMarks::mayBeTorn(const std::string& file, int pid)
+{
+    const std::vector<std::pair<Mark*, std::string>> marks = candidatesOf(file, pid);
+    if (marks.empty())
+        return false;
+    // The mark that noted the file, else the newest; a mark torn itself tells nothing.
+    const std::pair<Mark*, std::string>* owner = &marks.front();
+    for (const auto& candidate : marks) {
+        const auto& [mark, name] = candidate;
+        if (!mark->record)
+            return true;
+        if (mark->notes.count(name) || mark->seals.count(name)) {
+            owner = &candidate;
+            break;
+        }
+    }
+    const auto& [mark, name] = *owner;
+    const OwnerRecord& record = *mark->record;
+    if (!record.sealsContent || (!record.boot.empty() && record.boot == thisSystem().boot))
+        return false;
+    const auto sealed = mark->seals.find(name);
+    return sealed == mark->seals.end() || sealOf(file.c_str()) != sealed->second;
 }
 
 bool OwnerMarks::othersMayBeReplacing(const std::string& directory)

@@ -112,6 +112,13 @@ SwapFileDamaged::SwapFileDamaged(const std::string& path)
 }
 SwapFileDamaged::~SwapFileDamaged() = default;
 
+SwapFileTorn::SwapFileTorn(const std::string& path)
+    : SwapFileCommit(
+        "Can not recover swap file, the machine stopped before it was written out: " + path)
+{
+}
+SwapFileTorn::~SwapFileTorn() = default;
+
 SourceFileDoesNotExists::SourceFileDoesNotExists(const std::string& path)
     : SwapFileCommit("Source file does not exist for:" + path)
 {

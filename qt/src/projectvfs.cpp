@@ -477,6 +477,7 @@ std::vector<ProjectVFS::RecoverableState> ProjectVFS::inspect(
                 = swapInfo.birthTime().isValid() ? swapInfo.birthTime() : swapInfo.lastModified();
             state.sourceChanged = sourceInfo.exists() && sourceInfo.lastModified() > made;
         }
+        state.torn = marks.mayBeTorn(swapBytes, info.pid);
         states.push_back(state);
     }
     return states;
@@ -494,6 +495,8 @@ void ProjectVFS::recoverFile(const RecoverableInfo& info)
     const OwnerInfo owner
         = detail::ownerInfoOf(detail::judgeOwner(marks, swap, info.pid), info.pid);
     const auto noted = marks.notedSource(swapBytes, info.pid);
+    if (marks.mayBeTorn(swapBytes, info.pid))
+        throw exception::SwapFileTorn(info.swapPath.toStdString());
     // This process's marks before its swap file.
     impl->ownerMark();
     impl->markBeside(info.sourcePath, newSwap);

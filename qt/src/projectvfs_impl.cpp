@@ -14,14 +14,15 @@
 
 #include <QCoreApplication>
 #include <QFileInfo>
-#include <QSaveFile>
 #include <QSet>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <map>
 #include <optional>
+#include <set>
 #include <vector>
 
 namespace zo::project::detail {
@@ -35,41 +36,9 @@ QString directoryOf(const QString& path)
     return QFileInfo(path).absolutePath();
 }
 
-constexpr qint64 kCopyBlockSize = 1024 * 1024;
-
-// A short write sets no error; writing the rest either finishes or tells why it cannot.
-bool writeWhole(QIODevice& out, const QByteArray& block)
-{
-    for (qint64 written = 0; written < block.size();) {
-        const qint64 step = out.write(block.constData() + written, block.size() - written);
-        if (step <= 0)
-            return false;
-        written += step;
-    }
-    return true;
-}
-
-// Copies source to target through a file that gets its name only once it is complete, so that
-// neither a failure nor a crash leaves a short swap file behind. Returns why it failed, or an
-// empty text.
-QString copyToNewFile(const QString& source, const QString& target)
-{
-    QFile in(source);
-    if (!in.open(QIODevice::ReadOnly))
-        return in.errorString();
-    QSaveFile out(target);
-    // Unbuffered, so that every failure is seen by the write that meets it. The permissions
-    // are set before any content, so that a private file stays private.
-    if (!out.open(QIODevice::WriteOnly | QIODevice::Unbuffered)
-        || !out.setPermissions(in.permissions()))
-        return out.errorString();
-    for (QByteArray block; !(block = in.read(kCopyBlockSize)).isEmpty();)
-        if (!writeWhole(out, block))
-            return out.errorString();
-    if (in.error() != QFileDevice::NoError)
-        return in.errorString();
-    return out.commit() ? QString() : out.errorString();
-}
+// Up to these many swap files or directories are synced one by one; more are made durable by a
+// sync of each file system they lie on, whose cost does not grow with them.
+constexpr std::size_t kSyncedOneByOne = 4;
 
 } // namespace
 
@@ -102,6 +71,9 @@ void ProjectVFS_Impl::leavePending()
 {
     if (_entries.isEmpty())
         return;
+    // What C streams wrote was never sealed.
+    for (const QString& path : _entries.keys())
+        sealContent(path);
     for (auto& [directory, mark] : _marks)
         zo::os::OwnerMark::keepUntilExit(std::move(mark));
     for (const QString& swap : qAsConst(_entries))
@@ -167,8 +139,24 @@ void ProjectVFS_Impl::recordSource(
 {
     _sources.insert(path, source);
     const auto swap = _entries.constFind(path);
-    if (swap != _entries.cend())
-        markBeside(path, swap.value())->noteSource(encoded(swap.value()).toStdString(), source);
+    if (swap == _entries.cend())
+        return;
+    markBeside(path, swap.value())->noteSource(encoded(swap.value()).toStdString(), source);
+    sealContent(path);
+}
+
+void ProjectVFS_Impl::sealContent(const QString& path)
+{
+    const auto swap = _entries.constFind(path);
+    if (swap == _entries.cend())
+        return;
+    // Made with the swap file; without it (the swap file unsealed) the swap file is judged
+    // torn should the machine stop before it is committed.
+    const auto mark = _marks.find(directoryOf(swap.value()));
+    const QByteArray file = encoded(swap.value());
+    const std::optional<zo::os::ContentSeal> content = zo::os::sealOf(file.constData());
+    if (mark != _marks.end() && mark->second && content)
+        mark->second->noteContent(file.toStdString(), *content);
 }
 
 void ProjectVFS_Impl::recordCurrentSource(const QString& path)
@@ -289,6 +277,8 @@ void ProjectVFS_Impl::moveEntry(const VFSFile& file, const QString& oldPath)
         _damaged.insert(file.fileName());
     if (recorded)
         recordSource(file.fileName(), *recorded);
+    else
+        sealContent(file.fileName());
 }
 
 void ProjectVFS_Impl::markDamaged(const QString& path)
@@ -345,10 +335,10 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
     markBeside(path, swap);
     const std::optional<zo::os::FileVersion> version
         = zo::os::versionOf(encoded(source).constData());
+    // Not synced: a commit syncs it, and until then its seal tells it from a torn one.
     if (version) {
-        const QString failure = copyToNewFile(source, swap);
-        if (!failure.isEmpty())
-            throw exception::CopySwapFile(utf8(path), swap, utf8(failure));
+        if (!zo::os::copyFile(encoded(source).constData(), encoded(swap).constData()))
+            throw exception::CopySwapFile(utf8(path), swap, std::strerror(errno));
     } else {
         QFile created(swap);
         if (!created.open(QIODevice::WriteOnly | QIODevice::Truncate))
@@ -381,7 +371,7 @@ QByteArray ProjectVFS_Impl::StagedCommit::swapName() const
 // synced). A step that fails undoes the ones before it, so that the entry still matches a swap
 // file on disk.
 ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(
-    const QString& source, const QString& swap)
+    const QString& source, const QString& swap, bool syncSwap)
 {
     StagedCommit staged { source, swap, makeBackupPath(source), {}, {} };
     const std::string root = encoded(absolutePath()).toStdString();
@@ -413,11 +403,35 @@ ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(
 
     // The swap data must reach the disk before the rename does: otherwise a crash could leave
     // the new name on an empty or partial file while the backup is already gone.
-    const zo::os::UniqueFd swapFile
-        = zo::os::openForReadingAt(staged.swapDirectory.get(), staged.swapName().constData());
-    if (!swapFile || !zo::os::syncFile(swapFile.get()))
+    if (syncSwap && !swapDurable(staged))
         throw exception::SwapFileRename(utf8(relativeFilePath(source)));
     return staged;
+}
+
+bool ProjectVFS_Impl::swapDurable(const StagedCommit& staged)
+{
+    const zo::os::UniqueFd swapFile
+        = zo::os::openForReadingAt(staged.swapDirectory.get(), staged.swapName().constData());
+    return swapFile && zo::os::syncFile(swapFile.get());
+}
+
+std::size_t ProjectVFS_Impl::durableSwaps(const std::vector<StagedCommit>& batch)
+{
+    if (batch.size() <= kSyncedOneByOne)
+        return static_cast<std::size_t>(
+            std::find_if_not(batch.begin(), batch.end(), swapDurable) - batch.begin());
+    // One descriptor of each file system: its directory's.
+    std::map<std::uint64_t, int> fileSystems;
+    for (const StagedCommit& staged : batch) {
+        const std::optional<zo::os::FileStatus> found = zo::os::status(staged.swapDirectory.get());
+        if (!found)
+            return 0;
+        fileSystems.emplace(found->identity.device, staged.swapDirectory.get());
+    }
+    for (const auto& [device, directory] : fileSystems)
+        if (!zo::os::syncFileSystem(directory))
+            return 0;
+    return batch.size();
 }
 
 void ProjectVFS_Impl::renameCommit(StagedCommit& staged)
@@ -463,9 +477,35 @@ bool ProjectVFS_Impl::madeDurable(
     return true;
 }
 
+std::vector<ProjectVFS_Impl::StagedCommit>::iterator ProjectVFS_Impl::renamesDurable(
+    std::vector<StagedCommit>::iterator first, std::vector<StagedCommit>::iterator last)
+{
+    std::set<std::pair<std::uint64_t, std::uint64_t>> directories;
+    std::map<std::uint64_t, int> fileSystems;
+    for (auto staged = first; staged != last; ++staged)
+        for (const int directory : { staged->sourceDirectory.get(), staged->swapDirectory.get() }) {
+            const std::optional<zo::os::FileStatus> found = zo::os::status(directory);
+            if (!found)
+                return first;
+            directories.emplace(found->identity.device, found->identity.inode);
+            fileSystems.emplace(found->identity.device, directory);
+        }
+    if (directories.size() <= kSyncedOneByOne) {
+        std::vector<zo::os::FileIdentity> synced;
+        auto durable = first;
+        while (durable != last && madeDurable(*durable, synced))
+            ++durable;
+        return durable;
+    }
+    for (const auto& [device, directory] : fileSystems)
+        if (!zo::os::syncFileSystem(directory))
+            return first;
+    return last;
+}
+
 void ProjectVFS_Impl::commitFile(const QString& source, const QString& swap)
 {
-    StagedCommit staged = prepareCommit(source, swap);
+    StagedCommit staged = prepareCommit(source, swap, true);
     renameCommit(staged);
     std::vector<zo::os::FileIdentity> synced;
     if (!madeDurable(staged, synced)) {
@@ -498,12 +538,13 @@ void ProjectVFS_Impl::commit(VFSFile& file, ProjectVFS::SourceChanges changes)
     removeEntry(name);
 }
 
-// The single-file protocol for every entry, step by step for all of them at once, with one
-// sync per directory for all the renames in it. A save of several files is all or nothing
-// across a crash: its journal (savejournal.h) is durable before the first rename and goes only
-// once the backups are gone, and whoever opens the project after a crash completes it. When an
-// exception leaves, what is committed is durable, and the entry that failed and every later one
-// stay pending, with no journal left that could redo them.
+// The single-file protocol for every entry, step by step for all of them at once, so that the
+// syncs do not grow with the files: the swap files synced together before the journal, one sync
+// per directory for all the renames in it (or, for many, one per file system). A save of several
+// files is all or nothing across a crash: its journal (savejournal.h) is durable before the first
+// rename and goes only once the backups are gone, and whoever opens the project after a crash
+// completes it. When an exception leaves, what is committed is durable, and the entry that failed
+// and every later one stay pending, with no journal left that could redo them.
 void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
 {
     if (_entries.isEmpty())
@@ -516,16 +557,23 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
 
     const zo::os::OwnerMark::Replacing replacing(ownerMark());
     std::exception_ptr failure;
-    // 1. Every entry up to the first that cannot be committed, its swap file durable.
+    // 1. Every entry up to the first that cannot be committed, its swap file durable: synced
+    // after all were checked, so that the disk writes them in one go.
     std::vector<StagedCommit> batch;
     for (auto it = _entries.cbegin(); it != _entries.cend(); ++it) {
         try {
             throwIfDamaged(it.key());
-            batch.push_back(prepareCommit(resolvedPath(it.key()), it.value()));
+            batch.push_back(prepareCommit(resolvedPath(it.key()), it.value(), false));
         } catch (...) {
             failure = std::current_exception();
             break;
         }
+    }
+    const std::size_t durableSwapCount = durableSwaps(batch);
+    if (durableSwapCount < batch.size()) {
+        failure = std::make_exception_ptr(
+            exception::SwapFileRename(utf8(relativeFilePath(batch[durableSwapCount].source))));
+        batch.erase(batch.begin() + static_cast<std::ptrdiff_t>(durableSwapCount), batch.end());
     }
 
     // 2. The journal, durable before anything is renamed.
@@ -558,10 +606,7 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
 
     // 4. The directories; from the first entry whose directories cannot be synced on, the
     // renames are undone.
-    std::vector<zo::os::FileIdentity> synced;
-    auto durable = batch.begin();
-    while (durable != renamed && madeDurable(*durable, synced))
-        ++durable;
+    const auto durable = renamesDurable(batch.begin(), renamed);
     if (durable != renamed) {
         failure = std::make_exception_ptr(
             exception::SwapFileRename(utf8(relativeFilePath(durable->source))));

@@ -89,8 +89,13 @@ public:
     // exception::CreateSwapFile naming path where the directory refuses it.
     std::shared_ptr<zo::os::OwnerMark> markBeside(const QString& path, const QString& swap);
     // The source version a pending path's swap file was made from (none for a new file), kept
-    // here and noted in the owner mark for whoever recovers it after a crash.
+    // here and noted in the owner mark for whoever recovers it after a crash, with what the
+    // swap file holds (sealContent).
     void recordSource(const QString& path, const std::optional<zo::os::FileVersion>& source);
+    // Notes in the owner mark what the pending path's swap file holds now. Swap files are not
+    // synced until they are committed, so that after the machine stopped, recovery tells one
+    // that holds what this process wrote from a torn one (OwnerMarks::mayBeTorn).
+    void sealContent(const QString& path);
     // Records the current version of the path's source.
     void recordCurrentSource(const QString& path);
     // Whether another program changed the pending path's source since it was recorded.
@@ -157,8 +162,17 @@ private:
         QByteArray backupName() const;
         QByteArray swapName() const;
     };
-    // Checks the file and makes its swap file durable; nothing is renamed yet.
-    StagedCommit prepareCommit(const QString& source, const QString& swap);
+    // Checks the file, and makes its swap file durable unless the caller syncs a batch of
+    // them; nothing is renamed yet.
+    StagedCommit prepareCommit(const QString& source, const QString& swap, bool syncSwap);
+    static bool swapDurable(const StagedCommit& staged);
+    // Makes the swap files of a batch durable: each one synced, or for many, each file system
+    // they lie on once. Returns how many of the first ones are durable.
+    static std::size_t durableSwaps(const std::vector<StagedCommit>& batch);
+    // Makes the renames of [first, last) durable: each directory synced once, or for many,
+    // each file system once. Returns the first whose renames are not known durable.
+    static std::vector<StagedCommit>::iterator renamesDurable(
+        std::vector<StagedCommit>::iterator first, std::vector<StagedCommit>::iterator last);
     // Renames the source to its backup and the swap file to the source; a failure undoes both.
     void renameCommit(StagedCommit& staged);
     void undoCommit(const StagedCommit& staged);

@@ -54,6 +54,8 @@ void VFSFile::close()
     // A close that flushed and closed cleanly clears the error; one still set means it failed.
     if (writing && error() != QFileDevice::NoError)
         _impl->markDamaged(_fileName);
+    else if (writing)
+        _impl->sealContent(_fileName);
 }
 
 qint64 VFSFile::writeData(const char* data, qint64 length)

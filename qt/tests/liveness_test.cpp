@@ -283,5 +283,52 @@ TEST(Liveness, BackupOfAnotherProcessesCommitIsLeftAlone)
     EXPECT_EQ(readFile(dir.filePath("a.txt")), "new");
 }
 
+// After the machine stopped, a swap file is recovered only while it holds what its owner last
+// noted of it; a process that merely died lost nothing it wrote. An owner of an older version,
+// which noted nothing, synced its swap files.
+TEST(Liveness, SwapFilesOfAnEarlierBootAreRecoveredOnlyWhole)
+{
+    for (const auto& [earlierBoot, bytes, sealing, torn] :
+        { std::tuple { false, "????", "seals 1", false }, { true, "live", "seals 1", false },
+            { true, "????", "seals 1", true }, { true, "live\nmore", "seals 1", true },
+            { true, "????", "seals 0", false } }) {
+        SCOPED_TRACE(testing::Message() << earlierBoot << bytes << sealing);
+        const QTemporaryDir dir;
+        writeFile(dir.filePath("a.txt"), "old");
+        QProcess owner;
+        startChild(owner, { "hold", dir.path(), "a.txt" });
+        ASSERT_TRUE(owner.waitForReadyRead(20000)) << owner.readAllStandardError().toStdString();
+        const QString swap = dir.filePath(QString(".a.txt.%1.csp").arg(owner.processId()));
+        owner.kill();
+        owner.waitForFinished();
+        ASSERT_EQ(readFile(swap), "live");
+        if (QByteArray(bytes) != "live")
+            writeFile(swap, bytes); // what the disk kept of it
+        // The mark, rewritten in place as the owner's of an earlier boot would read.
+        const QString mark
+            = dir.filePath(QDir(dir.path()).entryList({ ".zo-owner-*" }, QDir::Files | QDir::Hidden).value(0));
+        QByteArray record = readFile(mark).replace("seals 1", sealing);
+        if (earlierBoot) {
+            record.replace("boot " + kBoot, "boot an-earlier-boot");
+            const int marked = record.indexOf("\nmarked ") + 8;
+            record.replace(marked, record.indexOf('\n', marked) - marked, "3600000000000");
+        }
+        writeFile(mark, record);
+
+        ProjectVFS project(dir.path());
+        const auto found = project.recoverableFiles();
+        ASSERT_EQ(found.size(), 1u);
+        EXPECT_EQ(project.inspect(found).front().torn, torn);
+        if (torn) {
+            EXPECT_THROW(project.recoverFile(found[0]), exception::SwapFileTorn);
+            EXPECT_EQ(readFile(swap), bytes);
+            continue;
+        }
+        project.recoverFile(found[0]);
+        project.commit();
+        EXPECT_EQ(readFile(dir.filePath("a.txt")), bytes);
+    }
+}
+
 } // namespace
 } // namespace zo::project

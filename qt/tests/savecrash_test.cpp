@@ -1,7 +1,7 @@
-// A save of eight files in four directories, killed at each system call of the save, of the
-// completion of its journal, or with its journal torn at each byte: the next process that opens
-// the project finds all eight old or all eight new, and nothing left behind but the edits to
-// recover.
+// A save of nine files in five directories (enough for the syncs of a large save), killed at
+// each system call of the save, of the completion of its journal, or with its journal torn at
+// each byte: the next process that opens the project finds all nine old or all nine new, and
+// nothing left behind but the edits to recover.
 
 #include <zo/fault.h>
 #include <zo/project/exceptions.h>
@@ -30,10 +30,10 @@ namespace {
 using namespace test;
 
 const QStringList kNames { "a.txt", "b.txt", "d1/c.txt", "d1/d.txt", "d2/e.txt", "d2/f.txt",
-    "d3/g.txt", "d3/h.txt" };
+    "d3/g.txt", "d3/h.txt", "d4/i.txt" };
 
 // The save's rename that would put the fifth file in place: four are new, the fifth lies in
-// its backup, three are old.
+// its backup, four are old.
 constexpr int kHalfway = 9;
 
 // A system call of crash_child as strace's inject counts it: its name and how many calls of

@@ -148,12 +148,16 @@ private:
     void handle(const SwapFile& swap)
     {
         const auto& info = swap.info;
-        if (!swap.recoverable()) {
+        if (!swap.ended()) {
             print(QStringLiteral("left %1 alone: its %2 %3")
                       .arg(info.swapPath, describeOwner(swap.owner),
                           swap.owner.state == Owner::State::Running
                               ? QStringLiteral("still runs")
                               : QStringLiteral("may still run")));
+            return;
+        }
+        if (swap.torn && !_abandon) {
+            print(QStringLiteral("left %1 alone: %2").arg(info.swapPath, kTorn));
             return;
         }
         if (_abandon) {
@@ -230,7 +234,7 @@ int recover(const QCommandLineParser& parser)
         printSaves(saves);
         swapFiles = withoutSavedFiles(std::move(swapFiles), saves);
         for (const SwapFile& swap : swapFiles)
-            if (swap.recoverable() && !swap.backupPath.isEmpty())
+            if (swap.ended() && !swap.backupPath.isEmpty())
                 print(QStringLiteral("would put back %1 from its backup %2: its commit was "
                                      "interrupted")
                           .arg(swap.info.sourcePath, swap.backupPath));

@@ -24,7 +24,8 @@ std::vector<SwapFile> scanProject(const zo::project::ProjectVFS& project)
         swapFiles.push_back({ info, states[at].owner, swap.size(), swap.lastModified(),
             sourceExists, source.size(), states[at].sourceChanged,
             !sourceExists && QFileInfo::exists(project.absoluteFilePath(backup)) ? backup
-                                                                                 : QString() });
+                                                                                 : QString(),
+            states[at].torn });
     }
     std::sort(swapFiles.begin(), swapFiles.end(),
         [](const auto& a, const auto& b) { return a.info.swapPath < b.info.swapPath; });

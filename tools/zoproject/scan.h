@@ -28,9 +28,16 @@ struct SwapFile {
     // The source's backup while the source is missing: a commit stopped between its two
     // renames. Opening the project puts such a backup back unless the owner may still run.
     QString backupPath;
+    // The machine stopped before it was written out, and it is not what its owner wrote.
+    bool torn = false;
 
-    bool recoverable() const { return owner.state == Owner::State::Ended; }
+    bool ended() const { return owner.state == Owner::State::Ended; }
+    bool recoverable() const { return ended() && !torn; }
 };
+
+// Why a torn swap file is not recovered.
+inline const QString kTorn
+    = QStringLiteral("torn, the machine stopped before it was written out; --abandon drops it");
 
 // The swap files that opening the project found. Unless it was opened to leave them, opening
 // also completed the interrupted saves and commits of ended owners.

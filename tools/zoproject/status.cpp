@@ -101,6 +101,8 @@ QString describe(const SwapFile& swap)
         source = QStringLiteral("; no source file");
     else if (swap.sourceChanged)
         source = QStringLiteral("; source changed since");
+    if (swap.torn)
+        source += QStringLiteral("; ") + kTorn;
     return QStringLiteral("  %1  (swap %2, %3, %4 old, %5%6)")
         .arg(swap.info.sourcePath, swap.info.swapPath, QLocale().formattedDataSize(swap.size),
             age(swap.modified), owner, source);
@@ -164,7 +166,8 @@ QJsonObject toJson(const SwapFile& swap)
         { "recoverable", swap.recoverable() }, { "size", swap.size },
         { "modified", swap.modified.toUTC().toString(Qt::ISODate) },
         { "ageSeconds", swap.modified.secsTo(QDateTime::currentDateTime()) },
-        { "sourceExists", swap.sourceExists }, { "sourceChanged", swap.sourceChanged } };
+        { "sourceExists", swap.sourceExists }, { "sourceChanged", swap.sourceChanged },
+        { "torn", swap.torn } };
     if (!swap.owner.program.isEmpty())
         object.insert("ownerProgram", swap.owner.program);
     if (!swap.owner.hostName.isEmpty())

@@ -284,6 +284,28 @@ ZO_EXPORT bool copyContent(int from, int to, std::uint64_t size);
 /// left as they were); false too when either cannot be read.
 ZO_EXPORT bool haveSameContent(int first, int second);
 
+/// What a file held when it was sealed: its size and a hash of its bytes. A file written without
+/// a sync may, after the machine stopped, hold less or other bytes than were written (torn); its
+/// seal, kept elsewhere, tells that apart from a file that holds what was written.
+struct ContentSeal {
+    std::uint64_t size = 0; ///< in bytes
+    std::uint64_t hash = 0; ///< XXH3 of the bytes, 64 bits
+    /// @{
+    /// The same content, to the hash's certainty.
+    bool operator==(const ContentSeal& other) const
+    {
+        return size == other.size && hash == other.hash;
+    }
+    bool operator!=(const ContentSeal& other) const { return !(*this == other); }
+    /// @}
+};
+
+/// The seal of the open file's bytes, read from its start (its position is left as it was);
+/// none when it cannot be read.
+ZO_EXPORT std::optional<ContentSeal> sealOf(int descriptor);
+/// The seal of the file path names, links followed; none when it cannot be read.
+ZO_EXPORT std::optional<ContentSeal> sealOf(const char* path);
+
 /// Where copyFile's destination can be seen while the copy is written.
 enum class CopyTarget {
     /// By anyone: the content goes to an unnamed file (or, where the file system has none, a
@@ -339,6 +361,8 @@ ZO_EXPORT bool renameToFreeNameAt(
     int fromDirectory, const char* from, int toDirectory, const char* to);
 /// Flushes everything written to the file system that holds path (syncfs).
 ZO_EXPORT bool syncFileSystem(const char* path);
+/// syncFileSystem for the file system that holds the open file or directory.
+ZO_EXPORT bool syncFileSystem(int descriptor);
 
 /// The bytes an unprivileged writer may still use on the file system of descriptor.
 ZO_EXPORT std::optional<std::uint64_t> availableSpace(int descriptor);

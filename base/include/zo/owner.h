@@ -46,6 +46,9 @@ struct OwnerRecord {
     std::string program; ///< the first word of its command line
     std::chrono::system_clock::time_point marked; ///< when it made the mark, by the file system
     bool locked = false; ///< whether it holds the mark's lock (the file system may refuse)
+    /// Whether it seals the content of the pending files it notes (OwnerMark::noteContent)
+    /// rather than syncing them; a process of an older version synced every one.
+    bool sealsContent = false;
 };
 
 /// How a process that made a file stands.
@@ -93,6 +96,11 @@ public:
     /// once this process is gone can tell whether the source changed since. The last note for a
     /// file counts. False when it could not be written.
     bool noteSource(const std::string& pendingFile, const std::optional<FileVersion>& source);
+    /// Notes what the pending file (as for noteSource) holds now, written but maybe not yet on
+    /// the disk, so that whoever finds it after the machine stopped can tell whether it is torn
+    /// (OwnerMarks::mayBeTorn). The last note for a file counts. False when it could not be
+    /// written.
+    bool noteContent(const std::string& pendingFile, const ContentSeal& content);
 
     /// Shows, for its lifetime, that this process is replacing files below the mark's directory
     /// (a commit between its renames), so that another process leaves the backups it meets
@@ -119,6 +127,9 @@ public:
 private:
     // In a child that fork made: its copies of the parent's marks are closed, never removed.
     static void forgetInheritedMarks();
+    // pendingFile relative to the mark's directory; none (EINVAL) when it lies elsewhere.
+    std::optional<std::string> relativeName(const std::string& pendingFile) const;
+    bool writeNote(const std::string& text);
 
     UniqueFd _descriptor;
     const int _owner; // the process that made it; a forked child only inherits it
@@ -154,6 +165,14 @@ public:
     /// judge for which marks): none when no mark noted it, an empty version for a new file.
     std::optional<std::optional<FileVersion>> notedSource(const std::string& file, int pid);
 
+    /// Whether file (named after process pid, judged by the marks as judge does) may not hold
+    /// what its owner wrote to it, because the machine stopped before all of it reached the
+    /// disk: its owner ran on an earlier boot or another host, sealed rather than synced, and
+    /// file is not what it last noted (OwnerMark::noteContent), or it noted nothing. False for a
+    /// file of an owner of this boot (a process that dies loses nothing it wrote) and for one
+    /// that no mark notes (made by an older version, which synced it).
+    bool mayBeTorn(const std::string& file, int pid);
+
     /// What the marks among directory's own entries whose process is proven ended noted: each
     /// pending file (relative to directory) with the version of its source when it was made,
     /// none for a new file.
@@ -185,6 +204,8 @@ private:
         const std::string& resolvedDirectory, std::chrono::system_clock::time_point lastWrite);
     std::vector<Mark*> candidates(const std::string& resolvedDirectory, int pid,
         std::chrono::system_clock::time_point lastWrite);
+    // The candidates for file, each with file's name relative to the mark's directory.
+    std::vector<std::pair<Mark*, std::string>> candidatesOf(const std::string& file, int pid);
     void read(Mark& mark);
     Liveness livenessOf(Mark& mark);
     OwnerVerdict judgeAsOf(

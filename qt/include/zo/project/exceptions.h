@@ -138,6 +138,16 @@ public:
     ~SwapFileDamaged() override;
 };
 
+/// A swap file left by a process of an earlier boot or another host does not hold what that
+/// process wrote: the machine stopped before all of it reached the disk (a torn file). It is not
+/// recovered; it stays where it is, for the user to look into or abandon.
+class ZOPROJECTQT_EXPORT SwapFileTorn : public SwapFileCommit {
+public:
+    /// path: the swap file's, relative to the project.
+    explicit SwapFileTorn(const std::string& path);
+    ~SwapFileTorn() override;
+};
+
 /// The swap file of a pending change is gone (another program removed it). Nothing was renamed:
 /// the source stays as it is, and the change stays pending until it is discarded.
 class ZOPROJECTQT_EXPORT SwapFileMissing : public SwapFileCommit {

@@ -33,6 +33,13 @@ class ProjectVFS_Impl;
 /// it leaves a journal in the root (".save.zo-journal-<pid>.<unique>") that names every file,
 /// and opening the project after its process ended completes that save.
 ///
+/// Swap files are written without a sync; a commit makes them durable, all of a commit's
+/// together. Until then the owner mark notes what each holds (a size and a hash, anew whenever a
+/// handle that wrote closes), so that after the machine stopped, a swap file whose content did
+/// not all reach the disk is told apart (RecoverableState::torn) and never recovered. What is
+/// written to a swap file by other means than a handle of this class (a C stream, the path
+/// createSwapFile returns) is noted when the ProjectVFS lets its pending files go.
+///
 /// Paths are relative to the root unless absolute. Handles returned by file() and open() share
 /// the engine state and stay valid after the ProjectVFS is gone. Use from one thread.
 ///
@@ -75,6 +82,9 @@ public:
         /// size and modification time, as its owner noted them); for a swap file of an older
         /// version, which noted nothing, the source was modified after the swap file was made.
         bool sourceChanged = false;
+        /// The machine stopped before the swap file was written out, and it no longer holds
+        /// what its owner wrote (a torn file): recoverFile refuses it (exception::SwapFileTorn).
+        bool torn = false;
     };
 
     /// A commit of several files that a process began and did not finish, found by its
@@ -257,6 +267,8 @@ public:
     /// move is durable once this returns.
     /// @throws exception::SwapFileRename when the transfer fails (the target exists, or this is
     /// the process's own file): both files stay.
+    /// @throws exception::SwapFileTorn when the swap file is torn (RecoverableState::torn): it
+    /// stays.
     void recoverFile(const RecoverableInfo& info);
     /// Deletes the swap file unless its owner may still run (then only logs why not).
     /// @throws exception::SwapFileRemove when the removal fails.
