@@ -370,31 +370,61 @@ QByteArray ProjectVFS_Impl::StagedCommit::swapName() const
 // removed only once the new content is in place and the renames are durable (the directory is
 // synced). A step that fails undoes the ones before it, so that the entry still matches a swap
 // file on disk.
-ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(
-    const QString& source, const QString& swap, bool syncSwap)
+ProjectVFS_Impl::CommitDirectories::CommitDirectories(std::string root)
+    : _root(std::move(root))
 {
-    StagedCommit staged { source, swap, makeBackupPath(source), {}, {} };
-    const std::string root = encoded(absolutePath()).toStdString();
-    const std::optional<std::string> swapDirectory
-        = zo::os::resolveBeneath(root, encoded(directoryOf(swap)).toStdString());
-    staged.sourceDirectory
-        = zo::os::openDirectoryBeneath(root, encoded(directoryOf(source)).toStdString());
-    if (swapDirectory)
-        staged.swapDirectory = zo::os::openDirectoryBeneath(root, *swapDirectory);
-    if (!staged.sourceDirectory || !staged.swapDirectory)
+}
+
+int ProjectVFS_Impl::CommitDirectories::at(const std::string& directory)
+{
+    // Enough for the directories a commit goes through at once, far below any limit on open
+    // files.
+    constexpr std::size_t kMostOpen = 32;
+    const auto open = _open.find(directory);
+    if (open != _open.end()) {
+        open->second.lastUse = ++_uses;
+        return open->second.descriptor.get();
+    }
+    if (_open.size() >= kMostOpen)
+        _open.erase(std::min_element(_open.begin(), _open.end(),
+            [](const auto& a, const auto& b) { return a.second.lastUse < b.second.lastUse; }));
+    zo::os::UniqueFd descriptor = zo::os::openDirectoryBeneath(_root, directory);
+    const std::optional<zo::os::FileStatus> found
+        = descriptor ? zo::os::status(descriptor.get()) : std::nullopt;
+    if (!found)
+        return -1;
+    const auto [first, fresh] = _identities.emplace(directory, found->identity);
+    if (!fresh && first->second != found->identity) {
+        errno = ESTALE;
+        return -1;
+    }
+    const int opened = descriptor.get();
+    _open[directory] = { std::move(descriptor), ++_uses };
+    return opened;
+}
+
+ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(
+    const QString& source, const QString& swap, CommitDirectories& directories, bool syncSwap)
+{
+    const std::optional<std::string> swapDirectory = zo::os::resolveBeneath(
+        encoded(absolutePath()).toStdString(), encoded(directoryOf(swap)).toStdString());
+    StagedCommit staged { source, swap, makeBackupPath(source),
+        encoded(directoryOf(source)).toStdString(), swapDirectory.value_or(std::string()),
+        &directories };
+    if (!swapDirectory || staged.sourceAt() < 0 || staged.swapAt() < 0)
         throw exception::SwapFileRename(utf8(relativeFilePath(source)));
 
     // Only a file is put in place: a directory or a link in the swap file's place (not made by
     // this process) would replace the source with something else. The source stays.
     const std::optional<zo::os::FileStatus> swapFound
-        = zo::os::statusAt(staged.swapDirectory.get(), staged.swapName().constData(), false);
+        = zo::os::statusAt(staged.swapAt(), staged.swapName().constData(), false);
     if (!swapFound || swapFound->type != zo::os::EntryType::File)
         throw exception::SwapFileMissing(utf8(relativeFilePath(swap)));
 
     // A leftover backup of an interrupted commit whose source is back in place. Removing it
     // stops this commit on purpose; an unremovable one is tolerated. One that may belong to
     // another process's commit in progress is not touched, and stops this commit too.
-    const int at = staged.sourceDirectory.get();
+    const int at = staged.sourceAt();
     if (zo::os::statusAt(at, staged.backupName().constData(), false)
         && zo::os::statusAt(at, staged.sourceName().constData(), false)
         && (zo::os::OwnerMarks().othersMayBeReplacing(encoded(directoryOf(source)).toStdString())
@@ -411,7 +441,7 @@ ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(
 bool ProjectVFS_Impl::swapDurable(const StagedCommit& staged)
 {
     const zo::os::UniqueFd swapFile
-        = zo::os::openForReadingAt(staged.swapDirectory.get(), staged.swapName().constData());
+        = zo::os::openForReadingAt(staged.swapAt(), staged.swapName().constData());
     return swapFile && zo::os::syncFile(swapFile.get());
 }
 
@@ -420,31 +450,31 @@ std::size_t ProjectVFS_Impl::durableSwaps(const std::vector<StagedCommit>& batch
     if (batch.size() <= kSyncedOneByOne)
         return static_cast<std::size_t>(
             std::find_if_not(batch.begin(), batch.end(), swapDurable) - batch.begin());
-    // One descriptor of each file system: its directory's.
-    std::map<std::uint64_t, int> fileSystems;
+    // Each file system by one of its directories.
+    std::map<std::uint64_t, const StagedCommit*> fileSystems;
     for (const StagedCommit& staged : batch) {
-        const std::optional<zo::os::FileStatus> found = zo::os::status(staged.swapDirectory.get());
+        const std::optional<zo::os::FileStatus> found = zo::os::status(staged.swapAt());
         if (!found)
             return 0;
-        fileSystems.emplace(found->identity.device, staged.swapDirectory.get());
+        fileSystems.emplace(found->identity.device, &staged);
     }
-    for (const auto& [device, directory] : fileSystems)
-        if (!zo::os::syncFileSystem(directory))
+    for (const auto& [device, staged] : fileSystems)
+        if (!zo::os::syncFileSystem(staged->swapAt()))
             return 0;
     return batch.size();
 }
 
 void ProjectVFS_Impl::renameCommit(StagedCommit& staged)
 {
-    const int at = staged.sourceDirectory.get();
+    const int at = staged.sourceAt();
     if (zo::os::statusAt(at, staged.sourceName().constData(), false)) {
         if (!zo::os::renameAt(
                 at, staged.sourceName().constData(), at, staged.backupName().constData()))
             throw exception::SourceFileRename(utf8(staged.source));
         staged.backedUp = true;
     }
-    if (!zo::os::renameAt(staged.swapDirectory.get(), staged.swapName().constData(), at,
-            staged.sourceName().constData())) {
+    if (!zo::os::renameAt(
+            staged.swapAt(), staged.swapName().constData(), at, staged.sourceName().constData())) {
         undoCommit(staged);
         throw exception::SwapFileRename(utf8(relativeFilePath(staged.source)));
     }
@@ -453,10 +483,10 @@ void ProjectVFS_Impl::renameCommit(StagedCommit& staged)
 
 void ProjectVFS_Impl::undoCommit(const StagedCommit& staged)
 {
-    const int at = staged.sourceDirectory.get();
+    const int at = staged.sourceAt();
     if (staged.swapRenamed)
-        zo::os::renameAt(at, staged.sourceName().constData(), staged.swapDirectory.get(),
-            staged.swapName().constData());
+        zo::os::renameAt(
+            at, staged.sourceName().constData(), staged.swapAt(), staged.swapName().constData());
     if (staged.backedUp)
         zo::os::renameAt(at, staged.backupName().constData(), at, staged.sourceName().constData());
 }
@@ -466,7 +496,7 @@ void ProjectVFS_Impl::undoCommit(const StagedCommit& staged)
 bool ProjectVFS_Impl::madeDurable(
     const StagedCommit& staged, std::vector<zo::os::FileIdentity>& synced)
 {
-    for (const int directory : { staged.sourceDirectory.get(), staged.swapDirectory.get() }) {
+    for (const int directory : { staged.sourceAt(), staged.swapAt() }) {
         const std::optional<zo::os::FileStatus> found = zo::os::status(directory);
         if (found && std::find(synced.begin(), synced.end(), found->identity) != synced.end())
             continue;
@@ -481,10 +511,12 @@ std::vector<ProjectVFS_Impl::StagedCommit>::iterator ProjectVFS_Impl::renamesDur
     std::vector<StagedCommit>::iterator first, std::vector<StagedCommit>::iterator last)
 {
     std::set<std::pair<std::uint64_t, std::uint64_t>> directories;
-    std::map<std::uint64_t, int> fileSystems;
+    // Each file system by one of its directories.
+    std::map<std::uint64_t, const std::string*> fileSystems;
     for (auto staged = first; staged != last; ++staged)
-        for (const int directory : { staged->sourceDirectory.get(), staged->swapDirectory.get() }) {
-            const std::optional<zo::os::FileStatus> found = zo::os::status(directory);
+        for (const std::string* directory : { &staged->sourceDirectory, &staged->swapDirectory }) {
+            const std::optional<zo::os::FileStatus> found
+                = zo::os::status(staged->directories->at(*directory));
             if (!found)
                 return first;
             directories.emplace(found->identity.device, found->identity.inode);
@@ -498,14 +530,15 @@ std::vector<ProjectVFS_Impl::StagedCommit>::iterator ProjectVFS_Impl::renamesDur
         return durable;
     }
     for (const auto& [device, directory] : fileSystems)
-        if (!zo::os::syncFileSystem(directory))
+        if (!zo::os::syncFileSystem(first->directories->at(*directory)))
             return first;
     return last;
 }
 
 void ProjectVFS_Impl::commitFile(const QString& source, const QString& swap)
 {
-    StagedCommit staged = prepareCommit(source, swap, true);
+    CommitDirectories directories(encoded(absolutePath()).toStdString());
+    StagedCommit staged = prepareCommit(source, swap, directories, true);
     renameCommit(staged);
     std::vector<zo::os::FileIdentity> synced;
     if (!madeDurable(staged, synced)) {
@@ -514,7 +547,7 @@ void ProjectVFS_Impl::commitFile(const QString& source, const QString& swap)
     }
     // Only the backup this commit made: a new file's commit has none.
     if (staged.backedUp)
-        zo::os::removeAt(staged.sourceDirectory.get(), staged.backupName().constData());
+        zo::os::removeAt(staged.sourceAt(), staged.backupName().constData());
 }
 
 void ProjectVFS_Impl::commit(VFSFile& file, ProjectVFS::SourceChanges changes)
@@ -559,11 +592,12 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
     std::exception_ptr failure;
     // 1. Every entry up to the first that cannot be committed, its swap file durable: synced
     // after all were checked, so that the disk writes them in one go.
+    CommitDirectories directories(encoded(absolutePath()).toStdString());
     std::vector<StagedCommit> batch;
     for (auto it = _entries.cbegin(); it != _entries.cend(); ++it) {
         try {
             throwIfDamaged(it.key());
-            batch.push_back(prepareCommit(resolvedPath(it.key()), it.value(), false));
+            batch.push_back(prepareCommit(resolvedPath(it.key()), it.value(), directories, false));
         } catch (...) {
             failure = std::current_exception();
             break;
@@ -622,7 +656,7 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
         journal->remove(true);
     for (auto committed = batch.begin(); committed != durable; ++committed) {
         if (committed->backedUp)
-            zo::os::removeAt(committed->sourceDirectory.get(), committed->backupName().constData());
+            zo::os::removeAt(committed->sourceAt(), committed->backupName().constData());
         const QString path = _entries.firstKey();
         closeHandles(path);
         _sources.remove(path);

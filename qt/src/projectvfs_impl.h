@@ -146,6 +146,29 @@ private:
     using Entries = QMap<QString, QString>;
 
     Entries::iterator removeEntry(const Entries::iterator& it);
+
+    // The directories of a commit, opened beneath the root without following a link. However
+    // many files a commit has, only a few stay open; a directory closed meanwhile is opened
+    // again only as the same directory, so that one replaced (by a link or anything else)
+    // leads nowhere else.
+    class CommitDirectories {
+    public:
+        explicit CommitDirectories(std::string root);
+        // directory (absolute, below the root, no link in it) open; -1 with errno set when it
+        // cannot be opened or is no longer the directory it was when first opened here.
+        int at(const std::string& directory);
+
+    private:
+        struct Open {
+            zo::os::UniqueFd descriptor;
+            std::uint64_t lastUse = 0;
+        };
+        const std::string _root;
+        std::map<std::string, Open> _open;
+        std::map<std::string, zo::os::FileIdentity> _identities;
+        std::uint64_t _uses = 0;
+    };
+
     // One file's commit, from its durable swap file to its renames. The paths are absolute,
     // for messages and the journal; source is where the content goes, a link's target. The
     // renames go through the directories opened when the commit was prepared, so that a
@@ -154,17 +177,21 @@ private:
         QString source;
         QString swap;
         QString backup;
-        zo::os::UniqueFd sourceDirectory;
-        zo::os::UniqueFd swapDirectory;
+        std::string sourceDirectory;
+        std::string swapDirectory;
+        CommitDirectories* directories;
         bool backedUp = false;
         bool swapRenamed = false;
         QByteArray sourceName() const;
         QByteArray backupName() const;
         QByteArray swapName() const;
+        int sourceAt() const { return directories->at(sourceDirectory); }
+        int swapAt() const { return directories->at(swapDirectory); }
     };
     // Checks the file, and makes its swap file durable unless the caller syncs a batch of
     // them; nothing is renamed yet.
-    StagedCommit prepareCommit(const QString& source, const QString& swap, bool syncSwap);
+    StagedCommit prepareCommit(
+        const QString& source, const QString& swap, CommitDirectories& directories, bool syncSwap);
     static bool swapDurable(const StagedCommit& staged);
     // Makes the swap files of a batch durable: each one synced, or for many, each file system
     // they lie on once. Returns how many of the first ones are durable.

@@ -18,6 +18,7 @@
 #include <gmock/gmock.h>
 
 #include <filesystem>
+#include <sys/resource.h>
 
 namespace zo::project {
 namespace {
@@ -145,6 +146,26 @@ TEST_F(Safety, StaleBackupBesideTheSourceStopsOneCommit)
 }
 
 // {failing step, exception (its beginning), files left}.
+// A save of many files, under a limit on open files that a descriptor per file would pass.
+TEST_F(Safety, LargeSaveKeepsFewFilesOpen)
+{
+    rlimit limit {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit lowered { 128, limit.rlim_max };
+    Files saved;
+    for (int n = 0; n < 400; ++n) {
+        const QString name = QString("d%1/f%2").arg(n / 20).arg(n % 20);
+        writeFile(abs(name), "old");
+        vfs.open(name, QIODevice::WriteOnly)->write("new " + name.toUtf8());
+        saved[name] = "new " + name.toUtf8();
+    }
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    const std::string thrown = thrownBy([&] { vfs.commit(); });
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(thrown, "nothing thrown");
+    EXPECT_EQ(filesBelow(dir.path()), saved);
+}
+
 TEST_F(Safety, EveryFailedDurabilityStepIsUndone)
 {
     const auto fails = [](Step step, int nth, const std::function<void()>& body) {
