@@ -305,8 +305,8 @@ TEST(Liveness, SwapFilesOfAnEarlierBootAreRecoveredOnlyWhole)
         if (QByteArray(bytes) != "live")
             writeFile(swap, bytes); // what the disk kept of it
         // The mark, rewritten in place as the owner's of an earlier boot would read.
-        const QString mark
-            = dir.filePath(QDir(dir.path()).entryList({ ".zo-owner-*" }, QDir::Files | QDir::Hidden).value(0));
+        const QString mark = dir.filePath(
+            QDir(dir.path()).entryList({ ".zo-owner-*" }, QDir::Files | QDir::Hidden).value(0));
         QByteArray record = readFile(mark).replace("seals 1", sealing);
         if (earlierBoot) {
             record.replace("boot " + kBoot, "boot an-earlier-boot");
