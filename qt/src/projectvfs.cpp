@@ -512,11 +512,8 @@ void ProjectVFS::recoverFile(const RecoverableInfo& info)
                                       : renameDurably(swap, newSwap);
         // The file keeps the time of its dead owner's last write, from before this process's
         // mark; stamped now, it names this process as its live owner.
-        QFile taken(newSwap);
-        if (transferred && taken.open(QIODevice::ReadWrite)) {
-            taken.setFileTime(QDateTime::currentDateTimeUtc(), QFileDevice::FileModificationTime);
-            taken.close();
-        }
+        if (transferred)
+            detail::ProjectVFS_Impl::stampAsWrittenNow(newSwap);
     }
     if (!transferred)
         throw exception::SwapFileRename(impl->relativeFilePath(info.swapPath).toStdString());

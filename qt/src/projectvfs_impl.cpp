@@ -20,9 +20,11 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <fcntl.h>
 #include <map>
 #include <optional>
 #include <set>
+#include <sys/stat.h>
 #include <vector>
 
 namespace zo::project::detail {
@@ -141,8 +143,17 @@ void ProjectVFS_Impl::recordSource(
     const auto swap = _entries.constFind(path);
     if (swap == _entries.cend())
         return;
-    markBeside(path, swap.value())->noteSource(encoded(swap.value()).toStdString(), source);
+    const std::shared_ptr<zo::os::OwnerMark> mark = markBeside(path, swap.value());
+    stampAsWrittenNow(swap.value());
+    mark->noteSource(encoded(swap.value()).toStdString(), source);
     sealContent(path);
+}
+
+void ProjectVFS_Impl::stampAsWrittenNow(const QString& swap)
+{
+    constexpr timespec kOmit { 0, UTIME_OMIT };
+    constexpr timespec kNow { 0, UTIME_NOW };
+    zo::os::setTimesAt(AT_FDCWD, encoded(swap).constData(), { kOmit, kNow });
 }
 
 void ProjectVFS_Impl::sealContent(const QString& path)
@@ -258,13 +269,15 @@ void ProjectVFS_Impl::removeEntry(const QString& path)
 
 void ProjectVFS_Impl::moveEntry(const VFSFile& file, const QString& oldPath)
 {
-    // The mark stays while the only entry changes its name.
-    const auto mark = ownerMark();
+    // The marks stay while the only entry changes its name: made anew, they would be younger
+    // than the swap file they mark.
+    const auto marks = _marks;
     const bool damaged = _damaged.contains(oldPath);
     const auto source = _sources.constFind(oldPath);
     const std::optional<std::optional<zo::os::FileVersion>> recorded
         = source != _sources.cend() ? std::optional(source.value()) : std::nullopt;
     removeEntry(oldPath);
+    _marks.insert(marks.begin(), marks.end());
     addEntry(file.fileName(), absoluteFilePath(file.swapName()));
     // Their descriptors follow the renamed swap file; their names must too, so that the commit
     // of the new path writes them out and closes them.

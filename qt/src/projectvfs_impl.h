@@ -96,6 +96,9 @@ public:
     // synced until they are committed, so that after the machine stopped, recovery tells one
     // that holds what this process wrote from a torn one (OwnerMarks::mayBeTorn).
     void sealContent(const QString& path);
+    // Gives the swap file (absolute) the time of now: its marks are judged to be its owner's
+    // only when made before its last write, which a moved, copied or taken-over file keeps.
+    static void stampAsWrittenNow(const QString& swap);
     // Records the current version of the path's source.
     void recordCurrentSource(const QString& path);
     // Whether another program changed the pending path's source since it was recorded.

@@ -284,39 +284,63 @@ TEST(Liveness, BackupOfAnotherProcessesCommitIsLeftAlone)
 }
 
 // After the machine stopped, a swap file is recovered only while it holds what its owner last
-// noted of it; a process that merely died lost nothing it wrote. An owner of an older version,
-// which noted nothing, synced its swap files.
+// noted of it, also once moved, alone or beside another; a process that merely died lost
+// nothing it wrote. An owner of an older version, which noted nothing, synced its swap files.
 TEST(Liveness, SwapFilesOfAnEarlierBootAreRecoveredOnlyWhole)
 {
-    for (const auto& [earlierBoot, bytes, sealing, torn] :
-        { std::tuple { false, "????", "seals 1", false }, { true, "live", "seals 1", false },
-            { true, "????", "seals 1", true }, { true, "live\nmore", "seals 1", true },
-            { true, "????", "seals 0", false } }) {
-        SCOPED_TRACE(testing::Message() << earlierBoot << bytes << sealing);
+    const QStringList hold { "hold", "a.txt" }, moved { "move", "a.txt", "sub/a.txt" },
+        renamed { "move", "sub/b.txt", "sub/c.txt" };
+    for (const auto& [earlierBoot, bytes, sealing, torn, edits] :
+        { std::tuple { false, "????", "seals 1", false, hold },
+            { true, "live", "seals 1", false, hold }, { true, "????", "seals 1", true, hold },
+            { true, "live\nmore", "seals 1", true, hold }, { true, "????", "seals 0", false, hold },
+            { true, "????", "seals 1", true, renamed },
+            { true, "live", "seals 1", false, moved + QStringList { "b.txt" } } }) {
+        SCOPED_TRACE(testing::Message() << earlierBoot << bytes << sealing << edits.size());
         const QTemporaryDir dir;
+        QDir(dir.path()).mkdir("sub");
         writeFile(dir.filePath("a.txt"), "old");
+        writeFile(dir.filePath("sub/b.txt"), "old");
         QProcess owner;
-        startChild(owner, { "hold", dir.path(), "a.txt" });
+        startChild(owner, QStringList { edits[0], dir.path() } + edits.mid(1));
         ASSERT_TRUE(owner.waitForReadyRead(20000)) << owner.readAllStandardError().toStdString();
-        const QString swap = dir.filePath(QString(".a.txt.%1.csp").arg(owner.processId()));
+        const QFileInfo edited(dir.filePath(edits.value(2, edits[1])));
+        const QString swap = edited.dir().filePath(
+            QString(".%1.%2.csp").arg(edited.fileName()).arg(owner.processId()));
         owner.kill();
         owner.waitForFinished();
         ASSERT_EQ(readFile(swap), "live");
+        const QDateTime written = QFileInfo(swap).lastModified();
         if (QByteArray(bytes) != "live")
-            writeFile(swap, bytes); // what the disk kept of it
-        // The mark, rewritten in place as the owner's of an earlier boot would read.
-        const QString mark = dir.filePath(
-            QDir(dir.path()).entryList({ ".zo-owner-*" }, QDir::Files | QDir::Hidden).value(0));
-        QByteArray record = readFile(mark).replace("seals 1", sealing);
-        if (earlierBoot) {
-            record.replace("boot " + kBoot, "boot an-earlier-boot");
-            const int marked = record.indexOf("\nmarked ") + 8;
-            record.replace(marked, record.indexOf('\n', marked) - marked, "3600000000000");
-        }
-        writeFile(mark, record);
+            writeFile(swap, bytes); // what the disk kept of it, as of when it was written
+        // The marks, rewritten in place as those of an earlier boot would read, and every file
+        // as old, so that the times keep their order.
+        // Times shifted alike to shortly after 1970, long before this boot.
+        const qint64 shift = QDateTime::currentMSecsSinceEpoch() - 7200000;
+        for (const QString& directory : { dir.path(), dir.filePath("sub") })
+            for (const QString& name :
+                QDir(directory).entryList({ ".zo-owner-*" }, QDir::Files | QDir::Hidden)) {
+                QByteArray record = readFile(directory + "/" + name).replace("seals 1", sealing);
+                if (earlierBoot)
+                    record.replace("boot " + kBoot, "boot an-earlier-boot");
+                const int at = record.indexOf("\nmarked ") + 8;
+                const qint64 marked = record.mid(at, record.indexOf('\n', at) - at).toLongLong();
+                if (earlierBoot)
+                    record.replace(at, record.indexOf('\n', at) - at,
+                        QByteArray::number(marked - shift * 1000000));
+                writeFile(directory + "/" + name, record);
+            }
+        QFile swapFile(swap);
+        ASSERT_TRUE(swapFile.open(QIODevice::ReadWrite));
+        swapFile.setFileTime(
+            written.addMSecs(earlierBoot ? -shift : 0), QFileDevice::FileModificationTime);
+        swapFile.close();
 
         ProjectVFS project(dir.path());
-        const auto found = project.recoverableFiles();
+        auto found = project.recoverableFiles();
+        found.erase(std::remove_if(found.begin(), found.end(),
+                        [&](const Info& info) { return dir.filePath(info.swapPath) != swap; }),
+            found.end());
         ASSERT_EQ(found.size(), 1u);
         EXPECT_EQ(project.inspect(found).front().torn, torn);
         if (torn) {
@@ -326,7 +350,7 @@ TEST(Liveness, SwapFilesOfAnEarlierBootAreRecoveredOnlyWhole)
         }
         project.recoverFile(found[0]);
         project.commit();
-        EXPECT_EQ(readFile(dir.filePath("a.txt")), bytes);
+        EXPECT_EQ(readFile(edited.filePath()), bytes);
     }
 }
 

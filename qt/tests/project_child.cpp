@@ -1,5 +1,8 @@
 // Another program on a project, for the liveness and kill tests; it makes no QCoreApplication.
 //   hold DIR FILE...    edits each FILE, says "ready" and keeps the edits pending until stdin ends
+//   move DIR FILE TO [OTHER]
+//                       edits FILE (and OTHER), and some seconds later moves it to TO; then as
+//                       hold
 //   model ARCHIVE       loads the archive and gives it an unsaved file, until killed
 //   adopt DIR           takes over the first recoverable workspace, until killed; DIR unused
 //   replace DIR         holds DIR's owner mark as a commit does while it replaces files, until
@@ -48,15 +51,26 @@ int main(int argc, char** argv)
         std::optional<zo::os::OwnerMark::Replacing> replacing;
         if (mode == "replace")
             replacing.emplace(zo::os::OwnerMark::hold(argv[2]));
-        if (mode == "hold" || mode == "model" || mode == "adopt" || mode == "replace") {
-            for (int at = 3; at < argc; ++at)
+        if (mode == "move") {
+            for (const int at : { 3, 5 })
+                if (at < argc)
+                    project.open(QString::fromLocal8Bit(argv[at]), QIODevice::WriteOnly)
+                        ->write("live");
+            ::sleep(3); // longer than the clocks of two hosts may differ
+            project.file(QString::fromLocal8Bit(argv[3]))
+                ->move(QString::fromLocal8Bit(argv[4]), false);
+        }
+        if (mode == "hold" || mode == "move" || mode == "model" || mode == "adopt"
+            || mode == "replace") {
+            for (int at = 3; mode == "hold" && at < argc; ++at)
                 project.open(QString::fromLocal8Bit(argv[at]), QIODevice::WriteOnly)->write("live");
             if (mode == "adopt")
                 model.emplace().recoverWorkspace(ProjectModel::recoverableWorkspaces().at(0));
             std::puts("ready");
             std::fflush(stdout);
-            while (mode != "hold" || std::getchar() != EOF)
-                if (mode != "hold")
+            const bool untilStdinEnds = mode == "hold" || mode == "move";
+            while (!untilStdinEnds || std::getchar() != EOF)
+                if (!untilStdinEnds)
                     ::pause();
         } else if (mode == "abandon") {
             for (const auto& info : project.recoverableFiles()) {
