@@ -273,15 +273,60 @@ std::optional<std::string> readLink(const char* path)
 
 std::optional<std::string> resolveBeneath(const std::string& root, const std::string& path)
 {
-    const std::optional<std::string> resolvedRoot = resolvePhysically(root);
-    const std::optional<std::string> resolved
-        = resolvePhysically(!path.empty() && path[0] == '/' ? path : root + '/' + path);
-    if (!resolvedRoot || !resolved)
+    return BeneathResolver(root).resolve(path);
+}
+
+BeneathResolver::BeneathResolver(std::string root)
+    : _root(std::move(root))
+{
+}
+
+const std::optional<std::string>& BeneathResolver::resolvedRoot()
+{
+    if (!_resolvedRoot)
+        _resolvedRoot = resolvePhysically(_root);
+    return *_resolvedRoot;
+}
+
+const std::optional<std::string>& BeneathResolver::resolvedDirectory(const std::string& directory)
+{
+    const auto known = _resolved.find(directory);
+    if (known != _resolved.end())
+        return known->second;
+    return _resolved[directory] = resolvePhysically(directory);
+}
+
+std::optional<std::string> BeneathResolver::resolve(const std::string& path)
+{
+    const std::string named = !path.empty() && path[0] == '/' ? path : _root + '/' + path;
+    const std::optional<std::string>& top = resolvedRoot();
+    if (!top)
         return std::nullopt;
-    const std::string& top = *resolvedRoot;
-    const bool inside = top == "/" || *resolved == top
-        || (resolved->size() > top.size() && resolved->compare(0, top.size(), top) == 0
-            && (*resolved)[top.size()] == '/');
+    auto known = _resolved.find(named);
+    if (known == _resolved.end()) {
+        const std::size_t slash = named.rfind('/');
+        const std::string_view name = std::string_view(named).substr(slash + 1);
+        std::optional<std::string> resolved;
+        // "." and ".." after a missing component apply as text, which only the whole
+        // resolution knows; so does a root's own last component or a trailing slash.
+        if (name.empty() || slash == 0 || ("/" + named + "/").find("/./") != std::string::npos
+            || ("/" + named + "/").find("/../") != std::string::npos) {
+            resolved = resolvePhysically(named);
+        } else if (const std::optional<std::string>& directory
+            = resolvedDirectory(named.substr(0, slash))) {
+            resolved = joined(*directory, std::string(name));
+            // Missing (beyond what exists, the rest is text) or no link: the joined path is it.
+            const std::optional<FileStatus> found = linkStatus(resolved->c_str());
+            if (found && found->type == EntryType::Link)
+                resolved = resolvePhysically(*resolved);
+        }
+        known = _resolved.emplace(named, std::move(resolved)).first;
+    }
+    const std::optional<std::string>& resolved = known->second;
+    const bool inside = resolved
+        && (*top == "/" || *resolved == *top
+            || (resolved->size() > top->size() && resolved->compare(0, top->size(), *top) == 0
+                && (*resolved)[top->size()] == '/'));
     return inside ? resolved : std::nullopt;
 }
 

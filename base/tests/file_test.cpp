@@ -20,6 +20,7 @@
 #include <climits>
 #include <cstring>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <tuple>
 
@@ -112,8 +113,6 @@ TEST(HiddenName, ParserReadsOnlyItsOwnPattern)
         EXPECT_FALSE(parseHiddenName(name)) << name;
 }
 
-// Whatever step fails, the target holds the old content or, once renamed, the new one, and
-// no hidden file is left; the new file stands in for the old one's permissions and owner.
 // A directory replaced by a link after it was resolved is refused, not followed.
 TEST(Directory, OpenedBeneathARootNeverThroughALink)
 {
@@ -125,6 +124,47 @@ TEST(Directory, OpenedBeneathARootNeverThroughALink)
     EXPECT_FALSE(zo::os::openDirectoryBeneath(root.path, sub));
 }
 
+// One resolver asked for many random paths through links (relative, absolute, leading out,
+// looping, through "..") resolves each as the standard library's weakly_canonical does, and
+// keeps only those inside the root.
+TEST(Directory, ResolvedBeneathARootAsTheSystemResolves)
+{
+    const ScratchDirectory scratch;
+    const std::filesystem::path top = std::filesystem::canonical(scratch.path);
+    const std::filesystem::path root = top / "root";
+    for (const char* directory : { "root/a/b", "root/c", "out" })
+        std::filesystem::create_directories(top / directory);
+    for (const char* file : { "root/f", "root/a/f", "root/a/b/f", "out/f" })
+        zo::test::writeFile((top / file).string(), "x", 0644);
+    const std::pair<const char*, std::string> links[] = { { "root/la", "a" }, { "root/a/up", ".." },
+        { "root/a/b/lf", "../f" }, { "root/c/abs", (root / "a").string() },
+        { "root/lout", "../out" }, { "root/c/loop", "loop2" }, { "root/c/loop2", "loop" } };
+    for (const auto& [link, target] : links)
+        std::filesystem::create_directory_symlink(target, top / link);
+    // Files last: what follows one is no path the system resolves.
+    const char* components[]
+        = { "a", "b", "c", "la", "up", "abs", "lout", "loop", "missing", ".", "..", "f", "lf" };
+    std::mt19937 random(20261124);
+    zo::os::BeneathResolver resolver(root.string());
+    for (int round = 0; round < 3000; ++round) {
+        std::string path = random() % 4 == 0 ? root.string() : std::string();
+        for (std::size_t depth = 1 + random() % 4; depth > 0; --depth)
+            path += (path.empty() ? "" : "/")
+                + std::string(components[random() % (std::size(components) - (depth > 1 ? 2 : 0))]);
+        std::error_code failure;
+        const std::filesystem::path expected
+            = std::filesystem::weakly_canonical(root / path, failure).lexically_normal();
+        std::string text = expected.string();
+        if (text.size() > 1 && text.back() == '/') // after a last "." or ".."
+            text.pop_back();
+        const bool inside
+            = !failure && (text == root.string() || text.rfind(root.string() + "/", 0) == 0);
+        EXPECT_EQ(resolver.resolve(path), inside ? std::optional(text) : std::nullopt) << path;
+    }
+}
+
+// Whatever step fails, the target holds the old content or, once renamed, the new one, and
+// no hidden file is left; the new file stands in for the old one's permissions and owner.
 TEST(DurableReplace, FailsWholeAtEveryStepAndKeepsPermissionsAndOwner)
 {
     const QTemporaryDir dir;

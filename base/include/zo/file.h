@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <sys/types.h>
+#include <unordered_map>
 
 /// @file
 /// Files and directories: their status and identity, descriptors, hidden names, copies and the
@@ -148,6 +149,28 @@ ZO_EXPORT std::optional<std::string> readLink(const char* path);
 /// is resolved the same way) or links loop. root itself counts as inside.
 ZO_EXPORT std::optional<std::string> resolveBeneath(
     const std::string& root, const std::string& path);
+
+/// resolveBeneath for the many paths of one operation below one root: the root, each path and
+/// each directory above one are resolved once, on first use, and remembered while the object
+/// lives.
+/// A directory replaced by a link meanwhile is not noticed, so the result names a place, and
+/// what is done there must still refuse links (openDirectoryBeneath, the "At" calls).
+class ZO_EXPORT BeneathResolver {
+public:
+    /// Resolves nothing yet; root as resolveBeneath takes it.
+    explicit BeneathResolver(std::string root);
+    /// resolveBeneath(root, path).
+    std::optional<std::string> resolve(const std::string& path);
+
+private:
+    const std::optional<std::string>& resolvedRoot();
+    const std::optional<std::string>& resolvedDirectory(const std::string& directory);
+
+    std::string _root;
+    std::optional<std::optional<std::string>> _resolvedRoot;
+    // By the absolute path named: where it leads, none for a loop.
+    std::unordered_map<std::string, std::optional<std::string>> _resolved;
+};
 /// Whether this process may read what path names (by its real user and group, as access(2)).
 ZO_EXPORT bool isReadable(const char* path);
 /// Whether this process may read name in the open directory, a link followed (as faccessat(2)).
