@@ -89,8 +89,13 @@ void ProjectVFS_Impl::leavePending()
 
 QString ProjectVFS_Impl::resolvedPath(const QString& path) const
 {
-    const std::optional<std::string> resolved = zo::os::resolveBeneath(
-        encoded(absolutePath()).toStdString(), encoded(path).toStdString());
+    zo::os::BeneathResolver resolver(encoded(absolutePath()).toStdString());
+    return resolvedPath(path, resolver);
+}
+
+QString ProjectVFS_Impl::resolvedPath(const QString& path, zo::os::BeneathResolver& resolver) const
+{
+    const std::optional<std::string> resolved = resolver.resolve(encoded(path).toStdString());
     if (!resolved)
         throw exception::PathOutsideProject(utf8(path));
     return decodedPath(*resolved);
@@ -177,16 +182,23 @@ void ProjectVFS_Impl::recordCurrentSource(const QString& path)
 
 bool ProjectVFS_Impl::sourceChanged(const QString& path) const
 {
-    const auto recorded = _sources.constFind(path);
-    return recorded != _sources.cend()
-        && zo::os::versionOf(encoded(resolvedPath(path)).constData()) != recorded.value();
+    zo::os::BeneathResolver resolver(encoded(absolutePath()).toStdString());
+    return sourceChanged(path, resolver);
 }
 
-void ProjectVFS_Impl::throwIfSourcesChanged(const QStringList& paths) const
+bool ProjectVFS_Impl::sourceChanged(const QString& path, zo::os::BeneathResolver& resolver) const
+{
+    const auto recorded = _sources.constFind(path);
+    return recorded != _sources.cend()
+        && zo::os::versionOf(encoded(resolvedPath(path, resolver)).constData()) != recorded.value();
+}
+
+void ProjectVFS_Impl::throwIfSourcesChanged(
+    const QStringList& paths, zo::os::BeneathResolver& resolver) const
 {
     std::vector<std::string> changed;
     for (const QString& path : paths)
-        if (sourceChanged(path))
+        if (sourceChanged(path, resolver))
             changed.push_back(utf8(path));
     if (!changed.empty())
         throw exception::SourceFileChanged(changed);
@@ -363,19 +375,18 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
     return swap;
 }
 
-QByteArray ProjectVFS_Impl::StagedCommit::sourceName() const
+ProjectVFS_Impl::StagedCommit::StagedCommit(const QString& source, const QString& swap,
+    const QString& backup, std::string swapDirectory, CommitDirectories& directories)
+    : source(source)
+    , swap(swap)
+    , backup(backup)
+    , sourceDirectory(encoded(directoryOf(source)).toStdString())
+    , swapDirectory(std::move(swapDirectory))
+    , sourceName(encoded(QFileInfo(source).fileName()))
+    , backupName(encoded(QFileInfo(backup).fileName()))
+    , swapName(encoded(QFileInfo(swap).fileName()))
+    , directories(&directories)
 {
-    return encoded(QFileInfo(source).fileName());
-}
-
-QByteArray ProjectVFS_Impl::StagedCommit::backupName() const
-{
-    return encoded(QFileInfo(backup).fileName());
-}
-
-QByteArray ProjectVFS_Impl::StagedCommit::swapName() const
-{
-    return encoded(QFileInfo(swap).fileName());
 }
 
 // Commit protocol. Until the swap file has replaced the source, the old content is always on
@@ -384,8 +395,18 @@ QByteArray ProjectVFS_Impl::StagedCommit::swapName() const
 // synced). A step that fails undoes the ones before it, so that the entry still matches a swap
 // file on disk.
 ProjectVFS_Impl::CommitDirectories::CommitDirectories(std::string root)
-    : _root(std::move(root))
+    : _root(root)
+    , _resolver(std::move(root))
 {
+}
+
+std::optional<zo::os::FileIdentity> ProjectVFS_Impl::CommitDirectories::identityOf(
+    const std::string& directory) const
+{
+    const auto known = _identities.find(directory);
+    if (known == _identities.end())
+        return std::nullopt;
+    return known->second;
 }
 
 int ProjectVFS_Impl::CommitDirectories::at(const std::string& directory)
@@ -419,29 +440,29 @@ int ProjectVFS_Impl::CommitDirectories::at(const std::string& directory)
 ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(
     const QString& source, const QString& swap, CommitDirectories& directories, bool syncSwap)
 {
-    const std::optional<std::string> swapDirectory = zo::os::resolveBeneath(
-        encoded(absolutePath()).toStdString(), encoded(directoryOf(swap)).toStdString());
-    StagedCommit staged { source, swap, makeBackupPath(source),
-        encoded(directoryOf(source)).toStdString(), swapDirectory.value_or(std::string()),
-        &directories };
+    const std::optional<std::string> swapDirectory
+        = directories.resolver().resolve(encoded(directoryOf(swap)).toStdString());
+    StagedCommit staged(
+        source, swap, makeBackupPath(source), swapDirectory.value_or(std::string()), directories);
     if (!swapDirectory || staged.sourceAt() < 0 || staged.swapAt() < 0)
         throw exception::SwapFileRename(utf8(relativeFilePath(source)));
 
     // Only a file is put in place: a directory or a link in the swap file's place (not made by
     // this process) would replace the source with something else. The source stays.
     const std::optional<zo::os::FileStatus> swapFound
-        = zo::os::statusAt(staged.swapAt(), staged.swapName().constData(), false);
+        = zo::os::statusAt(staged.swapAt(), staged.swapName.constData(), false);
     if (!swapFound || swapFound->type != zo::os::EntryType::File)
         throw exception::SwapFileMissing(utf8(relativeFilePath(swap)));
+    staged.newContent = swapFound->identity;
 
     // A leftover backup of an interrupted commit whose source is back in place. Removing it
     // stops this commit on purpose; an unremovable one is tolerated. One that may belong to
     // another process's commit in progress is not touched, and stops this commit too.
     const int at = staged.sourceAt();
-    if (zo::os::statusAt(at, staged.backupName().constData(), false)
-        && zo::os::statusAt(at, staged.sourceName().constData(), false)
+    staged.oldContent = zo::os::statusAt(at, staged.sourceName.constData(), false);
+    if (staged.oldContent && zo::os::statusAt(at, staged.backupName.constData(), false)
         && (zo::os::OwnerMarks().othersMayBeReplacing(encoded(directoryOf(source)).toStdString())
-            || zo::os::removeAt(at, staged.backupName().constData())))
+            || zo::os::removeAt(at, staged.backupName.constData())))
         throw exception::SourceFileBackupRemove(utf8(relativeFilePath(staged.backup)));
 
     // The swap data must reach the disk before the rename does: otherwise a crash could leave
@@ -454,7 +475,7 @@ ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(
 bool ProjectVFS_Impl::swapDurable(const StagedCommit& staged)
 {
     const zo::os::UniqueFd swapFile
-        = zo::os::openForReadingAt(staged.swapAt(), staged.swapName().constData());
+        = zo::os::openForReadingAt(staged.swapAt(), staged.swapName.constData());
     return swapFile && zo::os::syncFile(swapFile.get());
 }
 
@@ -466,10 +487,11 @@ std::size_t ProjectVFS_Impl::durableSwaps(const std::vector<StagedCommit>& batch
     // Each file system by one of its directories.
     std::map<std::uint64_t, const StagedCommit*> fileSystems;
     for (const StagedCommit& staged : batch) {
-        const std::optional<zo::os::FileStatus> found = zo::os::status(staged.swapAt());
-        if (!found)
+        const std::optional<zo::os::FileIdentity> identity
+            = staged.directories->identityOf(staged.swapDirectory);
+        if (!identity)
             return 0;
-        fileSystems.emplace(found->identity.device, &staged);
+        fileSystems.emplace(identity->device, &staged);
     }
     for (const auto& [device, staged] : fileSystems)
         if (!zo::os::syncFileSystem(staged->swapAt()))
@@ -480,14 +502,18 @@ std::size_t ProjectVFS_Impl::durableSwaps(const std::vector<StagedCommit>& batch
 void ProjectVFS_Impl::renameCommit(StagedCommit& staged)
 {
     const int at = staged.sourceAt();
-    if (zo::os::statusAt(at, staged.sourceName().constData(), false)) {
-        if (!zo::os::renameAt(
-                at, staged.sourceName().constData(), at, staged.backupName().constData()))
-            throw exception::SourceFileRename(utf8(staged.source));
+    if (zo::os::renameAt(at, staged.sourceName.constData(), at, staged.backupName.constData()))
         staged.backedUp = true;
-    }
-    if (!zo::os::renameAt(
-            staged.swapAt(), staged.swapName().constData(), at, staged.sourceName().constData())) {
+    else if (errno != ENOENT)
+        throw exception::SourceFileRename(utf8(staged.source));
+    // With no source to back up (a new file), the swap file takes only a free name, so that a
+    // file another program made there meanwhile stays.
+    const bool placed = staged.backedUp
+        ? zo::os::renameAt(
+            staged.swapAt(), staged.swapName.constData(), at, staged.sourceName.constData())
+        : zo::os::renameToFreeNameAt(
+            staged.swapAt(), staged.swapName.constData(), at, staged.sourceName.constData());
+    if (!placed) {
         undoCommit(staged);
         throw exception::SwapFileRename(utf8(relativeFilePath(staged.source)));
     }
@@ -499,9 +525,9 @@ void ProjectVFS_Impl::undoCommit(const StagedCommit& staged)
     const int at = staged.sourceAt();
     if (staged.swapRenamed)
         zo::os::renameAt(
-            at, staged.sourceName().constData(), staged.swapAt(), staged.swapName().constData());
+            at, staged.sourceName.constData(), staged.swapAt(), staged.swapName.constData());
     if (staged.backedUp)
-        zo::os::renameAt(at, staged.backupName().constData(), at, staged.sourceName().constData());
+        zo::os::renameAt(at, staged.backupName.constData(), at, staged.sourceName.constData());
 }
 
 // The swap file leaves its own directory, which differs from the source's when the source is
@@ -509,13 +535,14 @@ void ProjectVFS_Impl::undoCommit(const StagedCommit& staged)
 bool ProjectVFS_Impl::madeDurable(
     const StagedCommit& staged, std::vector<zo::os::FileIdentity>& synced)
 {
-    for (const int directory : { staged.sourceAt(), staged.swapAt() }) {
-        const std::optional<zo::os::FileStatus> found = zo::os::status(directory);
-        if (found && std::find(synced.begin(), synced.end(), found->identity) != synced.end())
+    for (const std::string* directory : { &staged.sourceDirectory, &staged.swapDirectory }) {
+        const std::optional<zo::os::FileIdentity> identity
+            = staged.directories->identityOf(*directory);
+        if (identity && std::find(synced.begin(), synced.end(), *identity) != synced.end())
             continue;
-        if (!found || !zo::os::syncDirectory(directory))
+        if (!identity || !zo::os::syncDirectory(staged.directories->at(*directory)))
             return false;
-        synced.push_back(found->identity);
+        synced.push_back(*identity);
     }
     return true;
 }
@@ -528,12 +555,12 @@ std::vector<ProjectVFS_Impl::StagedCommit>::iterator ProjectVFS_Impl::renamesDur
     std::map<std::uint64_t, const std::string*> fileSystems;
     for (auto staged = first; staged != last; ++staged)
         for (const std::string* directory : { &staged->sourceDirectory, &staged->swapDirectory }) {
-            const std::optional<zo::os::FileStatus> found
-                = zo::os::status(staged->directories->at(*directory));
-            if (!found)
+            const std::optional<zo::os::FileIdentity> identity
+                = staged->directories->identityOf(*directory);
+            if (!identity)
                 return first;
-            directories.emplace(found->identity.device, found->identity.inode);
-            fileSystems.emplace(found->identity.device, directory);
+            directories.emplace(identity->device, identity->inode);
+            fileSystems.emplace(identity->device, directory);
         }
     if (directories.size() <= kSyncedOneByOne) {
         std::vector<zo::os::FileIdentity> synced;
@@ -548,9 +575,9 @@ std::vector<ProjectVFS_Impl::StagedCommit>::iterator ProjectVFS_Impl::renamesDur
     return last;
 }
 
-void ProjectVFS_Impl::commitFile(const QString& source, const QString& swap)
+void ProjectVFS_Impl::commitFile(
+    const QString& source, const QString& swap, CommitDirectories& directories)
 {
-    CommitDirectories directories(encoded(absolutePath()).toStdString());
     StagedCommit staged = prepareCommit(source, swap, directories, true);
     renameCommit(staged);
     std::vector<zo::os::FileIdentity> synced;
@@ -560,7 +587,7 @@ void ProjectVFS_Impl::commitFile(const QString& source, const QString& swap)
     }
     // Only the backup this commit made: a new file's commit has none.
     if (staged.backedUp)
-        zo::os::removeAt(staged.sourceAt(), staged.backupName().constData());
+        zo::os::removeAt(staged.sourceAt(), staged.backupName.constData());
 }
 
 void ProjectVFS_Impl::commit(VFSFile& file, ProjectVFS::SourceChanges changes)
@@ -574,11 +601,12 @@ void ProjectVFS_Impl::commit(VFSFile& file, ProjectVFS::SourceChanges changes)
     // Closing flushes, which may still fail and damage the entry; so may the other handles.
     file.close();
     writeOutHandles(name);
+    CommitDirectories directories(encoded(absolutePath()).toStdString());
     if (changes == ProjectVFS::SourceChanges::Refuse)
-        throwIfSourcesChanged({ name });
+        throwIfSourcesChanged({ name }, directories.resolver());
     {
         const zo::os::OwnerMark::Replacing replacing(ownerMark());
-        commitFile(resolvedPath(name), _entries.value(name));
+        commitFile(resolvedPath(name, directories.resolver()), _entries.value(name), directories);
     }
     closeHandles(name);
     removeEntry(name);
@@ -598,19 +626,20 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
     const QStringList paths = _entries.keys();
     for (const QString& path : paths)
         flushHandles(path);
+    CommitDirectories directories(encoded(absolutePath()).toStdString());
     if (changes == ProjectVFS::SourceChanges::Refuse)
-        throwIfSourcesChanged(paths);
+        throwIfSourcesChanged(paths, directories.resolver());
 
     const zo::os::OwnerMark::Replacing replacing(ownerMark());
     std::exception_ptr failure;
     // 1. Every entry up to the first that cannot be committed, its swap file durable: synced
     // after all were checked, so that the disk writes them in one go.
-    CommitDirectories directories(encoded(absolutePath()).toStdString());
     std::vector<StagedCommit> batch;
     for (auto it = _entries.cbegin(); it != _entries.cend(); ++it) {
         try {
             throwIfDamaged(it.key());
-            batch.push_back(prepareCommit(resolvedPath(it.key()), it.value(), directories, false));
+            batch.push_back(prepareCommit(
+                resolvedPath(it.key(), directories.resolver()), it.value(), directories, false));
         } catch (...) {
             failure = std::current_exception();
             break;
@@ -626,9 +655,10 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
     // 2. The journal, durable before anything is renamed.
     std::optional<SaveJournal> journal;
     if (batch.size() > 1) {
-        std::vector<SavedFile> files;
+        std::vector<FileToSave> files;
         for (const StagedCommit& staged : batch)
-            files.push_back({ staged.source, staged.swap, staged.backup });
+            files.push_back({ { staged.source, staged.swap, staged.backup }, staged.newContent,
+                staged.oldContent });
         QString why;
         journal = SaveJournal::write(absolutePath(), files, why);
         if (!journal) {
@@ -669,7 +699,7 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
         journal->remove(true);
     for (auto committed = batch.begin(); committed != durable; ++committed) {
         if (committed->backedUp)
-            zo::os::removeAt(committed->sourceAt(), committed->backupName().constData());
+            zo::os::removeAt(committed->sourceAt(), committed->backupName.constData());
         const QString path = _entries.firstKey();
         closeHandles(path);
         _sources.remove(path);

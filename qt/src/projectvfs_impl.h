@@ -72,6 +72,8 @@ public:
     // What path names, links followed, as an absolute path: where a commit of it goes.
     // exception::PathOutsideProject when that is outside the root.
     QString resolvedPath(const QString& path) const;
+    // The same through resolver, which remembers the directories for the next paths.
+    QString resolvedPath(const QString& path, zo::os::BeneathResolver& resolver) const;
     // Refuses a path outside the root (exception::PathOutsideProject); with followLastLink
     // false, a last component that is a link may lead anywhere, as the link itself is meant.
     void requireInside(const QString& path, bool followLastLink) const;
@@ -103,6 +105,7 @@ public:
     void recordCurrentSource(const QString& path);
     // Whether another program changed the pending path's source since it was recorded.
     bool sourceChanged(const QString& path) const;
+    bool sourceChanged(const QString& path, zo::os::BeneathResolver& resolver) const;
 
     // The pending paths as given, in order.
     QStringList pendingPaths() const { return _entries.keys(); }
@@ -150,16 +153,20 @@ private:
 
     Entries::iterator removeEntry(const Entries::iterator& it);
 
-    // The directories of a commit, opened beneath the root without following a link. However
-    // many files a commit has, only a few stay open; a directory closed meanwhile is opened
-    // again only as the same directory, so that one replaced (by a link or anything else)
-    // leads nowhere else.
+    // The directories of a commit, each resolved once and opened beneath the root without
+    // following a link. However many files a commit has, only a few stay open; a directory
+    // closed meanwhile is opened again only as the same directory, so that one replaced (by a
+    // link or anything else) leads nowhere else.
     class CommitDirectories {
     public:
         explicit CommitDirectories(std::string root);
+        // Resolves the paths of this commit.
+        zo::os::BeneathResolver& resolver() { return _resolver; }
         // directory (absolute, below the root, no link in it) open; -1 with errno set when it
         // cannot be opened or is no longer the directory it was when first opened here.
         int at(const std::string& directory);
+        // The identity directory had when this commit first opened it; none if it never did.
+        std::optional<zo::os::FileIdentity> identityOf(const std::string& directory) const;
 
     private:
         struct Open {
@@ -167,6 +174,7 @@ private:
             std::uint64_t lastUse = 0;
         };
         const std::string _root;
+        zo::os::BeneathResolver _resolver;
         std::map<std::string, Open> _open;
         std::map<std::string, zo::os::FileIdentity> _identities;
         std::uint64_t _uses = 0;
@@ -177,17 +185,23 @@ private:
     // renames go through the directories opened when the commit was prepared, so that a
     // directory replaced by a link meanwhile leads nowhere else.
     struct StagedCommit {
+        StagedCommit(const QString& source, const QString& swap, const QString& backup,
+            std::string swapDirectory, CommitDirectories& directories);
         QString source;
         QString swap;
         QString backup;
         std::string sourceDirectory;
         std::string swapDirectory;
+        // The last components of the three paths, for the calls at their directories.
+        QByteArray sourceName;
+        QByteArray backupName;
+        QByteArray swapName;
         CommitDirectories* directories;
+        // The swap file and the source as the commit was prepared; for the journal.
+        zo::os::FileIdentity newContent;
+        std::optional<zo::os::FileStatus> oldContent;
         bool backedUp = false;
         bool swapRenamed = false;
-        QByteArray sourceName() const;
-        QByteArray backupName() const;
-        QByteArray swapName() const;
         int sourceAt() const { return directories->at(sourceDirectory); }
         int swapAt() const { return directories->at(swapDirectory); }
     };
@@ -208,13 +222,13 @@ private:
     void undoCommit(const StagedCommit& staged);
     // Syncs the directories of a commit once each; false at the first that fails.
     static bool madeDurable(const StagedCommit& staged, std::vector<zo::os::FileIdentity>& synced);
-    void commitFile(const QString& source, const QString& swap);
+    void commitFile(const QString& source, const QString& swap, CommitDirectories& directories);
 
     // forgetPending without closing handles or telling the handler.
     void leavePending();
 
     void throwIfDamaged(const QString& path) const;
-    void throwIfSourcesChanged(const QStringList& paths) const;
+    void throwIfSourcesChanged(const QStringList& paths, zo::os::BeneathResolver& resolver) const;
     // Writes out what the handles open on path's swap file buffer; a failure damages the entry.
     void flushHandles(const QString& path);
     void closeHandles(const QString& path);

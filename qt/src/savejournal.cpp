@@ -259,7 +259,7 @@ bool untouchedSince(const SavedFile& file, const Entry& entry)
 } // namespace
 
 std::optional<SaveJournal> SaveJournal::write(
-    const QString& directory, const std::vector<SavedFile>& files, QString& failure)
+    const QString& directory, const std::vector<FileToSave>& files, QString& failure)
 {
     const QString root = QFileInfo(directory).canonicalFilePath();
     // The engine resolved each path inside the root already; one named from the root as it
@@ -270,18 +270,17 @@ std::optional<SaveJournal> SaveJournal::write(
                                                         : beneath.relative(path);
     };
     QByteArray text = kFormatLine;
-    for (const SavedFile& file : files) {
-        const QString source = relative(file.source);
-        const QString swap = relative(file.swap);
-        const QString backup = relative(file.backup);
-        const std::optional<FileIdentity> newContent = identityOf(file.swap);
-        if (source.isEmpty() || swap.isEmpty() || backup.isEmpty() || !newContent) {
-            failure = QStringLiteral("'%1' is not a file inside '%2'").arg(file.swap, root);
+    for (const FileToSave& file : files) {
+        const QString source = relative(file.paths.source);
+        const QString swap = relative(file.paths.swap);
+        const QString backup = relative(file.paths.backup);
+        if (source.isEmpty() || swap.isEmpty() || backup.isEmpty()) {
+            failure = QStringLiteral("'%1' is not a file inside '%2'").arg(file.paths.swap, root);
             return std::nullopt;
         }
         text += QByteArray(kFileKey) + ' ' + encoded(source).toHex() + ' ' + encoded(swap).toHex()
-            + ' ' + encoded(backup).toHex() + ' ' + identityText(newContent) + ' '
-            + oldContentText(statusOf(file.source)) + '\n';
+            + ' ' + encoded(backup).toHex() + ' ' + identityText(file.newContent) + ' '
+            + oldContentText(file.oldContent) + '\n';
     }
     const auto checksumAt = static_cast<off_t>(text.size() + qstrlen(kSumKey));
     text += kSumKey + checksumOf(text) + '\n';

@@ -42,13 +42,22 @@ struct SavedFile {
     QString backup; // where the old content lies between the two renames
 };
 
+// A file of the save being journalled, with what tells later whether its renames took place:
+// its new content's identity and its old content's status (none for a new file), as the save
+// found them before renaming anything.
+struct FileToSave {
+    SavedFile paths;
+    zo::os::FileIdentity newContent;
+    std::optional<zo::os::FileStatus> oldContent;
+};
+
 // The journal of this process's save, on disk from write until remove.
 class SaveJournal {
 public:
     // The journal of files, written into directory and durable. None when that fails, with
     // the reason in failure; nothing is left behind then.
     static std::optional<SaveJournal> write(
-        const QString& directory, const std::vector<SavedFile>& files, QString& failure);
+        const QString& directory, const std::vector<FileToSave>& files, QString& failure);
 
     // Durably when the save stopped short, and voided first, so that no later process redoes
     // what it undid or left pending. False (logged) when the journal stays.
