@@ -38,6 +38,12 @@ QString directoryOf(const QString& path)
     return QFileInfo(path).absolutePath();
 }
 
+// The version a status shows; none for none.
+std::optional<zo::os::FileVersion> versionIn(const std::optional<zo::os::FileStatus>& status)
+{
+    return status ? std::optional(zo::os::FileVersion::of(*status)) : std::nullopt;
+}
+
 // Up to these many swap files or directories are synced one by one; more are made durable by a
 // sync of each file system they lie on, whose cost does not grow with them.
 constexpr std::size_t kSyncedOneByOne = 4;
@@ -375,9 +381,11 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
     return swap;
 }
 
-ProjectVFS_Impl::StagedCommit::StagedCommit(const QString& source, const QString& swap,
-    const QString& backup, std::string swapDirectory, CommitDirectories& directories)
-    : source(source)
+ProjectVFS_Impl::StagedCommit::StagedCommit(const QString& path, const QString& source,
+    const QString& swap, const QString& backup, std::string swapDirectory,
+    CommitDirectories& directories)
+    : path(path)
+    , source(source)
     , swap(swap)
     , backup(backup)
     , sourceDirectory(encoded(directoryOf(source)).toStdString())
@@ -433,17 +441,31 @@ int ProjectVFS_Impl::CommitDirectories::at(const std::string& directory)
         return -1;
     }
     const int opened = descriptor.get();
+    if (fresh && !_fileSystems.count(found->identity.device)) {
+        zo::os::UniqueFd kept = zo::os::duplicate(opened);
+        if (!kept)
+            return -1;
+        _fileSystems.emplace(found->identity.device, std::move(kept));
+    }
     _open[directory] = { std::move(descriptor), ++_uses };
     return opened;
 }
 
-ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(
-    const QString& source, const QString& swap, CommitDirectories& directories, bool syncSwap)
+bool ProjectVFS_Impl::CommitDirectories::syncFileSystems() const
 {
+    return std::all_of(_fileSystems.begin(), _fileSystems.end(),
+        [](const auto& fileSystem) { return zo::os::syncFileSystem(fileSystem.second.get()); });
+}
+
+ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(const QString& path,
+    ProjectVFS::SourceChanges changes, CommitDirectories& directories, bool syncSwap)
+{
+    const QString source = resolvedPath(path, directories.resolver());
+    const QString swap = _entries.value(path);
     const std::optional<std::string> swapDirectory
         = directories.resolver().resolve(encoded(directoryOf(swap)).toStdString());
-    StagedCommit staged(
-        source, swap, makeBackupPath(source), swapDirectory.value_or(std::string()), directories);
+    StagedCommit staged(path, source, swap, makeBackupPath(source),
+        swapDirectory.value_or(std::string()), directories);
     if (!swapDirectory || staged.sourceAt() < 0 || staged.swapAt() < 0)
         throw exception::SwapFileRename(utf8(relativeFilePath(source)));
 
@@ -460,6 +482,13 @@ ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(
     // another process's commit in progress is not touched, and stops this commit too.
     const int at = staged.sourceAt();
     staged.oldContent = zo::os::statusAt(at, staged.sourceName.constData(), false);
+    // Checked again here, and once more as the source is renamed, so that a change made while
+    // the commit runs is found too.
+    const auto recorded = _sources.constFind(path);
+    staged.refusesChanges = changes == ProjectVFS::SourceChanges::Refuse;
+    if (staged.refusesChanges && recorded != _sources.cend()
+        && versionIn(staged.oldContent) != recorded.value())
+        throw exception::SourceFileChanged({ utf8(path) });
     if (staged.oldContent && zo::os::statusAt(at, staged.backupName.constData(), false)
         && (zo::os::OwnerMarks().othersMayBeReplacing(encoded(directoryOf(source)).toStdString())
             || zo::os::removeAt(at, staged.backupName.constData())))
@@ -484,37 +513,34 @@ std::size_t ProjectVFS_Impl::durableSwaps(const std::vector<StagedCommit>& batch
     if (batch.size() <= kSyncedOneByOne)
         return static_cast<std::size_t>(
             std::find_if_not(batch.begin(), batch.end(), swapDurable) - batch.begin());
-    // Each file system by one of its directories.
-    std::map<std::uint64_t, const StagedCommit*> fileSystems;
-    for (const StagedCommit& staged : batch) {
-        const std::optional<zo::os::FileIdentity> identity
-            = staged.directories->identityOf(staged.swapDirectory);
-        if (!identity)
-            return 0;
-        fileSystems.emplace(identity->device, &staged);
-    }
-    for (const auto& [device, staged] : fileSystems)
-        if (!zo::os::syncFileSystem(staged->swapAt()))
-            return 0;
-    return batch.size();
+    return batch.front().directories->syncFileSystems() ? batch.size() : 0;
 }
 
 void ProjectVFS_Impl::renameCommit(StagedCommit& staged)
 {
     const int at = staged.sourceAt();
-    if (zo::os::renameAt(at, staged.sourceName.constData(), at, staged.backupName.constData()))
-        staged.backedUp = true;
-    else if (errno != ENOENT)
-        throw exception::SourceFileRename(utf8(staged.source));
-    // With no source to back up (a new file), the swap file takes only a free name, so that a
-    // file another program made there meanwhile stays.
-    const bool placed = staged.backedUp
-        ? zo::os::renameAt(
-            staged.swapAt(), staged.swapName.constData(), at, staged.sourceName.constData())
-        : zo::os::renameToFreeNameAt(
-            staged.swapAt(), staged.swapName.constData(), at, staged.sourceName.constData());
-    if (!placed) {
+    if (staged.oldContent) {
+        if (zo::os::renameAt(at, staged.sourceName.constData(), at, staged.backupName.constData()))
+            staged.backedUp = true;
+        else if (errno != ENOENT)
+            throw exception::SourceFileRename(utf8(staged.source));
+    }
+    // What was renamed must be what the commit was prepared for: another program's change
+    // since would go with the backup.
+    if (staged.backedUp && staged.refusesChanges
+        && versionIn(zo::os::statusAt(at, staged.backupName.constData(), false))
+            != versionIn(staged.oldContent)) {
         undoCommit(staged);
+        throw exception::SourceFileChanged({ utf8(staged.path) });
+    }
+    // The swap file takes only a free name, so that a file another program made there meanwhile
+    // (a new file's, or since the source was renamed) stays.
+    if (!zo::os::renameToFreeNameAt(
+            staged.swapAt(), staged.swapName.constData(), at, staged.sourceName.constData())) {
+        const bool taken = errno == EEXIST;
+        undoCommit(staged);
+        if (taken)
+            throw exception::SourceFileChanged({ utf8(staged.path) });
         throw exception::SwapFileRename(utf8(relativeFilePath(staged.source)));
     }
     staged.swapRenamed = true;
@@ -526,8 +552,11 @@ void ProjectVFS_Impl::undoCommit(const StagedCommit& staged)
     if (staged.swapRenamed)
         zo::os::renameAt(
             at, staged.sourceName.constData(), staged.swapAt(), staged.swapName.constData());
+    // A file another program made at the source's name meanwhile stays; the old content then
+    // stays as the backup.
     if (staged.backedUp)
-        zo::os::renameAt(at, staged.backupName.constData(), at, staged.sourceName.constData());
+        zo::os::renameToFreeNameAt(
+            at, staged.backupName.constData(), at, staged.sourceName.constData());
 }
 
 // The swap file leaves its own directory, which differs from the source's when the source is
@@ -551,8 +580,6 @@ std::vector<ProjectVFS_Impl::StagedCommit>::iterator ProjectVFS_Impl::renamesDur
     std::vector<StagedCommit>::iterator first, std::vector<StagedCommit>::iterator last)
 {
     std::set<std::pair<std::uint64_t, std::uint64_t>> directories;
-    // Each file system by one of its directories.
-    std::map<std::uint64_t, const std::string*> fileSystems;
     for (auto staged = first; staged != last; ++staged)
         for (const std::string* directory : { &staged->sourceDirectory, &staged->swapDirectory }) {
             const std::optional<zo::os::FileIdentity> identity
@@ -560,7 +587,6 @@ std::vector<ProjectVFS_Impl::StagedCommit>::iterator ProjectVFS_Impl::renamesDur
             if (!identity)
                 return first;
             directories.emplace(identity->device, identity->inode);
-            fileSystems.emplace(identity->device, directory);
         }
     if (directories.size() <= kSyncedOneByOne) {
         std::vector<zo::os::FileIdentity> synced;
@@ -569,21 +595,18 @@ std::vector<ProjectVFS_Impl::StagedCommit>::iterator ProjectVFS_Impl::renamesDur
             ++durable;
         return durable;
     }
-    for (const auto& [device, directory] : fileSystems)
-        if (!zo::os::syncFileSystem(first->directories->at(*directory)))
-            return first;
-    return last;
+    return first->directories->syncFileSystems() ? last : first;
 }
 
 void ProjectVFS_Impl::commitFile(
-    const QString& source, const QString& swap, CommitDirectories& directories)
+    const QString& path, ProjectVFS::SourceChanges changes, CommitDirectories& directories)
 {
-    StagedCommit staged = prepareCommit(source, swap, directories, true);
+    StagedCommit staged = prepareCommit(path, changes, directories, true);
     renameCommit(staged);
     std::vector<zo::os::FileIdentity> synced;
     if (!madeDurable(staged, synced)) {
         undoCommit(staged);
-        throw exception::SwapFileRename(utf8(relativeFilePath(source)));
+        throw exception::SwapFileRename(utf8(relativeFilePath(staged.source)));
     }
     // Only the backup this commit made: a new file's commit has none.
     if (staged.backedUp)
@@ -606,7 +629,7 @@ void ProjectVFS_Impl::commit(VFSFile& file, ProjectVFS::SourceChanges changes)
         throwIfSourcesChanged({ name }, directories.resolver());
     {
         const zo::os::OwnerMark::Replacing replacing(ownerMark());
-        commitFile(resolvedPath(name, directories.resolver()), _entries.value(name), directories);
+        commitFile(name, changes, directories);
     }
     closeHandles(name);
     removeEntry(name);
@@ -638,8 +661,7 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
     for (auto it = _entries.cbegin(); it != _entries.cend(); ++it) {
         try {
             throwIfDamaged(it.key());
-            batch.push_back(prepareCommit(
-                resolvedPath(it.key(), directories.resolver()), it.value(), directories, false));
+            batch.push_back(prepareCommit(it.key(), changes, directories, false));
         } catch (...) {
             failure = std::current_exception();
             break;

@@ -167,6 +167,9 @@ private:
         int at(const std::string& directory);
         // The identity directory had when this commit first opened it; none if it never did.
         std::optional<zo::os::FileIdentity> identityOf(const std::string& directory) const;
+        // Syncs each file system this commit opened a directory on, through a directory held
+        // open for it since, so that none needs opening again; false at the first that fails.
+        bool syncFileSystems() const;
 
     private:
         struct Open {
@@ -177,6 +180,8 @@ private:
         zo::os::BeneathResolver _resolver;
         std::map<std::string, Open> _open;
         std::map<std::string, zo::os::FileIdentity> _identities;
+        // By device: the first directory opened on it.
+        std::map<std::uint64_t, zo::os::UniqueFd> _fileSystems;
         std::uint64_t _uses = 0;
     };
 
@@ -185,8 +190,9 @@ private:
     // renames go through the directories opened when the commit was prepared, so that a
     // directory replaced by a link meanwhile leads nowhere else.
     struct StagedCommit {
-        StagedCommit(const QString& source, const QString& swap, const QString& backup,
-            std::string swapDirectory, CommitDirectories& directories);
+        StagedCommit(const QString& path, const QString& source, const QString& swap,
+            const QString& backup, std::string swapDirectory, CommitDirectories& directories);
+        QString path; // as given, for messages
         QString source;
         QString swap;
         QString backup;
@@ -200,15 +206,17 @@ private:
         // The swap file and the source as the commit was prepared; for the journal.
         zo::os::FileIdentity newContent;
         std::optional<zo::os::FileStatus> oldContent;
+        // Whether a change another program made to the source stops the commit.
+        bool refusesChanges = true;
         bool backedUp = false;
         bool swapRenamed = false;
         int sourceAt() const { return directories->at(sourceDirectory); }
         int swapAt() const { return directories->at(swapDirectory); }
     };
-    // Checks the file, and makes its swap file durable unless the caller syncs a batch of
-    // them; nothing is renamed yet.
-    StagedCommit prepareCommit(
-        const QString& source, const QString& swap, CommitDirectories& directories, bool syncSwap);
+    // Checks the pending path, and makes its swap file durable unless the caller syncs a batch
+    // of them; nothing is renamed yet.
+    StagedCommit prepareCommit(const QString& path, ProjectVFS::SourceChanges changes,
+        CommitDirectories& directories, bool syncSwap);
     static bool swapDurable(const StagedCommit& staged);
     // Makes the swap files of a batch durable: each one synced, or for many, each file system
     // they lie on once. Returns how many of the first ones are durable.
@@ -218,11 +226,13 @@ private:
     static std::vector<StagedCommit>::iterator renamesDurable(
         std::vector<StagedCommit>::iterator first, std::vector<StagedCommit>::iterator last);
     // Renames the source to its backup and the swap file to the source; a failure undoes both.
+    // exception::SourceFileChanged when what it would rename is not what preparing found.
     void renameCommit(StagedCommit& staged);
     void undoCommit(const StagedCommit& staged);
     // Syncs the directories of a commit once each; false at the first that fails.
     static bool madeDurable(const StagedCommit& staged, std::vector<zo::os::FileIdentity>& synced);
-    void commitFile(const QString& source, const QString& swap, CommitDirectories& directories);
+    void commitFile(
+        const QString& path, ProjectVFS::SourceChanges changes, CommitDirectories& directories);
 
     // forgetPending without closing handles or telling the handler.
     void leavePending();

@@ -17,8 +17,10 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <filesystem>
 #include <sys/resource.h>
+#include <thread>
 
 namespace zo::project {
 namespace {
@@ -145,7 +147,6 @@ TEST_F(Safety, StaleBackupBesideTheSourceStopsOneCommit)
     EXPECT_EQ(filesBelow(dir.path()), (Files { { "a.txt", "new+more" } }));
 }
 
-// {failing step, exception (its beginning), files left}.
 // A save of many files, under a limit on open files that a descriptor per file would pass.
 TEST_F(Safety, LargeSaveKeepsFewFilesOpen)
 {
@@ -166,6 +167,39 @@ TEST_F(Safety, LargeSaveKeepsFewFilesOpen)
     EXPECT_EQ(filesBelow(dir.path()), saved);
 }
 
+// Another program makes a file at a new file's name, or rewrites a file, while a large save runs
+// (once its journal is written): what it wrote stays, and the save stops at that file.
+TEST_F(Safety, FilesChangedWhileASaveRunsAreKept)
+{
+    for (const QString raced : { "zz/new", "zz/old" }) {
+        SCOPED_TRACE(raced.toStdString());
+        QTemporaryDir root;
+        ProjectVFS project(root.path());
+        writeFile(root.filePath("zz/old"), "old");
+        for (int n = 0; n < 600; ++n) {
+            const QString name = QString("d%1/f%2").arg(n / 20).arg(n % 20);
+            writeFile(root.filePath(name), "old");
+            project.open(name, QIODevice::WriteOnly)->write("new");
+        }
+        project.open(raced, QIODevice::WriteOnly)->write("new");
+        std::atomic<bool> done { false };
+        std::thread other([&] {
+            const QDir top(root.path());
+            while (!done
+                && top.entryList({ ".save.zo-journal-*" }, QDir::Files | QDir::Hidden).isEmpty())
+                std::this_thread::yield();
+            writeFile(root.filePath(raced), "theirs");
+        });
+        EXPECT_THROW(project.commit(), exception::SourceFileChanged);
+        done = true;
+        other.join();
+        EXPECT_EQ(readFile(root.filePath(raced)), "theirs");
+        EXPECT_TRUE(project.isNotCommitted(raced));
+        EXPECT_FALSE(QFile::exists(root.filePath(raced + "bck")));
+    }
+}
+
+// {failing step, exception (its beginning), files left}.
 TEST_F(Safety, EveryFailedDurabilityStepIsUndone)
 {
     const auto fails = [](Step step, int nth, const std::function<void()>& body) {

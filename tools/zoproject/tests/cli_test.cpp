@@ -133,7 +133,7 @@ TEST_F(Cli, StatusShowsAnInterruptedSaveThatOpeningCompletes)
 {
     const QString project = scratch.path();
     const QStringList child { "-f", "-qq", "-o", "/dev/null", "-E", "ASAN_OPTIONS=detect_leaks=0",
-        "-e", "inject=renameat:signal=SIGKILL:when=2", CRASH_CHILD, "commit", project, "a.txt",
+        "-e", "inject=renameat2:signal=SIGKILL:when=2", CRASH_CHILD, "commit", project, "a.txt",
         "b.txt" };
     if (QProcess::execute(QStringLiteral("strace"), child) == -2)
         GTEST_SKIP() << "strace is missing";
