@@ -159,9 +159,11 @@ public:
 
 /// Another program changed a source (its device, inode, size or modification time) after its
 /// swap file was made or last refreshed from it, so that a commit would lose that program's
-/// work. Thrown before anything is renamed: sources and swap files stay as they are. Committing
-/// with SourceChanges::Overwrite, or refreshing the swap file, commits anyway. Also thrown by
-/// ProjectModel::save to an archive changed since it was loaded or saved.
+/// work. Thrown before anything is renamed: sources and swap files stay as they are; or, for a
+/// change made while a commit of several files runs, at that file, whose source and swap file
+/// stay, those before it committed. Committing with SourceChanges::Overwrite, or refreshing the
+/// swap file, commits anyway, but never over a file made at a new file's name meanwhile. Also
+/// thrown by ProjectModel::save to an archive changed since it was loaded or saved.
 class ZOPROJECTQT_EXPORT SourceFileChanged : public SwapFileCommit {
 public:
     /// paths: every changed source, as the caller named it.

@@ -197,8 +197,11 @@ public:
     /// whose write failed damages its file: SwapFileDamaged). Unless changes is Overwrite,
     /// then checks every source against the version its swap file was made from and, when
     /// another program changed any, throws exception::SourceFileChanged naming each and
-    /// commits nothing. A source that is a link inside the project stays a link: its target
-    /// takes the new content. Otherwise stops at the first failure (the
+    /// commits nothing; a change made while the commit runs is found as that file is renamed
+    /// and stops the commit there. Whatever changes is asked, a file another program makes at
+    /// a new file's name, or at a source's name between its two renames, stays and stops the
+    /// commit with exception::SourceFileChanged. A source that is a link inside the project
+    /// stays a link: its target takes the new content. Otherwise stops at the first failure (the
     /// exception::SwapFileCommit family), which leaves that file and every later one pending;
     /// what was committed before it is durable, and no journal is left that could complete the
     /// rest. The journal itself failing throws exception::SwapFileRename for the first file
