@@ -549,11 +549,15 @@ void ProjectVFS_Impl::renameCommit(StagedCommit& staged)
 void ProjectVFS_Impl::undoCommit(const StagedCommit& staged)
 {
     const int at = staged.sourceAt();
-    if (staged.swapRenamed)
-        zo::os::renameAt(
+    // Only what this commit put in place goes back, and only to a free name: a file another
+    // program made at the source's name meanwhile stays, and the old content then stays as the
+    // backup.
+    const std::optional<zo::os::FileStatus> placed = staged.swapRenamed
+        ? zo::os::statusAt(at, staged.sourceName.constData(), false)
+        : std::nullopt;
+    if (placed && placed->identity == staged.newContent)
+        zo::os::renameToFreeNameAt(
             at, staged.sourceName.constData(), staged.swapAt(), staged.swapName.constData());
-    // A file another program made at the source's name meanwhile stays; the old content then
-    // stays as the backup.
     if (staged.backedUp)
         zo::os::renameToFreeNameAt(
             at, staged.backupName.constData(), at, staged.sourceName.constData());
@@ -608,9 +612,24 @@ void ProjectVFS_Impl::commitFile(
         undoCommit(staged);
         throw exception::SwapFileRename(utf8(relativeFilePath(staged.source)));
     }
+    removeBackup(staged);
+}
+
+void ProjectVFS_Impl::removeBackup(const StagedCommit& staged)
+{
     // Only the backup this commit made: a new file's commit has none.
-    if (staged.backedUp)
-        zo::os::removeAt(staged.sourceAt(), staged.backupName.constData());
+    if (!staged.backedUp)
+        return;
+    const int at = staged.sourceAt();
+    if (staged.refusesChanges
+        && versionIn(zo::os::statusAt(at, staged.backupName.constData(), false))
+            != versionIn(staged.oldContent)) {
+        zo::log::log(kEngineLog, zo::log::Warning,
+            "Kept the backup '" + utf8(staged.backup)
+                + "': another program wrote to the old file while it was saved");
+        return;
+    }
+    zo::os::removeAt(at, staged.backupName.constData());
 }
 
 void ProjectVFS_Impl::commit(VFSFile& file, ProjectVFS::SourceChanges changes)
@@ -720,8 +739,7 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
     if (journal && !complete)
         journal->remove(true);
     for (auto committed = batch.begin(); committed != durable; ++committed) {
-        if (committed->backedUp)
-            zo::os::removeAt(committed->sourceAt(), committed->backupName.constData());
+        removeBackup(*committed);
         const QString path = _entries.firstKey();
         closeHandles(path);
         _sources.remove(path);

@@ -229,6 +229,9 @@ private:
     // exception::SourceFileChanged when what it would rename is not what preparing found.
     void renameCommit(StagedCommit& staged);
     void undoCommit(const StagedCommit& staged);
+    // Removes the backup of a durable commit; with changes refused, one another program wrote
+    // to since (through a handle it held on the old file) stays, and is logged.
+    static void removeBackup(const StagedCommit& staged);
     // Syncs the directories of a commit once each; false at the first that fails.
     static bool madeDurable(const StagedCommit& staged, std::vector<zo::os::FileIdentity>& synced);
     void commitFile(

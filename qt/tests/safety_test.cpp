@@ -167,32 +167,49 @@ TEST_F(Safety, LargeSaveKeepsFewFilesOpen)
     EXPECT_EQ(filesBelow(dir.path()), saved);
 }
 
-// Another program makes a file at a new file's name, or rewrites a file, while a large save runs
-// (once its journal is written): what it wrote stays, and the save stops at that file.
+// Another program makes a file at a new file's name or rewrites a file while a large save runs
+// (once its journal is written): what it wrote stays, and the save stops at that file. One that
+// writes through a handle it held on the old file once the new one took its name finds its
+// write kept in the backup.
 TEST_F(Safety, FilesChangedWhileASaveRunsAreKept)
 {
-    for (const QString raced : { "zz/new", "zz/old" }) {
+    for (const QString raced : { "zz/new", "zz/old", "zz/held" }) {
         SCOPED_TRACE(raced.toStdString());
         QTemporaryDir root;
         ProjectVFS project(root.path());
         writeFile(root.filePath("zz/old"), "old");
+        writeFile(root.filePath("zz/held"), "old");
         for (int n = 0; n < 600; ++n) {
             const QString name = QString("d%1/f%2").arg(n / 20).arg(n % 20);
             writeFile(root.filePath(name), "old");
             project.open(name, QIODevice::WriteOnly)->write("new");
         }
         project.open(raced, QIODevice::WriteOnly)->write("new");
+        const bool held = raced == "zz/held";
+        QFile handle(root.filePath(raced));
+        ASSERT_TRUE(!held || handle.open(QIODevice::Append));
         std::atomic<bool> done { false };
         std::thread other([&] {
             const QDir top(root.path());
             while (!done
-                && top.entryList({ ".save.zo-journal-*" }, QDir::Files | QDir::Hidden).isEmpty())
+                && (held ? readFile(root.filePath(raced)) != "new"
+                         : top.entryList({ ".save.zo-journal-*" }, QDir::Files | QDir::Hidden)
+                               .isEmpty()))
                 std::this_thread::yield();
-            writeFile(root.filePath(raced), "theirs");
+            if (held)
+                EXPECT_TRUE(handle.write("+theirs") == 7 && handle.flush());
+            else
+                writeFile(root.filePath(raced), "theirs");
         });
-        EXPECT_THROW(project.commit(), exception::SourceFileChanged);
+        const std::string thrown = thrownBy([&] { project.commit(); });
         done = true;
         other.join();
+        if (held) {
+            EXPECT_EQ(thrown, "nothing thrown");
+            EXPECT_EQ(readFile(root.filePath(raced + "bck")), "old+theirs");
+            continue;
+        }
+        EXPECT_THAT(thrown, StartsWith("exception::SourceFileChanged"));
         EXPECT_EQ(readFile(root.filePath(raced)), "theirs");
         EXPECT_TRUE(project.isNotCommitted(raced));
         EXPECT_FALSE(QFile::exists(root.filePath(raced + "bck")));

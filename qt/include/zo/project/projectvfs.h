@@ -111,7 +111,7 @@ public:
     /// Whether a commit may replace a source that another program changed since its swap file
     /// was made (or last refreshed from the source).
     enum class SourceChanges {
-        Refuse, ///< throw exception::SourceFileChanged and commit nothing
+        Refuse, ///< throw exception::SourceFileChanged (see commit() for what stays)
         Overwrite ///< commit anyway: that program's change is replaced
     };
 
