@@ -665,27 +665,36 @@ void ProjectVFS_Impl::commitAll(ProjectVFS::SourceChanges changes)
 {
     if (_entries.isEmpty())
         return;
-    const QStringList paths = _entries.keys();
-    for (const QString& path : paths)
+    for (const QString& path : _entries.keys())
         flushHandles(path);
     CommitDirectories directories(encoded(absolutePath()).toStdString());
-    if (changes == ProjectVFS::SourceChanges::Refuse)
-        throwIfSourcesChanged(paths, directories.resolver());
-
     const zo::os::OwnerMark::Replacing replacing(ownerMark());
     std::exception_ptr failure;
     // 1. Every entry up to the first that cannot be committed, its swap file durable: synced
-    // after all were checked, so that the disk writes them in one go.
+    // after all were checked, so that the disk writes them in one go. With changes refused,
+    // every source another program changed is named before anything is renamed: past a
+    // failure, the sources are still checked.
+    const bool refused = changes == ProjectVFS::SourceChanges::Refuse;
+    std::vector<std::string> changed;
     std::vector<StagedCommit> batch;
     for (auto it = _entries.cbegin(); it != _entries.cend(); ++it) {
-        try {
-            throwIfDamaged(it.key());
-            batch.push_back(prepareCommit(it.key(), changes, directories, false));
-        } catch (...) {
-            failure = std::current_exception();
-            break;
+        if (!failure) {
+            try {
+                throwIfDamaged(it.key());
+                batch.push_back(prepareCommit(it.key(), changes, directories, false));
+                continue;
+            } catch (const exception::SourceFileChanged&) {
+                changed.push_back(utf8(it.key()));
+                continue;
+            } catch (...) {
+                failure = std::current_exception();
+            }
         }
+        if (refused && sourceChanged(it.key(), directories.resolver()))
+            changed.push_back(utf8(it.key()));
     }
+    if (!changed.empty())
+        throw exception::SourceFileChanged(changed);
     const std::size_t durableSwapCount = durableSwaps(batch);
     if (durableSwapCount < batch.size()) {
         failure = std::make_exception_ptr(
