@@ -309,8 +309,9 @@ std::optional<std::string> BeneathResolver::resolve(const std::string& path)
         std::optional<std::string> resolved;
         // "." and ".." after a missing component apply as text, which only the whole
         // resolution knows; so does a root's own last component or a trailing slash.
-        if (name.empty() || slash == 0 || ("/" + named + "/").find("/./") != std::string::npos
-            || ("/" + named + "/").find("/../") != std::string::npos) {
+        const std::string delimited = "/" + named + "/";
+        if (name.empty() || slash == 0 || delimited.find("/./") != std::string::npos
+            || delimited.find("/../") != std::string::npos) {
             resolved = resolvePhysically(named);
         } else if (const std::optional<std::string>& directory
             = resolvedDirectory(named.substr(0, slash))) {

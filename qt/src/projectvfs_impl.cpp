@@ -527,9 +527,7 @@ void ProjectVFS_Impl::renameCommit(StagedCommit& staged)
     }
     // What was renamed must be what the commit was prepared for: another program's change
     // since would go with the backup.
-    if (staged.backedUp && staged.refusesChanges
-        && versionIn(zo::os::statusAt(at, staged.backupName.constData(), false))
-            != versionIn(staged.oldContent)) {
+    if (staged.backedUp && staged.refusesChanges && !backupAsPrepared(staged)) {
         undoCommit(staged);
         throw exception::SourceFileChanged({ utf8(staged.path) });
     }
@@ -620,16 +618,19 @@ void ProjectVFS_Impl::removeBackup(const StagedCommit& staged)
     // Only the backup this commit made: a new file's commit has none.
     if (!staged.backedUp)
         return;
-    const int at = staged.sourceAt();
-    if (staged.refusesChanges
-        && versionIn(zo::os::statusAt(at, staged.backupName.constData(), false))
-            != versionIn(staged.oldContent)) {
+    if (staged.refusesChanges && !backupAsPrepared(staged)) {
         zo::log::log(kEngineLog, zo::log::Warning,
             "Kept the backup '" + utf8(staged.backup)
                 + "': another program wrote to the old file while it was saved");
         return;
     }
-    zo::os::removeAt(at, staged.backupName.constData());
+    zo::os::removeAt(staged.sourceAt(), staged.backupName.constData());
+}
+
+bool ProjectVFS_Impl::backupAsPrepared(const StagedCommit& staged)
+{
+    return versionIn(zo::os::statusAt(staged.sourceAt(), staged.backupName.constData(), false))
+        == versionIn(staged.oldContent);
 }
 
 void ProjectVFS_Impl::commit(VFSFile& file, ProjectVFS::SourceChanges changes)

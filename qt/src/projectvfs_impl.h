@@ -232,6 +232,8 @@ private:
     // Removes the backup of a durable commit; with changes refused, one another program wrote
     // to since (through a handle it held on the old file) stays, and is logged.
     static void removeBackup(const StagedCommit& staged);
+    // Whether the backup is still the source the commit was prepared for.
+    static bool backupAsPrepared(const StagedCommit& staged);
     // Syncs the directories of a commit once each; false at the first that fails.
     static bool madeDurable(const StagedCommit& staged, std::vector<zo::os::FileIdentity>& synced);
     void commitFile(
