@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/inotify.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <array>
@@ -94,8 +93,8 @@ bool MountChanges::changed()
 
 bool reportsAllChanges(int directory)
 {
-    struct statfs fileSystem { };
-    if (::fstatfs(directory, &fileSystem) != 0)
+    const std::optional<std::uint32_t> type = fileSystemType(directory);
+    if (!type)
         return false;
     // Network file systems, FUSE, and those whose content the kernel makes up as it is read.
     constexpr std::array<std::uint32_t, 18> kUnreported { 0x6969 /* NFS */, 0x517B /* SMB */,
@@ -103,9 +102,8 @@ bool reportsAllChanges(int directory)
         0x5346414F /* AFS */, 0x6B414653 /* kAFS */, 0x00C36400 /* Ceph */, 0x01021997 /* 9p */,
         0x564C /* NCP */, 0x01161970 /* GFS2 */, 0x7461636F /* OCFS2 */, 0x0BD00BD0 /* Lustre */,
         0x47504653 /* GPFS */, 0x786F4256 /* vboxsf */, 0x9FA0 /* proc */, 0x62656572 /* sysfs */ };
-    const auto type = static_cast<std::uint32_t>(fileSystem.f_type);
     for (const std::uint32_t unreported : kUnreported)
-        if (type == unreported)
+        if (*type == unreported)
             return false;
     return true;
 }

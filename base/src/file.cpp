@@ -14,6 +14,7 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -293,7 +294,40 @@ const std::optional<std::string>& BeneathResolver::resolvedDirectory(const std::
     const auto known = _resolved.find(directory);
     if (known != _resolved.end())
         return known->second;
-    return _resolved[directory] = resolvePhysically(directory);
+    // Down from the nearest directory above that is known, or else from the topmost one,
+    // resolved whole, one component at a time: a tree's directories cost one status each. A
+    // doubled slash is left to the whole resolution.
+    std::vector<std::size_t> ends { directory.size() };
+    std::optional<std::string> resolved;
+    for (;;) {
+        const std::size_t slash = directory.rfind('/', ends.back() - 1);
+        if (slash + 1 == ends.back())
+            return _resolved[directory] = resolvePhysically(directory);
+        if (slash == std::string::npos || slash == 0) {
+            resolved = resolvePhysically(directory.substr(0, ends.back()));
+            break;
+        }
+        const auto above = _resolved.find(directory.substr(0, slash));
+        if (above != _resolved.end()) {
+            resolved = above->second;
+            ends.push_back(slash);
+            break;
+        }
+        ends.push_back(slash);
+    }
+    _resolved[directory.substr(0, ends.back())] = resolved;
+    for (auto end = std::next(ends.rbegin()); end != ends.rend(); ++end) {
+        const std::size_t slash = directory.rfind('/', *end - 1);
+        if (resolved) {
+            resolved = joined(*resolved, directory.substr(slash + 1, *end - slash - 1));
+            // Missing (beyond what exists, the rest is text) or no link: the joined path is it.
+            const std::optional<FileStatus> found = linkStatus(resolved->c_str());
+            if (found && found->type == EntryType::Link)
+                resolved = resolvePhysically(*resolved);
+        }
+        _resolved[directory.substr(0, *end)] = resolved;
+    }
+    return _resolved[directory];
 }
 
 std::optional<std::string> BeneathResolver::resolve(const std::string& path)
@@ -344,6 +378,19 @@ bool isReadableAt(int directory, const char* name)
 bool isWritableAt(int directory, const char* name)
 {
     return ::faccessat(directory, name, W_OK, 0) == 0;
+}
+
+bool isReadableAndWritableAt(int directory, const char* name)
+{
+    return ::faccessat(directory, name, R_OK | W_OK, 0) == 0;
+}
+
+std::optional<std::uint32_t> fileSystemType(int fd)
+{
+    struct statfs fileSystem { };
+    if (::fstatfs(fd, &fileSystem) != 0)
+        return std::nullopt;
+    return static_cast<std::uint32_t>(fileSystem.f_type);
 }
 
 UniqueFd openDirectory(const char* path)

@@ -4,7 +4,9 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <chrono>
 #include <utility>
 
 namespace zo::os {
@@ -35,6 +37,15 @@ std::optional<EntryType> typeOfDirectoryEntry(unsigned char type)
     }
 }
 
+// How long before it is read a directory must have last changed for its listing to be kept:
+// well beyond the resolution of any clock a kept file system's times come from.
+constexpr std::chrono::seconds kSettledFor(2);
+
+// Local file systems that keep change times to the nanosecond (ext2 to ext4, XFS, Btrfs, tmpfs,
+// F2FS, bcachefs, ZFS); ext4's small inodes keep seconds, which kSettledFor covers.
+constexpr std::array<std::uint32_t, 7> kExactTimes { 0xEF53, 0x58465342, 0x9123683E, 0x01021994,
+    0xF2F52010, 0xCA451A4E, 0x2FC12FC1 };
+
 class TreeWalker {
 public:
     TreeWalker(const WalkOptions& options, const WalkVisitor& visit)
@@ -43,16 +54,16 @@ public:
     {
     }
 
-    void walk(UniqueFd top, const FileIdentity& identity)
+    void walk(UniqueFd top, const FileStatus& status)
     {
-        DirectoryDescent descent(std::move(top), identity);
-        startLevel(descent.directory(), 0);
+        DirectoryDescent descent(std::move(top), status.identity);
+        startLevel(descent.directory(), 0, status);
         for (;;) {
             const std::size_t depth = descent.depth();
             Level& level = _levels[depth];
-            if (level.next == level.entries.entries.size()) {
+            if (level.next == level.listed().size()) {
                 if (depth == 0)
-                    return;
+                    break;
                 _path.resize(level.pathLength);
                 if (!descent.leave()) {
                     reportError(errno);
@@ -60,7 +71,7 @@ public:
                 }
                 continue;
             }
-            const ListedEntry& listed = level.entries.entries[level.next++];
+            const ListedEntry& listed = level.listed()[level.next++];
             if (listed.name[0] == '.' && !_options.includeHidden)
                 continue;
             _path.resize(level.pathLength);
@@ -68,28 +79,43 @@ public:
                 _path += '/';
             _path += listed.name;
             if (!visitEntry(descent, listed, depth))
-                return;
+                break;
         }
+        if (_options.cache)
+            _options.cache->forgetUnused();
     }
 
 private:
     struct Level {
         DirectoryListing entries;
+        std::shared_ptr<const DirectoryListing> kept; ///< read earlier, in place of entries
         std::size_t next = 0;
         std::size_t pathLength = 0; ///< of the directory's own path
+
+        const std::vector<ListedEntry>& listed() const
+        {
+            return kept ? kept->entries : entries.entries;
+        }
     };
 
-    void startLevel(int directory, std::size_t depth)
+    // Lists the open directory of the given status (taken before it is read) for depth.
+    void startLevel(int directory, std::size_t depth, const FileStatus& status)
     {
         if (_levels.size() <= depth)
             _levels.resize(depth + 1);
         Level& level = _levels[depth];
         level.next = 0;
         level.pathLength = _path.size();
-        if (!level.entries.read(directory))
+        level.kept = _options.cache ? _options.cache->find(status) : nullptr;
+        if (level.kept)
+            return;
+        const bool read = level.entries.read(directory);
+        if (!read)
             reportError(errno);
         if (_options.arrange)
             _options.arrange(level.entries);
+        if (read && _options.cache)
+            level.kept = _options.cache->keep(directory, status, level.entries);
     }
 
     // Visits the entry at the end of _path and enters it when it is a directory to walk; false
@@ -120,7 +146,7 @@ private:
             return true;
         }
         if (descent.enter(std::move(child), status->identity, isLink))
-            startLevel(descent.directory(), depth + 1);
+            startLevel(descent.directory(), depth + 1, *status);
         return true;
     }
 
@@ -179,6 +205,79 @@ bool DirectoryListing::read(int directory)
             entries.push_back({ std::string_view(record->d_name), *type });
         }
     }
+}
+
+DirectoryListing DirectoryListing::copy() const
+{
+    std::size_t size = 0;
+    for (const ListedEntry& entry : entries)
+        size += entry.name.size() + 1;
+    DirectoryListing copied;
+    copied._blocks.emplace_back(new char[std::max<std::size_t>(size, 1)]);
+    char* name = copied._blocks.back().get();
+    copied.entries.reserve(entries.size());
+    for (const ListedEntry& entry : entries) {
+        std::copy(entry.name.begin(), entry.name.end(), name);
+        name[entry.name.size()] = '\0';
+        copied.entries.push_back({ std::string_view(name, entry.name.size()), entry.type });
+        name += entry.name.size() + 1;
+    }
+    return copied;
+}
+
+std::shared_ptr<const DirectoryListing> ListingCache::find(const FileStatus& directory)
+{
+    const auto kept = _kept.find(directory.identity);
+    if (kept == _kept.end())
+        return nullptr;
+    if (kept->second.changedSeconds != directory.changedSeconds
+        || kept->second.changedNanoseconds != directory.changedNanoseconds) {
+        _kept.erase(kept);
+        return nullptr;
+    }
+    kept->second.used = true;
+    return kept->second.listing;
+}
+
+std::shared_ptr<const DirectoryListing> ListingCache::keep(
+    int fd, const FileStatus& directory, const DirectoryListing& listing)
+{
+    const auto changed = std::chrono::system_clock::time_point(
+        std::chrono::duration_cast<std::chrono::system_clock::duration>(
+            std::chrono::seconds(directory.changedSeconds)
+            + std::chrono::nanoseconds(directory.changedNanoseconds)));
+    if (changed > std::chrono::system_clock::now() - kSettledFor
+        || !keepsExactTimes(fd, directory.identity.device))
+        return nullptr;
+    auto copied = std::make_shared<const DirectoryListing>(listing.copy());
+    _kept[directory.identity]
+        = { directory.changedSeconds, directory.changedNanoseconds, copied, true };
+    return copied;
+}
+
+void ListingCache::forgetUnused()
+{
+    // A device number may be another file system's by the next walk.
+    _exactDevices.clear();
+    for (auto kept = _kept.begin(); kept != _kept.end();) {
+        if (kept->second.used) {
+            kept->second.used = false;
+            ++kept;
+        } else {
+            kept = _kept.erase(kept);
+        }
+    }
+}
+
+bool ListingCache::keepsExactTimes(int fd, std::uint64_t device)
+{
+    const auto known = _exactDevices.find(device);
+    if (known != _exactDevices.end())
+        return known->second;
+    const std::optional<std::uint32_t> type = fileSystemType(fd);
+    const bool exact
+        = type && std::find(kExactTimes.begin(), kExactTimes.end(), *type) != kExactTimes.end();
+    return _exactDevices[device] = exact;
 }
 
 DirectoryDescent::DirectoryDescent(UniqueFd top, const FileIdentity& identity)
@@ -265,7 +364,7 @@ bool walkFrom(UniqueFd top, const WalkOptions& options, const WalkVisitor& visit
     const std::optional<FileStatus> status = top ? os::status(top.get()) : std::nullopt;
     if (!status)
         return false;
-    TreeWalker(options, visit).walk(std::move(top), status->identity);
+    TreeWalker(options, visit).walk(std::move(top), *status);
     return true;
 }
 

@@ -7,12 +7,20 @@
 #include <QFile>
 #include <QTemporaryDir>
 
+#include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <map>
+#include <memory>
+#include <random>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace {
 
 using zo::os::EntryType;
+using zo::os::ListingCache;
 using zo::os::WalkEntry;
 using zo::os::WalkOptions;
 using zo::os::WalkStep;
@@ -92,6 +100,101 @@ TEST_F(TreeWalk, VisitorSkipsOrStopsAndReadsStatusOnDemand)
     EXPECT_FALSE(zo::os::walkTree(dir.filePath("a").toStdString(), {}, nullptr));
     EXPECT_EQ(zo::os::status(dir.filePath("lf").toLocal8Bit().constData())->size, 3u);
     EXPECT_FALSE(zo::os::status(dir.filePath("lb").toLocal8Bit().constData()));
+}
+
+// Walks that take listings from a cache see what walks that read every directory see, through
+// random changes to a tree whose directories had all settled before the first walk: entries made,
+// removed and moved, directories made, removed, replaced by links and mounted over.
+TEST(ListingCache, WalksSeeWhatAFreshWalkSeesThroughRandomChanges)
+{
+    namespace fs = std::filesystem;
+    QTemporaryDir dir;
+    // A file system known to keep exact times, where one can be mounted.
+    const zo::test::ScopedMount volume(dir.path(), "size=16m");
+    std::vector<std::unique_ptr<zo::test::ScopedMount>> mountedOver;
+    const fs::path root = dir.path().toStdString();
+    std::mt19937 random(20261124);
+    const std::vector<std::string> names { "a", "a.b", ".h", "ab", "n\nl", "\xff", ".x.1.csp" };
+    const auto name = [&] { return names[random() % names.size()] + std::to_string(random() % 9); };
+    // Every entry below root, links not followed.
+    const auto entries = [&](bool directoriesOnly) {
+        std::vector<fs::path> found { root };
+        for (const auto& entry : fs::recursive_directory_iterator(root))
+            if (!directoriesOnly || (entry.is_directory() && !entry.is_symlink()))
+                found.push_back(entry.path());
+        return found;
+    };
+    const auto any = [&](bool directoriesOnly) {
+        const std::vector<fs::path> found = entries(directoriesOnly);
+        return found[random() % found.size()];
+    };
+    for (int i = 0; i < 30; ++i)
+        fs::create_directories(any(true) / name());
+    // Where the name is a directory already, nothing is made.
+    const auto makeFile = [&] { std::ofstream(any(true) / name()) << 'x'; };
+    for (int i = 0; i < 120; ++i)
+        makeFile();
+    for (int i = 0; i < 6; ++i)
+        fs::create_directory_symlink(any(true), any(true) / ("l" + name()));
+
+    WalkOptions options;
+    options.includeHidden = true;
+    options.arrange = [](zo::os::DirectoryListing& listing) {
+        auto& listed = listing.entries;
+        listed.erase(std::remove_if(listed.begin(), listed.end(),
+                         [](const zo::os::ListedEntry& e) { return e.name.front() == 'a'; }),
+            listed.end());
+    };
+    ListingCache caches[2];
+    const auto seen = [&](bool followLinks, bool cached) {
+        WalkOptions walk = options;
+        walk.followLinks = followLinks;
+        walk.cache = cached ? &caches[followLinks] : nullptr;
+        Seen found;
+        zo::os::walkTree(root.string(), walk, [&](const WalkEntry& e) {
+            found[std::string(e.path)] = std::string(1, "FDLO"[static_cast<int>(e.type)]);
+            return WalkStep::Continue;
+        });
+        return found;
+    };
+
+    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+    for (const bool followLinks : { false, true })
+        EXPECT_EQ(seen(followLinks, true), seen(followLinks, false));
+    if (!caches[0].find(*zo::os::status(root.c_str())))
+        GTEST_SKIP() << "no listing kept: the file system keeps no exact times";
+
+    for (int round = 0; round < 60; ++round) {
+        std::error_code ignored;
+        switch (random() % 6) {
+        case 0:
+            makeFile();
+            break;
+        case 1:
+            fs::remove_all(any(false), ignored);
+            break;
+        case 2:
+            fs::rename(any(false), any(true) / name(), ignored);
+            break;
+        case 3:
+            fs::create_directory(any(true) / name(), ignored);
+            break;
+        case 4: {
+            const fs::path replaced = any(true);
+            if (fs::rename(replaced, any(true) / name(), ignored); !ignored)
+                fs::create_directory_symlink(any(true), replaced, ignored);
+            break;
+        }
+        case 5:
+            mountedOver.push_back(
+                std::make_unique<zo::test::ScopedMount>(any(true).string(), "size=1m"));
+            break;
+        }
+        for (const bool followLinks : { false, true })
+            EXPECT_EQ(seen(followLinks, true), seen(followLinks, false)) << "round " << round;
+    }
+    while (!mountedOver.empty())
+        mountedOver.pop_back();
 }
 
 } // namespace

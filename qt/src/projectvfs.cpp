@@ -346,7 +346,7 @@ struct LeftBelow {
 // directory by its entry in its parent and never through a link, so a directory replaced by a
 // link meanwhile is not followed. A directory's swap files come before those of the
 // directories below it, in the order the walk meets the directories.
-LeftBelow findLeftBelow(const detail::ProjectVFS_Impl& impl)
+LeftBelow findLeftBelow(detail::ProjectVFS_Impl& impl)
 {
     using RecoverableInfo = ProjectVFS::RecoverableInfo;
     const QString suffix = QStringLiteral(".") + impl.swapExtension();
@@ -386,15 +386,28 @@ LeftBelow findLeftBelow(const detail::ProjectVFS_Impl& impl)
     zo::os::WalkOptions options;
     options.includeHidden = true;
     options.followLinks = false;
+    // What ended processes leave has a hidden name; a file or device under another name is
+    // nothing to look at, nor to keep for the next walk.
+    options.arrange = [](zo::os::DirectoryListing& listing) {
+        auto& entries = listing.entries;
+        entries.erase(std::remove_if(entries.begin(), entries.end(),
+                          [](const zo::os::ListedEntry& entry) {
+                              return entry.name.front() != '.'
+                                  && entry.type != zo::os::EntryType::Directory
+                                  && entry.type != zo::os::EntryType::Link;
+                          }),
+            entries.end());
+    };
+    options.cache = &impl.leftBelowListings;
     zo::os::walkTree(rootBytes, options, [&](const zo::os::WalkEntry& entry) {
         const auto depth = static_cast<size_t>(entry.depth);
         directories.resize(depth + 1);
         if (entry.type == zo::os::EntryType::Directory) {
             if (entry.name.front() == '.')
                 return zo::os::WalkStep::SkipDirectory;
-            directories.push_back(
-                scannable(root + QLatin1Char('/') + detail::decodedPath(entry.path)) ? ++walked
-                                                                                     : -1);
+            const bool looked = zo::os::isReadableAndWritableAt(
+                entry.directory(), std::string(entry.name).c_str());
+            directories.push_back(looked ? ++walked : -1);
         } else if (entry.type == zo::os::EntryType::Link && entry.name.front() != '.') {
             const QString linked = detail::decodedPath(entry.path);
             const QDir target(root + QLatin1Char('/') + linked);
@@ -612,23 +625,25 @@ void ProjectVFS::xRestoreInterruptedCommits()
                     [pid](const RecoverableInfo& info) { return info.pid == pid; });
             });
 
+    zo::os::BeneathResolver resolver(detail::encoded(_impl->absolutePath()).toStdString());
     for (const RecoverableInfo& info : _impl->foundWhenOpened) {
         if (saved.contains(info.sourcePath))
             continue;
         QString source;
         try {
-            source = _impl->resolvedPath(info.sourcePath);
+            source = _impl->resolvedPath(info.sourcePath, resolver);
         } catch (const exception::PathOutsideProject&) {
             continue;
         }
         const QString backup = _impl->makeBackupPath(source);
+        if (detail::isOnDisk(source) || !detail::isOnDisk(backup))
+            continue;
         const QString swap = _impl->absoluteFilePath(info.swapPath);
         // Only where the dead owner noted that the file had a source when its swap file was
         // made: a user's own file that merely ends like a backup stays where it is.
         const auto noted = marks.notedSource(detail::encoded(swap).toStdString(), info.pid);
-        if (detail::isOnDisk(source) || !detail::isOnDisk(backup) || !noted || !*noted
-            || detail::judgeOwner(marks, _impl->absoluteFilePath(info.swapPath), info.pid).liveness
-                != zo::os::Liveness::Ended
+        if (!noted || !*noted
+            || detail::judgeOwner(marks, swap, info.pid).liveness != zo::os::Liveness::Ended
             || marks.othersMayBeReplacing(
                 detail::encoded(QFileInfo(source).absolutePath()).toStdString()))
             continue;

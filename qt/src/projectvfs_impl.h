@@ -13,6 +13,7 @@
 
 #include <zo/file.h>
 #include <zo/owner.h>
+#include <zo/treewalk.h>
 
 #include <cstdio>
 #include <functional>
@@ -60,6 +61,8 @@ public:
     // The interrupted saves that opening left, and whether opening leaves them all.
     std::vector<ProjectVFS::InterruptedSave> savesLeftWhenOpened;
     ProjectVFS::Unfinished unfinished = ProjectVFS::Unfinished::Complete;
+    // The listings the walks for what ended processes left read, for the next such walk.
+    zo::os::ListingCache leftBelowListings;
 
     // Called with true when the table gains its only entry and with false whenever a removal
     // leaves it empty; both may repeat. Must never be empty.

@@ -178,6 +178,12 @@ ZO_EXPORT bool isReadableAt(int directory, const char* name);
 /// Whether this process may write name in the open directory, a link followed; ENOENT for a
 /// link whose target is missing.
 ZO_EXPORT bool isWritableAt(int directory, const char* name);
+/// Whether this process may both read and write name in the open directory, a link followed.
+ZO_EXPORT bool isReadableAndWritableAt(int directory, const char* name);
+
+/// The type of the file system that holds the open file (statfs(2)'s f_type); none when it
+/// cannot be told.
+ZO_EXPORT std::optional<std::uint32_t> fileSystemType(int fd);
 
 /// Opens a directory, links followed.
 ZO_EXPORT UniqueFd openDirectory(const char* path);

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -46,6 +47,9 @@ public:
     /// when it has vanished meanwhile. False, errno set, when the directory cannot be read; the
     /// entries read until then are kept.
     bool read(int directory);
+
+    /// A copy of the entries, in storage of their own size.
+    DirectoryListing copy() const;
 
     /// May be reordered or cut by the caller.
     std::vector<ListedEntry> entries;
@@ -131,6 +135,39 @@ enum class WalkStep {
     Stop
 };
 
+/// The listings of directories that walks read, kept for later walks of the same kind (the same
+/// options and arrange), which take a directory's entries from here instead of reading it again
+/// while it is the same directory (its identity) and unchanged (its status change time, which
+/// every entry made, removed or renamed in it sets, and no program can set back). A listing is
+/// kept only where a change cannot hide within the clock's resolution: on a local file system
+/// known to keep nanosecond times, for a directory last changed well before it was read (its
+/// time taken before the read, so that a change during the read shows next time). What a walk
+/// neither took nor kept is forgotten when it ends.
+class ZO_EXPORT ListingCache {
+public:
+    /// The kept listing of the directory of the given status; null when it is not kept or it
+    /// changed.
+    std::shared_ptr<const DirectoryListing> find(const FileStatus& directory);
+    /// Keeps a copy of listing, just read from the open directory whose status was taken before
+    /// the read, when it can be trusted to show any later change; returns it, or null.
+    std::shared_ptr<const DirectoryListing> keep(
+        int fd, const FileStatus& directory, const DirectoryListing& listing);
+    /// Forgets the listings not found or kept since the last call.
+    void forgetUnused();
+
+private:
+    struct Kept {
+        std::int64_t changedSeconds;
+        std::int32_t changedNanoseconds;
+        std::shared_ptr<const DirectoryListing> listing;
+        bool used;
+    };
+    bool keepsExactTimes(int fd, std::uint64_t device);
+
+    std::unordered_map<FileIdentity, Kept> _kept;
+    std::unordered_map<std::uint64_t, bool> _exactDevices; // by device, for one walk
+};
+
 /// What a walk visits and how.
 struct WalkOptions {
     bool includeHidden = false; ///< names that begin with "."
@@ -142,6 +179,8 @@ struct WalkOptions {
     /// Called with each directory's entries before any of them is visited, to reorder or drop
     /// some. May be empty.
     std::function<void(DirectoryListing& entries)> arrange;
+    /// Where listings are kept and taken from, arranged; may be null.
+    ListingCache* cache = nullptr;
 };
 
 /// Called for every entry.
