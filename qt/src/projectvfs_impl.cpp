@@ -285,7 +285,7 @@ void ProjectVFS_Impl::removeEntry(const QString& path)
     removeEntry(_entries.find(path));
 }
 
-void ProjectVFS_Impl::moveEntry(const VFSFile& file, const QString& oldPath)
+void ProjectVFS_Impl::moveEntry(const VFSFile& file, const QString& oldPath, bool sourceMovedAlong)
 {
     // The marks stay while the only entry changes its name: made anew, they would be younger
     // than the swap file they mark.
@@ -306,7 +306,9 @@ void ProjectVFS_Impl::moveEntry(const VFSFile& file, const QString& oldPath)
         }
     if (damaged)
         _damaged.insert(file.fileName());
-    if (recorded)
+    if (sourceMovedAlong)
+        recordCurrentSource(file.fileName());
+    else if (recorded)
         recordSource(file.fileName(), *recorded);
     else
         sealContent(file.fileName());

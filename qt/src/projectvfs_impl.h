@@ -129,7 +129,9 @@ public:
 
     void addEntry(const QString& path, const QString& swapPath);
     void removeEntry(const QString& path);
-    void moveEntry(const VFSFile& file, const QString& oldPath);
+    // sourceMovedAlong: the source moved with the swap file, unchanged since it was recorded,
+    // and is recorded again as it now is at the new path.
+    void moveEntry(const VFSFile& file, const QString& oldPath, bool sourceMovedAlong);
 
     // Existence through the pending swap file when there is one.
     bool hasFile(const QString& path) const;

@@ -119,10 +119,8 @@ void VFSFile::move(const QString& newPath, bool overwrite)
     _fileName = newPath;
     _swapName = newSwap;
     if (swapMoved)
-        _impl->moveEntry(*this, oldName);
-    if (swapMoved && sourceUnchanged)
-        _impl->recordCurrentSource(newPath);
-    else if (!swapMoved && !sourceMoved)
+        _impl->moveEntry(*this, oldName, sourceUnchanged);
+    else if (!sourceMoved)
         throw PathNotFound(oldName.toStdString());
 }
 
