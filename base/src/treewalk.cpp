@@ -1,5 +1,7 @@
 #include <zo/treewalk.h>
 
+#include <zo/changeevents.h>
+
 #include <dirent.h>
 #include <fcntl.h>
 
@@ -56,6 +58,8 @@ public:
 
     void walk(UniqueFd top, const FileStatus& status)
     {
+        if (_options.cache)
+            _options.cache->beginWalk();
         DirectoryDescent descent(std::move(top), status.identity);
         startLevel(descent.directory(), 0, status);
         for (;;) {
@@ -82,7 +86,7 @@ public:
                 break;
         }
         if (_options.cache)
-            _options.cache->forgetUnused();
+            _options.cache->endWalk();
     }
 
 private:
@@ -255,7 +259,18 @@ std::shared_ptr<const DirectoryListing> ListingCache::keep(
     return copied;
 }
 
-void ListingCache::forgetUnused()
+ListingCache::ListingCache() = default;
+ListingCache::~ListingCache() = default;
+
+void ListingCache::beginWalk()
+{
+    if (!_mounts)
+        _mounts = std::make_unique<MountChanges>();
+    else if (_mounts->changed())
+        _kept.clear();
+}
+
+void ListingCache::endWalk()
 {
     // A device number may be another file system's by the next walk.
     _exactDevices.clear();

@@ -23,6 +23,8 @@
 /// depth is limited by memory alone, not by PATH_MAX or by the number of descriptors.
 namespace zo::os {
 
+class MountChanges;
+
 /// An entry of a directory as the directory lists it.
 struct ListedEntry {
     std::string_view name; ///< followed by a NUL byte in the listing's own storage
@@ -142,9 +144,20 @@ enum class WalkStep {
 /// kept only where a change cannot hide within the clock's resolution: on a local file system
 /// known to keep nanosecond times, for a directory last changed well before it was read (its
 /// time taken before the read, so that a change during the read shows next time). What a walk
-/// neither took nor kept is forgotten when it ends.
+/// neither took nor kept is forgotten when it ends, and everything when a file system was mounted
+/// or unmounted anywhere since the last walk: a device may hold another file system by then,
+/// whose directories may have the same identities and times (a copied disk image).
 class ZO_EXPORT ListingCache {
 public:
+    ListingCache();
+    ~ListingCache();
+    ListingCache(const ListingCache&) = delete;
+    ListingCache& operator=(const ListingCache&) = delete;
+
+    /// Called as a walk starts.
+    void beginWalk();
+    /// Called as a walk ends.
+    void endWalk();
     /// The kept listing of the directory of the given status; null when it is not kept or it
     /// changed.
     std::shared_ptr<const DirectoryListing> find(const FileStatus& directory);
@@ -152,8 +165,6 @@ public:
     /// the read, when it can be trusted to show any later change; returns it, or null.
     std::shared_ptr<const DirectoryListing> keep(
         int fd, const FileStatus& directory, const DirectoryListing& listing);
-    /// Forgets the listings not found or kept since the last call.
-    void forgetUnused();
 
 private:
     struct Kept {
@@ -165,6 +176,7 @@ private:
     bool keepsExactTimes(int fd, std::uint64_t device);
 
     std::unordered_map<FileIdentity, Kept> _kept;
+    std::unique_ptr<MountChanges> _mounts; // from the first walk on
     std::unordered_map<std::uint64_t, bool> _exactDevices; // by device, for one walk
 };
 
