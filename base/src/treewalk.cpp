@@ -71,7 +71,7 @@ public:
                 _path.resize(level.pathLength);
                 if (!descent.leave()) {
                     reportError(errno);
-                    return;
+                    break;
                 }
                 continue;
             }
