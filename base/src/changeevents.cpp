@@ -93,8 +93,8 @@ bool MountChanges::changed()
 
 bool reportsAllChanges(int directory)
 {
-    const std::optional<std::uint32_t> type = fileSystemType(directory);
-    if (!type)
+    const std::optional<FileSystem> fileSystem = fileSystemOf(directory);
+    if (!fileSystem)
         return false;
     // Network file systems, FUSE, and those whose content the kernel makes up as it is read.
     constexpr std::array<std::uint32_t, 18> kUnreported { 0x6969 /* NFS */, 0x517B /* SMB */,
@@ -103,7 +103,7 @@ bool reportsAllChanges(int directory)
         0x564C /* NCP */, 0x01161970 /* GFS2 */, 0x7461636F /* OCFS2 */, 0x0BD00BD0 /* Lustre */,
         0x47504653 /* GPFS */, 0x786F4256 /* vboxsf */, 0x9FA0 /* proc */, 0x62656572 /* sysfs */ };
     for (const std::uint32_t unreported : kUnreported)
-        if (*type == unreported)
+        if (fileSystem->type == unreported)
             return false;
     return true;
 }

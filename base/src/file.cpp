@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <random>
@@ -385,12 +386,15 @@ bool isReadableAndWritableAt(int directory, const char* name)
     return ::faccessat(directory, name, R_OK | W_OK, 0) == 0;
 }
 
-std::optional<std::uint32_t> fileSystemType(int fd)
+std::optional<FileSystem> fileSystemOf(int fd)
 {
     struct statfs fileSystem { };
     if (::fstatfs(fd, &fileSystem) != 0)
         return std::nullopt;
-    return static_cast<std::uint32_t>(fileSystem.f_type);
+    std::uint64_t id = 0;
+    static_assert(sizeof(fileSystem.f_fsid) == sizeof(id));
+    std::memcpy(&id, &fileSystem.f_fsid, sizeof(id));
+    return FileSystem { static_cast<std::uint32_t>(fileSystem.f_type), id };
 }
 
 UniqueFd openDirectory(const char* path)

@@ -110,7 +110,7 @@ private:
         Level& level = _levels[depth];
         level.next = 0;
         level.pathLength = _path.size();
-        level.kept = _options.cache ? _options.cache->find(status) : nullptr;
+        level.kept = _options.cache ? _options.cache->find(directory, status) : nullptr;
         if (level.kept)
             return;
         const bool read = level.entries.read(directory);
@@ -229,13 +229,15 @@ DirectoryListing DirectoryListing::copy() const
     return copied;
 }
 
-std::shared_ptr<const DirectoryListing> ListingCache::find(const FileStatus& directory)
+std::shared_ptr<const DirectoryListing> ListingCache::find(int fd, const FileStatus& directory)
 {
     const auto kept = _kept.find(directory.identity);
     if (kept == _kept.end())
         return nullptr;
+    const std::optional<FileSystem>& fileSystem = fileSystemOf(fd, directory.identity.device);
     if (kept->second.changedSeconds != directory.changedSeconds
-        || kept->second.changedNanoseconds != directory.changedNanoseconds) {
+        || kept->second.changedNanoseconds != directory.changedNanoseconds || !fileSystem
+        || fileSystem->id != kept->second.fileSystem) {
         _kept.erase(kept);
         return nullptr;
     }
@@ -250,12 +252,13 @@ std::shared_ptr<const DirectoryListing> ListingCache::keep(
         std::chrono::duration_cast<std::chrono::system_clock::duration>(
             std::chrono::seconds(directory.changedSeconds)
             + std::chrono::nanoseconds(directory.changedNanoseconds)));
-    if (changed > std::chrono::system_clock::now() - kSettledFor
-        || !keepsExactTimes(fd, directory.identity.device))
+    const std::optional<FileSystem>& fileSystem = fileSystemOf(fd, directory.identity.device);
+    if (changed > std::chrono::system_clock::now() - kSettledFor || !fileSystem
+        || std::find(kExactTimes.begin(), kExactTimes.end(), fileSystem->type) == kExactTimes.end())
         return nullptr;
     auto copied = std::make_shared<const DirectoryListing>(listing.copy());
     _kept[directory.identity]
-        = { directory.changedSeconds, directory.changedNanoseconds, copied, true };
+        = { directory.changedSeconds, directory.changedNanoseconds, fileSystem->id, copied, true };
     return copied;
 }
 
@@ -273,7 +276,7 @@ void ListingCache::beginWalk()
 void ListingCache::endWalk()
 {
     // A device number may be another file system's by the next walk.
-    _exactDevices.clear();
+    _fileSystems.clear();
     for (auto kept = _kept.begin(); kept != _kept.end();) {
         if (kept->second.used) {
             kept->second.used = false;
@@ -284,15 +287,12 @@ void ListingCache::endWalk()
     }
 }
 
-bool ListingCache::keepsExactTimes(int fd, std::uint64_t device)
+const std::optional<FileSystem>& ListingCache::fileSystemOf(int fd, std::uint64_t device)
 {
-    const auto known = _exactDevices.find(device);
-    if (known != _exactDevices.end())
+    const auto known = _fileSystems.find(device);
+    if (known != _fileSystems.end())
         return known->second;
-    const std::optional<std::uint32_t> type = fileSystemType(fd);
-    const bool exact
-        = type && std::find(kExactTimes.begin(), kExactTimes.end(), *type) != kExactTimes.end();
-    return _exactDevices[device] = exact;
+    return _fileSystems[device] = os::fileSystemOf(fd);
 }
 
 DirectoryDescent::DirectoryDescent(UniqueFd top, const FileIdentity& identity)

@@ -181,9 +181,15 @@ ZO_EXPORT bool isWritableAt(int directory, const char* name);
 /// Whether this process may both read and write name in the open directory, a link followed.
 ZO_EXPORT bool isReadableAndWritableAt(int directory, const char* name);
 
-/// The type of the file system that holds the open file (statfs(2)'s f_type); none when it
-/// cannot be told.
-ZO_EXPORT std::optional<std::uint32_t> fileSystemType(int fd);
+/// The file system that holds an open file, as statfs(2) tells it.
+struct FileSystem {
+    std::uint32_t type = 0; ///< f_type
+    /// f_fsid: the same for copies of one disk image, but another for each subvolume or
+    /// snapshot of file systems that have them.
+    std::uint64_t id = 0;
+};
+/// The file system that holds the open file; none when it cannot be told.
+ZO_EXPORT std::optional<FileSystem> fileSystemOf(int fd);
 
 /// Opens a directory, links followed.
 ZO_EXPORT UniqueFd openDirectory(const char* path);

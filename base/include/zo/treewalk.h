@@ -146,7 +146,9 @@ enum class WalkStep {
 /// time taken before the read, so that a change during the read shows next time). What a walk
 /// neither took nor kept is forgotten when it ends, and everything when a file system was mounted
 /// or unmounted anywhere since the last walk: a device may hold another file system by then,
-/// whose directories may have the same identities and times (a copied disk image).
+/// whose directories may have the same identities and times (a copied disk image). A listing
+/// is also taken only from the file system (its statfs id) it was read on: a snapshot put in
+/// place of a removed subvolume may have the same device, identities and times.
 class ZO_EXPORT ListingCache {
 public:
     ListingCache();
@@ -158,9 +160,9 @@ public:
     void beginWalk();
     /// Called as a walk ends.
     void endWalk();
-    /// The kept listing of the directory of the given status; null when it is not kept or it
-    /// changed.
-    std::shared_ptr<const DirectoryListing> find(const FileStatus& directory);
+    /// The kept listing of the open directory of the given status; null when it is not kept or
+    /// it changed.
+    std::shared_ptr<const DirectoryListing> find(int fd, const FileStatus& directory);
     /// Keeps a copy of listing, just read from the open directory whose status was taken before
     /// the read, when it can be trusted to show any later change; returns it, or null.
     std::shared_ptr<const DirectoryListing> keep(
@@ -170,14 +172,16 @@ private:
     struct Kept {
         std::int64_t changedSeconds;
         std::int32_t changedNanoseconds;
+        std::uint64_t fileSystem;
         std::shared_ptr<const DirectoryListing> listing;
         bool used;
     };
-    bool keepsExactTimes(int fd, std::uint64_t device);
+    const std::optional<FileSystem>& fileSystemOf(int fd, std::uint64_t device);
 
     std::unordered_map<FileIdentity, Kept> _kept;
     std::unique_ptr<MountChanges> _mounts; // from the first walk on
-    std::unordered_map<std::uint64_t, bool> _exactDevices; // by device, for one walk
+    // By device, for one walk.
+    std::unordered_map<std::uint64_t, std::optional<FileSystem>> _fileSystems;
 };
 
 /// What a walk visits and how.
