@@ -371,9 +371,9 @@ LeftBelow findLeftBelow(detail::ProjectVFS_Impl& impl)
             { relativePath, relativePath.left(slash + 1) + match.captured(1),
                 fits ? static_cast<pid_t>(id) : 0 } });
     };
-    const auto scannable = [](const QString& directory) {
-        const QFileInfo info(directory);
-        return info.isReadable() && info.isWritable();
+    // Looked into only where this process may read and write, a link to it followed.
+    const auto scannable = [](const zo::os::WalkEntry& entry) {
+        return zo::os::isReadableAndWritableAt(entry.directory(), std::string(entry.name).c_str());
     };
     const QString root = impl.absolutePath();
     const std::string rootBytes = detail::encoded(root).toStdString();
@@ -405,13 +405,11 @@ LeftBelow findLeftBelow(detail::ProjectVFS_Impl& impl)
         if (entry.type == zo::os::EntryType::Directory) {
             if (entry.name.front() == '.')
                 return zo::os::WalkStep::SkipDirectory;
-            const bool looked = zo::os::isReadableAndWritableAt(
-                entry.directory(), std::string(entry.name).c_str());
-            directories.push_back(looked ? ++walked : -1);
+            directories.push_back(scannable(entry) ? ++walked : -1);
         } else if (entry.type == zo::os::EntryType::Link && entry.name.front() != '.') {
             const QString linked = detail::decodedPath(entry.path);
             const QDir target(root + QLatin1Char('/') + linked);
-            if (!target.exists() || !scannable(target.path())
+            if (!target.exists() || !scannable(entry)
                 || !zo::os::resolveBeneath(rootBytes, std::string(entry.path)))
                 return zo::os::WalkStep::Continue;
             ++walked;
