@@ -16,7 +16,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <sys/stat.h>
 
@@ -115,23 +117,38 @@ private:
     QHash<QString, QString> _directories;
 };
 
-QByteArray identityText(const std::optional<FileIdentity>& identity)
+// Appends a space and number in decimal.
+template <typename Number> void appendNumber(QByteArray& text, Number number)
 {
-    return identity ? QByteArray::number(qulonglong(identity->device)) + ' '
-            + QByteArray::number(qulonglong(identity->inode))
-                    : QByteArray(kNone) + ' ' + kNone;
+    char digits[24];
+    const char* end = std::to_chars(std::begin(digits), std::end(digits), number).ptr;
+    text += ' ';
+    text.append(digits, static_cast<int>(end - digits));
 }
 
-QByteArray oldContentText(const std::optional<zo::os::FileStatus>& status)
+void appendIdentity(QByteArray& text, const FileIdentity& identity)
 {
-    if (!status)
-        return QByteArray(kNone) + ' ' + kNone + ' ' + kNone + ' ' + kNone + ' ' + kNone + ' '
-            + kNone + ' ' + kNone;
-    return identityText(status->identity) + ' ' + QByteArray::number(qulonglong(status->size)) + ' '
-        + QByteArray::number(qlonglong(status->modifiedSeconds)) + ' '
-        + QByteArray::number(status->modifiedNanoseconds) + ' '
-        + QByteArray::number(qlonglong(status->changedSeconds)) + ' '
-        + QByteArray::number(status->changedNanoseconds);
+    appendNumber(text, identity.device);
+    appendNumber(text, identity.inode);
+}
+
+// Seven words: the old content's identity, size, modification and change times; dashes for a
+// new file.
+void appendOldContent(QByteArray& text, const std::optional<zo::os::FileStatus>& status)
+{
+    if (!status) {
+        for (int word = 0; word < 7; ++word) {
+            text += ' ';
+            text += kNone;
+        }
+        return;
+    }
+    appendIdentity(text, status->identity);
+    appendNumber(text, status->size);
+    appendNumber(text, status->modifiedSeconds);
+    appendNumber(text, status->modifiedNanoseconds);
+    appendNumber(text, status->changedSeconds);
+    appendNumber(text, status->changedNanoseconds);
 }
 
 std::optional<FileIdentity> identityFrom(const QByteArray& device, const QByteArray& inode)
@@ -142,7 +159,7 @@ std::optional<FileIdentity> identityFrom(const QByteArray& device, const QByteAr
     return deviceRead && inodeRead ? std::optional(identity) : std::nullopt;
 }
 
-// From the seven words oldContentText writes; none for a new file's dashes.
+// From the seven words appendOldContent writes; none for a new file's dashes.
 std::optional<OldContent> oldContentFrom(const QList<QByteArray>& words)
 {
     const std::optional<FileIdentity> identity = identityFrom(words[0], words[1]);
@@ -265,22 +282,26 @@ std::optional<SaveJournal> SaveJournal::write(
     // The engine resolved each path inside the root already; one named from the root as it
     // stands needs no second resolution.
     Beneath beneath(root);
+    const QString rootAbove = root + QLatin1Char('/');
     const auto relative = [&](const QString& path) {
-        return path.startsWith(root + QLatin1Char('/')) ? path.mid(root.size() + 1)
-                                                        : beneath.relative(path);
+        return path.startsWith(rootAbove) ? path.mid(rootAbove.size()) : beneath.relative(path);
     };
     QByteArray text = kFormatLine;
     for (const FileToSave& file : files) {
-        const QString source = relative(file.paths.source);
-        const QString swap = relative(file.paths.swap);
-        const QString backup = relative(file.paths.backup);
-        if (source.isEmpty() || swap.isEmpty() || backup.isEmpty()) {
+        const QString paths[] = { relative(file.paths.source), relative(file.paths.swap),
+            relative(file.paths.backup) };
+        if (std::any_of(std::begin(paths), std::end(paths), std::mem_fn(&QString::isEmpty))) {
             failure = QStringLiteral("'%1' is not a file inside '%2'").arg(file.paths.swap, root);
             return std::nullopt;
         }
-        text += QByteArray(kFileKey) + ' ' + encoded(source).toHex() + ' ' + encoded(swap).toHex()
-            + ' ' + encoded(backup).toHex() + ' ' + identityText(file.newContent) + ' '
-            + oldContentText(file.oldContent) + '\n';
+        text += kFileKey;
+        for (const QString& path : paths) {
+            text += ' ';
+            text += encoded(path).toHex();
+        }
+        appendIdentity(text, file.newContent);
+        appendOldContent(text, file.oldContent);
+        text += '\n';
     }
     const auto checksumAt = static_cast<off_t>(text.size() + qstrlen(kSumKey));
     text += kSumKey + checksumOf(text) + '\n';
