@@ -33,9 +33,17 @@ namespace {
 const QString kSwapExtension = QStringLiteral("csp");
 const QString kBackupExtension = QStringLiteral("bck");
 
+// The directory of an absolute path: "/a/b" gives "/a", "/b" gives "/".
 QString directoryOf(const QString& path)
 {
-    return QFileInfo(path).absolutePath();
+    const int slash = path.lastIndexOf(QLatin1Char('/'));
+    return slash > 0 ? path.left(slash) : QStringLiteral("/");
+}
+
+// The last component of an absolute path.
+QString nameOf(const QString& path)
+{
+    return path.mid(path.lastIndexOf(QLatin1Char('/')) + 1);
 }
 
 // The version a status shows; none for none.
@@ -392,9 +400,9 @@ ProjectVFS_Impl::StagedCommit::StagedCommit(const QString& path, const QString& 
     , backup(backup)
     , sourceDirectory(encoded(directoryOf(source)).toStdString())
     , swapDirectory(std::move(swapDirectory))
-    , sourceName(encoded(QFileInfo(source).fileName()))
-    , backupName(encoded(QFileInfo(backup).fileName()))
-    , swapName(encoded(QFileInfo(swap).fileName()))
+    , sourceName(encoded(nameOf(source)))
+    , backupName(encoded(nameOf(backup)))
+    , swapName(encoded(nameOf(swap)))
     , directories(&directories)
 {
 }
@@ -462,10 +470,18 @@ bool ProjectVFS_Impl::CommitDirectories::syncFileSystems() const
 ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(const QString& path,
     ProjectVFS::SourceChanges changes, CommitDirectories& directories, bool syncSwap)
 {
-    const QString source = resolvedPath(path, directories.resolver());
     const QString swap = _entries.value(path);
     const std::optional<std::string> swapDirectory
         = directories.resolver().resolve(encoded(directoryOf(swap)).toStdString());
+    // The source is the file beside the swap file unless that is a link (or missing, which
+    // only the whole resolution names); then the link's target, inside the project.
+    const QString name = nameOf(path);
+    const int swapAt = swapDirectory ? directories.at(*swapDirectory) : -1;
+    const std::optional<zo::os::FileStatus> beside
+        = swapAt >= 0 ? zo::os::statusAt(swapAt, encoded(name).constData(), false) : std::nullopt;
+    const bool sourceBeside = beside && beside->type != zo::os::EntryType::Link;
+    const QString source = sourceBeside ? decodedPath(*swapDirectory) + QLatin1Char('/') + name
+                                        : resolvedPath(path, directories.resolver());
     StagedCommit staged(path, source, swap, makeBackupPath(source),
         swapDirectory.value_or(std::string()), directories);
     if (!swapDirectory || staged.sourceAt() < 0 || staged.swapAt() < 0)
@@ -483,7 +499,8 @@ ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(const QString& path
     // stops this commit on purpose; an unremovable one is tolerated. One that may belong to
     // another process's commit in progress is not touched, and stops this commit too.
     const int at = staged.sourceAt();
-    staged.oldContent = zo::os::statusAt(at, staged.sourceName.constData(), false);
+    staged.oldContent
+        = sourceBeside ? beside : zo::os::statusAt(at, staged.sourceName.constData(), false);
     // Checked again here, and once more as the source is renamed, so that a change made while
     // the commit runs is found too.
     const auto recorded = _sources.constFind(path);
