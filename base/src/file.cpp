@@ -285,8 +285,11 @@ BeneathResolver::BeneathResolver(std::string root)
 
 const std::optional<std::string>& BeneathResolver::resolvedRoot()
 {
-    if (!_resolvedRoot)
+    if (!_resolvedRoot) {
         _resolvedRoot = resolvePhysically(_root);
+        // The paths below start from it rather than from the top.
+        _resolved.emplace(_root, *_resolvedRoot);
+    }
     return *_resolvedRoot;
 }
 
