@@ -156,7 +156,7 @@ std::shared_ptr<zo::os::OwnerMark> ProjectVFS_Impl::markBeside(
 }
 
 void ProjectVFS_Impl::recordSource(
-    const QString& path, const std::optional<zo::os::FileVersion>& source)
+    const QString& path, const std::optional<zo::os::FileVersion>& source, bool sealed)
 {
     _sources.insert(path, source);
     const auto swap = _entries.constFind(path);
@@ -165,7 +165,8 @@ void ProjectVFS_Impl::recordSource(
     const std::shared_ptr<zo::os::OwnerMark> mark = markBeside(path, swap.value());
     stampAsWrittenNow(swap.value());
     mark->noteSource(encoded(swap.value()).toStdString(), source);
-    sealContent(path);
+    if (sealed)
+        sealContent(path);
 }
 
 void ProjectVFS_Impl::stampAsWrittenNow(const QString& swap)
@@ -358,7 +359,8 @@ bool ProjectVFS_Impl::existsOrPending(const QString& path) const
     return it != _entries.cend() && exists(it.value());
 }
 
-QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swapPath)
+QString ProjectVFS_Impl::createSwapFile(
+    const QString& path, const QString& swapPath, bool contentKept)
 {
     const auto known = _entries.constFind(path);
     if (known != _entries.cend())
@@ -387,7 +389,7 @@ QString ProjectVFS_Impl::createSwapFile(const QString& path, const QString& swap
         created.close();
     }
     addEntry(path, swap);
-    recordSource(path, version);
+    recordSource(path, version, contentKept);
     return swap;
 }
 

@@ -95,8 +95,9 @@ public:
     std::shared_ptr<zo::os::OwnerMark> markBeside(const QString& path, const QString& swap);
     // The source version a pending path's swap file was made from (none for a new file), kept
     // here and noted in the owner mark for whoever recovers it after a crash, with what the
-    // swap file holds (sealContent).
-    void recordSource(const QString& path, const std::optional<zo::os::FileVersion>& source);
+    // swap file holds (sealContent) unless it is about to be rewritten.
+    void recordSource(
+        const QString& path, const std::optional<zo::os::FileVersion>& source, bool sealed = true);
     // Notes in the owner mark what the pending path's swap file holds now. Swap files are not
     // synced until they are committed, so that after the machine stopped, recovery tells one
     // that holds what this process wrote from a torn one (OwnerMarks::mayBeTorn).
@@ -139,7 +140,10 @@ public:
     // The file is on disk, or pending with its swap file on disk.
     bool existsOrPending(const QString& path) const;
 
-    QString createSwapFile(const QString& path, const QString& swapPath);
+    // The swap file made as a copy of the source, or empty for a new file. One about to be
+    // truncated (contentKept false) goes unsealed until written: a seal of the copy would not
+    // hold for a moment.
+    QString createSwapFile(const QString& path, const QString& swapPath, bool contentKept = true);
     void commit(VFSFile& file, ProjectVFS::SourceChanges changes);
     void discard(VFSFile& file);
     void remove(VFSFile& file);

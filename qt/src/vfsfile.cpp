@@ -32,7 +32,7 @@ bool VFSFile::open(QIODevice::OpenMode mode)
         // What is read or written is the link's target, which must not leave the project.
         _impl->requireInside(_fileName, true);
         if (onSwap)
-            createSwapFile();
+            _impl->createSwapFile(fileName(), swapName(), !(mode & QIODevice::Truncate));
     } catch (const exception::ProjectVFS& e) {
         setErrorString(QString::fromUtf8(e.what()));
         return false;
