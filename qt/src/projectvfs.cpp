@@ -188,7 +188,8 @@ QString ProjectVFS::createSwapFile(const QString& path)
     // The committed-changed handler runs here with no handle holding the engine, and it may
     // release this facade; the call keeps its own owner.
     const auto impl = _impl;
-    return impl->createSwapFile(path, impl->makeSwapPath(path));
+    const QString named = QDir::cleanPath(path); // as VFSFile names it
+    return impl->createSwapFile(named, impl->makeSwapPath(named));
 }
 
 void ProjectVFS::setCommittedChangedHandler(std::function<void(bool)>&& handler)

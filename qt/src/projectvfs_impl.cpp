@@ -476,9 +476,12 @@ ProjectVFS_Impl::StagedCommit ProjectVFS_Impl::prepareCommit(const QString& path
     const std::optional<std::string> swapDirectory
         = directories.resolver().resolve(encoded(directoryOf(swap)).toStdString());
     // The source is the file beside the swap file unless that is a link (or missing, which
-    // only the whole resolution names); then the link's target, inside the project.
+    // only the whole resolution names), or the path was named through "." or ".."; then the
+    // path as the system resolves it, inside the project.
     const QString name = nameOf(path);
-    const int swapAt = swapDirectory ? directories.at(*swapDirectory) : -1;
+    const int swapAt = swapDirectory && directoryOf(absoluteFilePath(path)) == directoryOf(swap)
+        ? directories.at(*swapDirectory)
+        : -1;
     const std::optional<zo::os::FileStatus> beside
         = swapAt >= 0 ? zo::os::statusAt(swapAt, encoded(name).constData(), false) : std::nullopt;
     const bool sourceBeside = beside && beside->type != zo::os::EntryType::Link;
@@ -850,8 +853,9 @@ bool ProjectVFS_Impl::isOwnSwap(const QString& swap) const
     return _swaps.contains(swap);
 }
 
-void ProjectVFS_Impl::copy(VFSFile& file, const QString& newPath, bool overwrite)
+void ProjectVFS_Impl::copy(VFSFile& file, const QString& path, bool overwrite)
 {
+    const QString newPath = QDir::cleanPath(path); // as VFSFile names it
     // What is read is the link's target, which must not leave the project.
     requireInside(file.fileName(), true);
     writeOutHandles(file.fileName());

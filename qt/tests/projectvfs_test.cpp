@@ -190,6 +190,13 @@ TEST_F(Facade, PathsStayInsideTheProject)
     project.commit();
     EXPECT_EQ(QFile::symLinkTarget(abs("p/inside")), abs("p/real.txt"));
     EXPECT_EQ(readFile(abs("p/real.txt")), "new");
+    // Named as text, as its swap file is: through a linked directory, ".." is not the link's.
+    writeFile(abs("p/sub/real.txt"), "beside");
+    ASSERT_TRUE(QDir(abs("p")).mkpath("sub/deep") && QFile::link("sub/deep", abs("p/deep")));
+    project.open("deep/../real.txt", QIODevice::WriteOnly)->write("cleaned");
+    project.commit();
+    EXPECT_EQ(readFile(abs("p/real.txt")), "cleaned");
+    EXPECT_EQ(readFile(abs("p/sub/real.txt")), "beside");
 
     ProjectDir directory(abs("p"));
     ProjectModel model;
@@ -197,6 +204,7 @@ TEST_F(Facade, PathsStayInsideTheProject)
         [&] { project.open("../out.txt", QIODevice::WriteOnly); },
         [&] { project.open(abs("out.txt"), QIODevice::WriteOnly); },
         [&] { project.open("up/out.txt", QIODevice::WriteOnly); },
+        [&] { project.open("deep/../../out.txt", QIODevice::WriteOnly); },
         [&] { project.open("out", QIODevice::WriteOnly); },
         [&] { project.copy("real.txt", "../out.txt", true); },
         [&] { project.mkpath("../made"); },
