@@ -23,7 +23,9 @@ class ProjectVFS_Impl;
 /// does, closes it: later writes through it fail instead of reaching the committed file.
 class ZOPROJECTQT_EXPORT VFSFile : public QFile {
 public:
-    /// A handle on path, relative to the root of the engine impl; touches no disk.
+    /// A handle on path, relative to the root of the engine impl; touches no disk. The path is
+    /// cleaned as QDir::cleanPath cleans it, as its swap file's name is: "d/../x" is x beside d,
+    /// whether or not d is a link.
     VFSFile(std::shared_ptr<detail::ProjectVFS_Impl> impl, const QString& path);
     ~VFSFile() override;
 
@@ -45,7 +47,7 @@ public:
     /// @return null on failure.
     FILE* fopen(const QString& mode);
 
-    /// The path as given, not the one the underlying file was opened with.
+    /// The path as given (cleaned), not the one the underlying file was opened with.
     QString fileName() const override;
     /// The swap file's path, relative to the project root.
     QString swapName() const;
