@@ -23,6 +23,8 @@
 
 #include <algorithm>
 #include <limits>
+#include <map>
+#include <set>
 #include <utility>
 
 namespace zo::project {
@@ -378,6 +380,14 @@ LeftBelow findLeftBelow(detail::ProjectVFS_Impl& impl)
     };
     const QString root = impl.absolutePath();
     const std::string rootBytes = detail::encoded(root).toStdString();
+    // A swap file is listed under one name: a linked directory that the walk looks into by
+    // itself too, or that another link leads to, is not listed through the link. Listed twice,
+    // a swap file could be abandoned under the name its user took for another file.
+    zo::os::BeneathResolver resolver(rootBytes);
+    const std::optional<std::string> physicalRoot = resolver.resolve(rootBytes);
+    std::set<std::string> lookedInto { "" }; // below the root, as the walk names them
+    std::set<std::string> linkedDirectories;
+    std::map<int, std::string> linkAt; // by place in the walk: the directory a link leads to
 
     // directories[depth]: the place in the walk of the directory whose entries are at that
     // depth, or -1 when it is not looked into.
@@ -407,13 +417,17 @@ LeftBelow findLeftBelow(detail::ProjectVFS_Impl& impl)
             if (entry.name.front() == '.')
                 return zo::os::WalkStep::SkipDirectory;
             directories.push_back(scannable(entry) ? ++walked : -1);
+            if (directories.back() >= 0)
+                lookedInto.emplace(entry.path);
         } else if (entry.type == zo::os::EntryType::Link && entry.name.front() != '.') {
             const QString linked = detail::decodedPath(entry.path);
             const QDir target(root + QLatin1Char('/') + linked);
-            if (!target.exists() || !scannable(entry)
-                || !zo::os::resolveBeneath(rootBytes, std::string(entry.path)))
+            const std::optional<std::string> resolved = resolver.resolve(std::string(entry.path));
+            if (!target.exists() || !scannable(entry) || !resolved || !physicalRoot
+                || !linkedDirectories.insert(*resolved).second)
                 return zo::os::WalkStep::Continue;
-            ++walked;
+            const std::size_t rootEnd = *physicalRoot == "/" ? 1 : physicalRoot->size() + 1;
+            linkAt[++walked] = resolved->substr(std::min(resolved->size(), rootEnd));
             for (const QString& name :
                 target.entryList({ QLatin1Char('*') + suffix }, QDir::Files | QDir::Hidden))
                 consider(linked + QLatin1Char('/') + name, walked);
@@ -431,6 +445,12 @@ LeftBelow findLeftBelow(detail::ProjectVFS_Impl& impl)
         }
         return zo::os::WalkStep::Continue;
     });
+    found.erase(std::remove_if(found.begin(), found.end(),
+                    [&](const auto& swap) {
+                        const auto link = linkAt.find(swap.first);
+                        return link != linkAt.end() && lookedInto.count(link->second);
+                    }),
+        found.end());
     std::stable_sort(
         found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     for (auto& [directory, info] : found)
@@ -498,11 +518,12 @@ std::vector<ProjectVFS::RecoverableState> ProjectVFS::inspect(
 void ProjectVFS::recoverFile(const RecoverableInfo& info)
 {
     const auto impl = _impl; // outlives a handler that releases this facade, as above
+    const QString sourcePath = QDir::cleanPath(info.sourcePath); // as VFSFile names it
     impl->requireInside(info.swapPath, false);
-    impl->requireInside(info.sourcePath, true);
+    impl->requireInside(sourcePath, true);
     const QString swap = impl->absoluteFilePath(info.swapPath);
     const std::string swapBytes = detail::encoded(swap).toStdString();
-    const QString newSwap = impl->absoluteFilePath(impl->makeSwapPath(info.sourcePath));
+    const QString newSwap = impl->absoluteFilePath(impl->makeSwapPath(sourcePath));
     zo::os::OwnerMarks marks;
     const OwnerInfo owner
         = detail::ownerInfoOf(detail::judgeOwner(marks, swap, info.pid), info.pid);
@@ -511,7 +532,7 @@ void ProjectVFS::recoverFile(const RecoverableInfo& info)
         throw exception::SwapFileTorn(info.swapPath.toStdString());
     // This process's marks before its swap file.
     impl->ownerMark();
-    impl->markBeside(info.sourcePath, newSwap);
+    impl->markBeside(sourcePath, newSwap);
 
     bool transferred;
     if (mayStillRun(owner, info)) {
@@ -520,8 +541,8 @@ void ProjectVFS::recoverFile(const RecoverableInfo& info)
     } else {
         // An ended process of this process's own id left the file under the name this one
         // gives it: it is taken over where it is.
-        transferred = swap == newSwap ? !impl->isNotCommitted(info.sourcePath)
-                                      : renameDurably(swap, newSwap);
+        transferred
+            = swap == newSwap ? !impl->isNotCommitted(sourcePath) : renameDurably(swap, newSwap);
         // The file keeps the time of its dead owner's last write, from before this process's
         // mark; stamped now, it names this process as its live owner.
         if (transferred)
@@ -529,11 +550,11 @@ void ProjectVFS::recoverFile(const RecoverableInfo& info)
     }
     if (!transferred)
         throw exception::SwapFileRename(impl->relativeFilePath(info.swapPath).toStdString());
-    impl->addEntry(info.sourcePath, newSwap);
+    impl->addEntry(sourcePath, newSwap);
     if (noted)
-        impl->recordSource(info.sourcePath, *noted);
+        impl->recordSource(sourcePath, *noted);
     else
-        impl->recordCurrentSource(info.sourcePath);
+        impl->recordCurrentSource(sourcePath);
 }
 
 void ProjectVFS::abandonFile(const RecoverableInfo& info)

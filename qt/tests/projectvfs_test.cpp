@@ -258,6 +258,15 @@ TEST_F(Recovery, ListsSwapFilesRootFirstWithSourceAndProcessAndNothingElse)
             { ".huge.txt.99999999999.csp", "huge.txt", 0 },
             { ".line\nbreak.77.csp", "line\nbreak", 77 },
             { "doc/.notes.txt.4242.csp", "doc/notes.txt", 4242 } }));
+
+    // Once each, under its own name where the walk looks into its directory itself.
+    ASSERT_TRUE(QFile::link("doc", abs("adoc")) && QFile::link(".", abs("self"))
+        && QFile::link(".hidden", abs("h1")) && QFile::link(".hidden", abs("h2")));
+    found = vfs.recoverableFiles();
+    EXPECT_EQ(found.size(), 6u);
+    EXPECT_EQ(std::count_if(found.begin(), found.end(),
+                  [](const Info& info) { return info.swapPath.endsWith("/.h.txt.5.csp"); }),
+        1);
 }
 
 // The file of a process that still runs is copied, never moved or removed.
