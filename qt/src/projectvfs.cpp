@@ -277,16 +277,17 @@ void ProjectVFS::move(const QString& source, const QString& destination, bool ov
     _impl->move(*file(source), destination, overwrite);
 }
 
-void ProjectVFS::remove(const QString& path)
+void ProjectVFS::remove(const QString& given)
 {
     const auto impl = _impl; // outlives a handler that releases this facade, as above
+    const QString path = QDir::cleanPath(given); // as VFSFile names it: "x/" is x
     impl->requireInside(path, false);
     if (impl->hasFile(path)) {
         impl->remove(*file(path));
         return;
     }
     // A link, to a directory too, goes as a link: a walk from it would empty its target.
-    const QString absolute = impl->absoluteFilePath(QDir::cleanPath(path));
+    const QString absolute = impl->absoluteFilePath(path);
     if (QFileInfo(absolute).isSymLink()) {
         zo::project::remove(absolute);
         return;

@@ -106,7 +106,7 @@ TEST_F(Facade, RemoveTakesSwapFilesAndNeverFollowsLinks)
     EXPECT_EQ(readFile(abs("a.txt")), "same name elsewhere");
     EXPECT_FALSE(vfs.isNotCommitted());
     edit("a.txt", "new");
-    vfs.remove("a.txt");
+    vfs.remove("./a.txt/");
     EXPECT_EQ(filesBelow(dir.path()), Files {});
 
     // A directory in the place of a swap file is none: it goes with the tree.
