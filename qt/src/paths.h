@@ -4,6 +4,7 @@
 #include <zo/project/fileutils.h>
 
 #include <QByteArray>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QSet>
@@ -28,6 +29,14 @@ inline QByteArray encoded(const QString& path)
 inline QString decodedPath(std::string_view path)
 {
     return QString::fromLocal8Bit(path.data(), static_cast<int>(path.size()));
+}
+
+// The name a pending file goes by, whichever call names it: its path cleaned as text, as its
+// swap file's name is, so that "d/../x" is x beside d whether or not d is a link, and what is
+// read, the swap file and what a commit replaces are one file.
+inline QString pendingName(const QString& path)
+{
+    return QDir::cleanPath(path);
 }
 
 // A text (a message, a metadata key) as the libraries take it.

@@ -190,7 +190,7 @@ QString ProjectVFS::createSwapFile(const QString& path)
     // The committed-changed handler runs here with no handle holding the engine, and it may
     // release this facade; the call keeps its own owner.
     const auto impl = _impl;
-    const QString named = QDir::cleanPath(path); // as VFSFile names it
+    const QString named = detail::pendingName(path);
     return impl->createSwapFile(named, impl->makeSwapPath(named));
 }
 
@@ -280,7 +280,7 @@ void ProjectVFS::move(const QString& source, const QString& destination, bool ov
 void ProjectVFS::remove(const QString& given)
 {
     const auto impl = _impl; // outlives a handler that releases this facade, as above
-    const QString path = QDir::cleanPath(given); // as VFSFile names it: "x/" is x
+    const QString path = detail::pendingName(given); // "x/" is x
     impl->requireInside(path, false);
     if (impl->hasFile(path)) {
         impl->remove(*file(path));
@@ -519,7 +519,7 @@ std::vector<ProjectVFS::RecoverableState> ProjectVFS::inspect(
 void ProjectVFS::recoverFile(const RecoverableInfo& info)
 {
     const auto impl = _impl; // outlives a handler that releases this facade, as above
-    const QString sourcePath = QDir::cleanPath(info.sourcePath); // as VFSFile names it
+    const QString sourcePath = detail::pendingName(info.sourcePath);
     impl->requireInside(info.swapPath, false);
     impl->requireInside(sourcePath, true);
     const QString swap = impl->absoluteFilePath(info.swapPath);

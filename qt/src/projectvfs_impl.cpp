@@ -855,7 +855,7 @@ bool ProjectVFS_Impl::isOwnSwap(const QString& swap) const
 
 void ProjectVFS_Impl::copy(VFSFile& file, const QString& path, bool overwrite)
 {
-    const QString newPath = QDir::cleanPath(path); // as VFSFile names it
+    const QString newPath = pendingName(path);
     // What is read is the link's target, which must not leave the project.
     requireInside(file.fileName(), true);
     writeOutHandles(file.fileName());

@@ -1,21 +1,18 @@
 #include <zo/project/vfsfile.h>
 
+#include "paths.h"
 #include "projectvfs_impl.h"
 
 #include <zo/project/exceptions.h>
 #include <zo/project/fileutils.h>
 
-#include <QDir>
-
 #include <utility>
 
 namespace zo::project {
 
-// The name is cleaned as its swap file's name is: "d/../x" is "x" whether or not d is a link,
-// so that what is read, the swap file and what a commit replaces are one file.
 VFSFile::VFSFile(std::shared_ptr<detail::ProjectVFS_Impl> impl, const QString& path)
     : _impl(std::move(impl))
-    , _fileName(QDir::cleanPath(path))
+    , _fileName(detail::pendingName(path))
     , _swapName(_impl->makeSwapPath(_fileName))
     , _opened(_impl->isNotCommitted(_fileName) ? &VFSFile::_swapName : &VFSFile::_fileName)
 {
@@ -102,7 +99,7 @@ QString VFSFile::createSwapFile()
 
 void VFSFile::move(const QString& path, bool overwrite)
 {
-    const QString newPath = QDir::cleanPath(path);
+    const QString newPath = detail::pendingName(path);
     _impl->requireInside(newPath, false);
     const QString oldName = fileName();
     const QString newSwap = _impl->makeSwapPath(newPath);
